@@ -1,0 +1,51 @@
+# Entry points: `make demo` and `make test`. Each installs missing Debian
+# packages first (scripts/install-deps.sh), then configures and builds.
+JOBS ?= 2
+CMAKE_FLAGS ?=
+CTEST = ctest --output-on-failure -j$(JOBS)
+
+.PHONY: all deps build test test-asan test-tsan fuzz fuzz-smoke demo clean format
+
+all: build
+
+deps:
+	@scripts/install-deps.sh
+
+build: deps
+	cmake -S . -B build -G Ninja $(CMAKE_FLAGS)
+	cmake --build build -j$(JOBS)
+
+test: build
+	cd build && $(CTEST)
+
+# The same suite built with AddressSanitizer and UndefinedBehaviorSanitizer.
+test-asan: deps
+	cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DTAMREL_SANITIZE=address,undefined $(CMAKE_FLAGS)
+	cmake --build build-asan -j$(JOBS)
+	cd build-asan && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 $(CTEST)
+
+# The concurrency tests built with ThreadSanitizer.
+test-tsan: deps
+	cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DTAMREL_SANITIZE=thread $(CMAKE_FLAGS)
+	cmake --build build-tsan -j$(JOBS)
+	cd build-tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" $(CTEST) -L concurrency
+
+fuzz:
+	@scripts/install-deps.sh fuzz
+	CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DTAMREL_BUILD_TESTS=OFF -DTAMREL_BUILD_FUZZERS=ON
+	cmake --build build-fuzz -j$(JOBS) --target fuzz_all
+
+# Each fuzz target for FUZZ_SECONDS, seeded from tests/data and fuzz/corpus.
+FUZZ_SECONDS ?= 60
+fuzz-smoke: fuzz
+	scripts/fuzz-run.sh build-fuzz $(FUZZ_SECONDS)
+
+demo: build
+	./build/tamrel-agent --demo
+
+format:
+	clang-format -i $$(git ls-files '*.cpp' '*.h')
+
+clean:
+	rm -rf build build-asan build-tsan build-fuzz

@@ -1,0 +1,149 @@
+// Messages from the device: update feedback, config data, cancel feedback.
+#include "ddi/cjson_owner.h"
+#include "ddi/feedback_time.h"
+#include "io/logline.h"
+#include "io/memoryio.h"
+#include "io/nullhash.h"
+#include "plugin/libtamrelcore.h"
+#include "transport/curlmanager.h"
+
+namespace {
+
+char const* finishedWord(finished_t finished) {
+  switch (finished) {
+    case finished_t::none: return "none";
+    case finished_t::success: return "success";
+    case finished_t::failure: return "failure";
+    default: return nullptr;
+  }
+}
+
+char const* executionWord(execution_t execution) {
+  switch (execution) {
+    case execution_t::closed: return "closed";
+    case execution_t::proceeding: return "proceeding";
+    case execution_t::canceled: return "canceled";
+    case execution_t::scheduled: return "scheduled";
+    case execution_t::rejected: return "rejected";
+    case execution_t::resumed: return "resumed";
+    default: return nullptr;
+  }
+}
+
+// Adds "status": {"result": {...}, "execution": ..., "details": [...]} to
+// `root`; `result` already holds what goes into "result" except "finished".
+cJSON* addStatus(cJSON* root, cJSON* result, char const* finished, char const* execution) {
+  cJSON* status = cJSON_CreateObject();
+  cJSON_AddItemToObject(root, "status", status);
+  cJSON_AddItemToObject(result, "finished", cJSON_CreateString(finished));
+  cJSON_AddItemToObject(status, "result", result);
+  cJSON_AddItemToObject(status, "execution", cJSON_CreateString(execution));
+  cJSON* details = cJSON_CreateArray();
+  cJSON_AddItemToObject(status, "details", details);
+  return details;
+}
+
+std::shared_ptr<curlbuffer> bodyBuffer(std::string const& text) {
+  return std::make_shared<curlbuffer>(std::make_unique<memoryio>(text),
+                                      std::make_unique<nullhash>());
+}
+
+}  // namespace
+
+bool libtamrelcore::sendUpdateFeedback(hawkbit_query_t::deployment_t const& deployment) {
+  if (deployment.chunks.empty()) return false;
+  std::shared_ptr<lookup> const table = properties.lock();
+  if (!table) {
+    logLine(
+        "[E] libtamrelcore -> Unable to find configuration. Cannot proceed with update "
+        "feedback\n");
+    return false;
+  }
+  char const* const missing = "[E] libtamrelcore -> Cannot find %s or %s\n";
+  std::string address, tenant, controller;
+  if (!settingPair(*table, "address", missing, address) ||
+      !settingPair(*table, "tenant-id", missing, tenant) ||
+      !settingPair(*table, "controller-id", missing, controller)) {
+    return false;
+  }
+  std::string const url = address + "/" + tenant + "/controller/v1/" + controller +
+                          "/deploymentBase/" + deployment.id + "/feedback";
+
+  char const* const finished = finishedWord(deployment.finished);
+  if (finished == nullptr) {
+    logLine("[E] libtamrelcore -> Unsupported software finishing status!\n");
+    return false;
+  }
+  char const* const execution = executionWord(deployment.execution);
+  if (execution == nullptr) {
+    logLine("[E] libtamrelcore -> Unsupported software execution status!\n");
+    return false;
+  }
+
+  int completed = 0;
+  for (auto const& chunk : deployment.chunks) completed += chunk.completed ? 1 : 0;
+
+  cjson_tree root(cJSON_CreateObject());
+  cJSON_AddItemToObject(root.get(), "id", cJSON_CreateString(deployment.id.c_str()));
+  cJSON_AddItemToObject(root.get(), "time", cJSON_CreateString(feedbackTime().c_str()));
+  cJSON* result = cJSON_CreateObject();
+  cJSON* progress = cJSON_CreateObject();
+  cJSON_AddItemToObject(result, "progress", progress);
+  cJSON_AddItemToObject(progress, "of", cJSON_CreateNumber(deployment.chunks.size()));
+  cJSON_AddItemToObject(progress, "cnt", cJSON_CreateNumber(completed));
+  cJSON* details = addStatus(root.get(), result, finished, execution);
+  for (auto const& chunk : deployment.chunks) {
+    for (auto const& line : chunk.details) {
+      cJSON_AddItemToArray(details, cJSON_CreateString(line.c_str()));
+    }
+  }
+  std::string const text = printUnformatted(root);
+  root.reset();
+  return transport->post(url, bodyBuffer(text));
+}
+
+bool libtamrelcore::sendConfigData(std::vector<tamrel::value_pair_t> const& attributes) {
+  auto const link = links.find("configData");
+  if (link == links.end()) {
+    logLine("[E] libtamrelcore -> %s not retrieved by the server\n", "configData");
+    return false;
+  }
+  std::string const url = link->second;
+  if (url.empty()) {
+    logLine("[E] libtamrelcore -> Cannot send config data - URL is missing\n");
+    return false;
+  }
+
+  cjson_tree root(cJSON_CreateObject());
+  cJSON_AddItemToObject(root.get(), "mode", cJSON_CreateString("merge"));
+  cJSON* data = cJSON_CreateObject();
+  cJSON_AddItemToObject(root.get(), "data", data);
+  for (auto const& pair : attributes) {
+    cJSON_AddItemToObject(data, pair.key.c_str(), cJSON_CreateString(pair.value.c_str()));
+  }
+  cJSON_AddItemToObject(root.get(), "id", cJSON_CreateString(""));
+  cJSON_AddItemToObject(root.get(), "time", cJSON_CreateString(feedbackTime().c_str()));
+  addStatus(root.get(), cJSON_CreateObject(), "success", "closed");
+  std::string const text = printUnformatted(root);
+  root.reset();
+  return transport->put(url, bodyBuffer(text));
+}
+
+bool libtamrelcore::sendCancelActionFeedback(std::string const& url, std::string const& actionId,
+                                             std::string const& execution,
+                                             std::string const& finished,
+                                             std::string const& details) {
+  if (url.empty()) {
+    logLine("[W] libtamrelcore -> Cannot send cancel action feedback - URL is missing\n");
+    return false;
+  }
+  cjson_tree root(cJSON_CreateObject());
+  cJSON_AddItemToObject(root.get(), "id", cJSON_CreateString(actionId.c_str()));
+  cJSON_AddItemToObject(root.get(), "time", cJSON_CreateString(feedbackTime().c_str()));
+  cJSON* lines =
+      addStatus(root.get(), cJSON_CreateObject(), finished.c_str(), execution.c_str());
+  cJSON_AddItemToArray(lines, cJSON_CreateString(details.c_str()));
+  std::string const text = printUnformatted(root);
+  root.reset();
+  return transport->post(url + "/feedback", bodyBuffer(text));
+}

@@ -1,0 +1,134 @@
+#include "io/fileio.h"
+
+#include <memory>
+
+#include "io/logline.h"
+
+namespace {
+
+constexpr std::ios_base::openmode kAppendMode =
+    std::ios_base::in | std::ios_base::out | std::ios_base::binary | std::ios_base::app;
+constexpr std::ios_base::openmode kTruncateMode =
+    std::ios_base::in | std::ios_base::out | std::ios_base::binary | std::ios_base::trunc;
+constexpr long long kBlock = 4096;
+
+std::shared_ptr<char> emptyPiece() {
+  return std::shared_ptr<char>(new char[1](), std::default_delete<char[]>());
+}
+
+}  // namespace
+
+fileio::fileio(std::string const& name) : path(name) {
+  if (path.empty()) {
+    logLine("[E] libtamrelcore -> Cannot open file with empty name. This won't work\n");
+    return;
+  }
+  file.open(path, kAppendMode);
+}
+
+unsigned int fileio::write(char const* data, unsigned int length) {
+  if (!file.is_open()) return 0;
+  // Appending writes land at the end anyway; seeking there first makes the
+  // position difference below the true count even before any re-read.
+  file.seekp(0, std::ios_base::end);
+  long long const before = static_cast<long long>(file.tellp());
+  file.write(data, static_cast<std::streamsize>(length));
+  long long const after = static_cast<long long>(file.tellp());
+  long long const written = (before < 0 || after < 0) ? -1 : after - before;
+  if (written == static_cast<long long>(length)) {
+    if (hasher) hasher->write(data, length);
+    return length;
+  }
+  logLine("[E] libtamrelcore -> Unable to write %u bytes to file (wrote %i)\n", length,
+          static_cast<int>(written));
+  return written > 0 ? static_cast<unsigned int>(written) : 0;
+}
+
+std::string fileio::data() const {
+  logLine("[E] libtamrelcore -> data() command not available\n");
+  return std::string();
+}
+
+unsigned int fileio::size() const {
+  std::streampos const here = file.tellg();
+  file.seekg(0, std::ios_base::end);
+  std::streampos const end = file.tellg();
+  if (here != std::streampos(-1)) file.seekg(here);
+  if (end == std::streampos(-1)) return 0;
+  return static_cast<unsigned int>(static_cast<long long>(end));
+}
+
+long long fileio::readChunk(char* buffer, long long n) {
+  if (n < 0) return 0;
+  long long const before = static_cast<long long>(file.tellg());
+  file.read(buffer, static_cast<std::streamsize>(n));
+  long long const after = static_cast<long long>(file.tellg());
+  if (before < 0 || after < 0) return -1;
+  return after - before;
+}
+
+std::shared_ptr<char> fileio::read(unsigned int& length) {
+  unsigned int const requested = length;
+  length = 0;
+  if (!file.is_open()) return emptyPiece();
+  std::shared_ptr<char> piece(new char[requested == 0 ? 1 : requested],
+                              std::default_delete<char[]>());
+  long long const got = readChunk(piece.get(), requested);
+  if (got < 0) return emptyPiece();
+  length = static_cast<unsigned int>(got);
+  return piece;
+}
+
+void fileio::reset() {
+  logLine("[I] libtamrelcore -> Truncating file: %s\n", path.c_str());
+  std::fstream fresh(path, kTruncateMode);
+  file = std::move(fresh);
+}
+
+void fileio::setHash(std::unique_ptr<hashbase>&& hash) {
+  hasher = std::move(hash);
+  rehash();
+}
+
+bool fileio::hashMatches() { return hasher ? hasher->matches() : false; }
+
+void fileio::rehash() {
+  if (!hasher) {
+    logLine("[E] libtamrelcore -> Unable to rehash data - no hasher available\n");
+    return;
+  }
+  file.seekg(0, std::ios_base::end);
+  long long const total = static_cast<long long>(file.tellg());
+  file.seekg(0, std::ios_base::beg);
+  if (total <= 0) return;
+
+  long long const blocks = total / kBlock;
+  long long const remainder = total % kBlock;
+  std::unique_ptr<char[]> buffer(new char[kBlock]);
+  long long done = 0;
+  for (long long i = 0; i < blocks; ++i) {
+    long long const got = readChunk(buffer.get(), kBlock);
+    if (got != kBlock) {
+      logLine("[E] libtamrelcore -> Unable to read %u bytes from file (got %lli)\n",
+              static_cast<unsigned int>(kBlock), got);
+      logLine("[E] libtamrelcore -> Unable to read the request %lli bytes from file (got %lli)\n",
+              total, done);
+      return;
+    }
+    done += kBlock;
+    hasher->write(buffer.get(), static_cast<unsigned int>(kBlock));
+  }
+  long long const got = readChunk(buffer.get(), remainder);
+  if (got < 0 || got != remainder) {
+    logLine("[E] libtamrelcore -> Unable to read %lli bytes from file (read %lli)\n", remainder,
+            got);
+  }
+  if (got > 0) {
+    hasher->write(buffer.get(), static_cast<unsigned int>(got));
+    done += got;
+  }
+  if (done != total) {
+    logLine("[E] libtamrelcore -> Unable to read the request %lli bytes from file (got %lli)\n",
+            total, done);
+  }
+}
