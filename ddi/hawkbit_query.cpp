@@ -43,8 +43,8 @@ bool is_valid(deployment_t const& deployment) {
 }
 
 bool is_valid(hawkbit_query_t const& query) {
-  return is_valid(query.config) || is_valid(query.config_data) ||
-         is_valid(query.cancel_action) || is_valid(query.deployment);
+  return is_valid(query.config) || is_valid(query.config_data) || is_valid(query.cancel_action) ||
+         is_valid(query.deployment);
 }
 
 bool operator==(hawkbit_query_t::config_t const& a, hawkbit_query_t::config_t const& b) {
@@ -64,8 +64,8 @@ bool operator==(std::vector<metadata_entry_t> const& a, std::vector<metadata_ent
 }
 
 bool operator==(chunk_t const& a, chunk_t const& b) {
-  return a.name == b.name && a.part == b.part && a.version == b.version &&
-         operator==(a.metadata, b.metadata);
+  return a.name == b.name && a.part == b.part &&
+         a.version == b.version && operator==(a.metadata, b.metadata);
 }
 
 bool operator==(std::vector<chunk_t> const& a, std::vector<chunk_t> const& b) {

@@ -77,8 +77,8 @@ struct hawkbit_query_t {
       struct artifact_t {
         std::string filename;
         std::uint64_t size = 0;
-        std::string destination;   // set by the host
-        std::string subdirectory;  // set by the host, optional
+        std::string destination;                              // set by the host
+        std::string subdirectory;                             // set by the host, optional
         std::unordered_map<std::string, std::string> hashes;  // e.g. "sha1" -> digest text
         std::unordered_map<std::string, std::string> links;   // e.g. "download-http" -> URL
       };
@@ -120,19 +120,27 @@ TAMREL_EXPORT bool is_valid(hawkbit_query_t::deployment_t const& deployment);
 
 // Equality. Vectors compare without regard to order: each left element must
 // have an equal element somewhere on the right (sizes must match).
-TAMREL_EXPORT bool operator==(hawkbit_query_t::config_t const& a, hawkbit_query_t::config_t const& b);
-TAMREL_EXPORT bool operator!=(hawkbit_query_t::config_t const& a, hawkbit_query_t::config_t const& b);
-TAMREL_EXPORT bool operator==(hawkbit_query_t::deployment_t::chunk_t::metadata_entry_t const& a, hawkbit_query_t::deployment_t::chunk_t::metadata_entry_t const& b);
-TAMREL_EXPORT bool operator==(std::vector<hawkbit_query_t::deployment_t::chunk_t::metadata_entry_t> const& a,
-                              std::vector<hawkbit_query_t::deployment_t::chunk_t::metadata_entry_t> const& b);
+TAMREL_EXPORT bool operator==(hawkbit_query_t::config_t const& a,
+                              hawkbit_query_t::config_t const& b);
+TAMREL_EXPORT bool operator!=(hawkbit_query_t::config_t const& a,
+                              hawkbit_query_t::config_t const& b);
+TAMREL_EXPORT bool operator==(hawkbit_query_t::deployment_t::chunk_t::metadata_entry_t const& a,
+                              hawkbit_query_t::deployment_t::chunk_t::metadata_entry_t const& b);
+TAMREL_EXPORT bool operator==(
+    std::vector<hawkbit_query_t::deployment_t::chunk_t::metadata_entry_t> const& a,
+    std::vector<hawkbit_query_t::deployment_t::chunk_t::metadata_entry_t> const& b);
 TAMREL_EXPORT bool operator==(hawkbit_query_t::deployment_t::chunk_t const& a,
                               hawkbit_query_t::deployment_t::chunk_t const& b);
-TAMREL_EXPORT bool operator==(std::vector<hawkbit_query_t::deployment_t::chunk_t> const& a, std::vector<hawkbit_query_t::deployment_t::chunk_t> const& b);
+TAMREL_EXPORT bool operator==(std::vector<hawkbit_query_t::deployment_t::chunk_t> const& a,
+                              std::vector<hawkbit_query_t::deployment_t::chunk_t> const& b);
 TAMREL_EXPORT bool operator==(hawkbit_query_t::deployment_t const& a,
                               hawkbit_query_t::deployment_t const& b);
 TAMREL_EXPORT bool operator!=(hawkbit_query_t::deployment_t const& a,
                               hawkbit_query_t::deployment_t const& b);
-TAMREL_EXPORT bool operator==(hawkbit_query_t::deployment_t::chunk_t::artifact_t const& a, hawkbit_query_t::deployment_t::chunk_t::artifact_t const& b);
-TAMREL_EXPORT bool operator==(std::vector<hawkbit_query_t::deployment_t::chunk_t::artifact_t> const& a, std::vector<hawkbit_query_t::deployment_t::chunk_t::artifact_t> const& b);
+TAMREL_EXPORT bool operator==(hawkbit_query_t::deployment_t::chunk_t::artifact_t const& a,
+                              hawkbit_query_t::deployment_t::chunk_t::artifact_t const& b);
+TAMREL_EXPORT bool operator==(
+    std::vector<hawkbit_query_t::deployment_t::chunk_t::artifact_t> const& a,
+    std::vector<hawkbit_query_t::deployment_t::chunk_t::artifact_t> const& b);
 
 #endif  // TAMREL_DDI_HAWKBIT_QUERY_H_

@@ -11,22 +11,33 @@ namespace {
 
 char const* finishedWord(finished_t finished) {
   switch (finished) {
-    case finished_t::none: return "none";
-    case finished_t::success: return "success";
-    case finished_t::failure: return "failure";
-    default: return nullptr;
+    case finished_t::none:
+      return "none";
+    case finished_t::success:
+      return "success";
+    case finished_t::failure:
+      return "failure";
+    default:
+      return nullptr;
   }
 }
 
 char const* executionWord(execution_t execution) {
   switch (execution) {
-    case execution_t::closed: return "closed";
-    case execution_t::proceeding: return "proceeding";
-    case execution_t::canceled: return "canceled";
-    case execution_t::scheduled: return "scheduled";
-    case execution_t::rejected: return "rejected";
-    case execution_t::resumed: return "resumed";
-    default: return nullptr;
+    case execution_t::closed:
+      return "closed";
+    case execution_t::proceeding:
+      return "proceeding";
+    case execution_t::canceled:
+      return "canceled";
+    case execution_t::scheduled:
+      return "scheduled";
+    case execution_t::rejected:
+      return "rejected";
+    case execution_t::resumed:
+      return "resumed";
+    default:
+      return nullptr;
   }
 }
 
@@ -140,8 +151,7 @@ bool libtamrelcore::sendCancelActionFeedback(std::string const& url, std::string
   cjson_tree root(cJSON_CreateObject());
   cJSON_AddItemToObject(root.get(), "id", cJSON_CreateString(actionId.c_str()));
   cJSON_AddItemToObject(root.get(), "time", cJSON_CreateString(feedbackTime().c_str()));
-  cJSON* lines =
-      addStatus(root.get(), cJSON_CreateObject(), finished.c_str(), execution.c_str());
+  cJSON* lines = addStatus(root.get(), cJSON_CreateObject(), finished.c_str(), execution.c_str());
   cJSON_AddItemToArray(lines, cJSON_CreateString(details.c_str()));
   std::string const text = printUnformatted(root);
   root.reset();

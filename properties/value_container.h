@@ -75,7 +75,9 @@ class value_container {
   value_container& operator=(bool b) { return assign(booleanValue_, b, type::boolean); }
   value_container& operator=(int i) { return assign(integerValue_, i, type::integer); }
   value_container& operator=(std::string const& s) { return assign(stringValue_, s, type::string); }
-  value_container& operator=(char const* s) { return assign(stringValue_, std::string(s), type::string); }
+  value_container& operator=(char const* s) {
+    return assign(stringValue_, std::string(s), type::string);
+  }
   value_container& operator=(link_t const& l) { return assign(linkValue_, l, type::link); }
 
   simple_signal::signal<value_container&> changed;

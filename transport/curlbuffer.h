@@ -13,8 +13,7 @@
 // chunk stored. Always held by std::shared_ptr for the length of one exchange.
 struct curlbuffer {
   explicit curlbuffer(std::unique_ptr<iobase> body) : sink(std::move(body)) {}
-  curlbuffer(std::unique_ptr<iobase> body, std::unique_ptr<hashbase> hash)
-      : sink(std::move(body)) {
+  curlbuffer(std::unique_ptr<iobase> body, std::unique_ptr<hashbase> hash) : sink(std::move(body)) {
     sink->setHash(std::move(hash));
   }
   // The sink goes first (a file is closed there), then the signal.
