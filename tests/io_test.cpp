@@ -1,0 +1,231 @@
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "io/fileio.h"
+#include "io/md5sum.h"
+#include "io/memoryio.h"
+#include "io/nullhash.h"
+#include "io/sha1sum.h"
+#include "tests/support/capture_stderr.h"
+
+namespace {
+
+using tamrel::testing::CaptureStderr;
+
+constexpr char kFox[] = "The quick brown fox jumps over the lazy dog";
+
+// Records what it was fed, block by block.
+class RecordingHash : public hashbase {
+ public:
+  bool matches() override { return true; }
+  void write(char const* data, unsigned int length) override {
+    blocks.push_back(length);
+    bytes.append(data, length);
+  }
+  std::string hash() override { return bytes; }
+  std::vector<unsigned int> blocks;
+  std::string bytes;
+};
+
+std::string patterned(std::size_t n) {
+  std::string text(n, '\0');
+  for (std::size_t i = 0; i < n; ++i) text[i] = static_cast<char>((i * 131 + 7) & 0xff);
+  return text;
+}
+
+std::string sha1Of(std::string const& text) {
+  sha1sum h;
+  h.write(text.data(), static_cast<unsigned int>(text.size()));
+  return h.hash();
+}
+
+class TempDir : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char name[] = "/tmp/tamrel-io-XXXXXX";
+    dir_ = mkdtemp(name);
+  }
+  void TearDown() override { std::system(("rm -rf " + dir_).c_str()); }
+  std::string path(std::string const& name) const { return dir_ + "/" + name; }
+  static void writeFile(std::string const& path, std::string const& content) {
+    std::ofstream(path, std::ios::binary) << content;
+  }
+  static std::string readFile(std::string const& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  }
+  std::string dir_;
+};
+
+TEST(Hash, KnownAnswers) {
+  struct {
+    std::string input;
+    char const* sha1;
+    char const* md5;
+  } const rows[] = {
+      {"", "da39a3ee5e6b4b0d3255bfef95601890afd80709", "d41d8cd98f00b204e9800998ecf8427e"},
+      {kFox, "2fd4e1c67a2d28fced849ee1bb76e7391b93eb12", "9e107d9d372bb6826bd81d3542a419d6"},
+  };
+  for (auto const& row : rows) {
+    sha1sum s(row.sha1);
+    md5sum m(row.md5);
+    // Fed one byte at a time: splitting must not change the digest.
+    for (char c : row.input) {
+      s.write(&c, 1);
+      m.write(&c, 1);
+    }
+    EXPECT_TRUE(s.matches());
+    EXPECT_TRUE(m.matches());
+    EXPECT_EQ(s.hash(), row.sha1);  // cached, still the same
+    EXPECT_EQ(m.hash(), row.md5);   // second call gives the first result
+  }
+}
+
+TEST(Hash, ComparisonIsExact) {
+  CaptureStderr capture;
+  sha1sum upper("DA39A3EE5E6B4B0D3255BFEF95601890AFD80709");
+  EXPECT_FALSE(upper.matches());
+  EXPECT_EQ(capture.text(),
+            "[W] libtamrelcore -> Checksum does not match. Expected "
+            "\"DA39A3EE5E6B4B0D3255BFEF95601890AFD80709\" but got "
+            "\"da39a3ee5e6b4b0d3255bfef95601890afd80709\"\n");
+  EXPECT_FALSE(md5sum("D41D8CD98F00B204E9800998ECF8427E").matches());
+  EXPECT_FALSE(sha1sum().matches());  // an empty expectation never matches
+  EXPECT_FALSE(md5sum().matches());
+  nullhash none;
+  none.write(kFox, 3);
+  EXPECT_TRUE(none.matches());
+  EXPECT_EQ(none.hash(), "deadbeef");
+}
+
+TEST(MemoryIo, ReadsInPiecesAndKeepsTheWhole) {
+  memoryio io("0123456789");
+  std::vector<unsigned int> sizes;
+  for (int i = 0; i < 4; ++i) {
+    unsigned int n = 4;
+    auto piece = io.read(n);
+    sizes.push_back(n);
+  }
+  EXPECT_EQ(sizes, (std::vector<unsigned int>{4, 4, 2, 0}));
+  EXPECT_EQ(io.data(), "0123456789");
+
+  auto recorder = std::make_unique<RecordingHash>();
+  RecordingHash* seen = recorder.get();
+  io.setHash(std::move(recorder));
+  io.write("ab", 2);
+  io.write("cd", 2);
+  EXPECT_EQ(io.data(), "0123456789abcd");
+  EXPECT_EQ(seen->bytes, "abcd");  // initial content is never hashed
+  io.reset();
+  unsigned int n = 8;
+  io.read(n);
+  EXPECT_EQ(io.size(), 0u);
+  EXPECT_EQ(n, 0u);
+}
+
+TEST_F(TempDir, FileRehashesExistingContentInBlocks) {
+  struct {
+    std::size_t size;
+    std::vector<unsigned int> blocks;
+  } const rows[] = {{0, {}}, {5000, {4096, 904}}, {8192, {4096, 4096}}, {100, {100}}};
+  for (auto const& row : rows) {
+    std::string const name = path("f" + std::to_string(row.size));
+    std::string const content = patterned(row.size);
+    writeFile(name, content);
+    CaptureStderr capture;
+    fileio file(name);
+    EXPECT_EQ(file.size(), row.size);
+    auto recorder = std::make_unique<RecordingHash>();
+    RecordingHash* seen = recorder.get();
+    file.setHash(std::move(recorder));
+    EXPECT_EQ(seen->blocks, row.blocks) << row.size;
+    EXPECT_EQ(seen->bytes, content);
+    EXPECT_EQ(file.write("0123456789", 10), 10u);
+    EXPECT_EQ(file.size(), row.size + 10);
+    EXPECT_EQ(capture.text(), "");
+  }
+}
+
+TEST_F(TempDir, ResumedDigestEqualsDigestOfTheWhole) {
+  std::string const whole = patterned(10000);
+  std::string const name = path("artifact");
+  {
+    fileio first(name);
+    first.setHash(std::make_unique<nullhash>());
+    EXPECT_EQ(first.write(whole.data(), 6000), 6000u);
+  }
+  fileio second(name);
+  EXPECT_EQ(second.size(), 6000u);
+  second.setHash(std::make_unique<sha1sum>(sha1Of(whole)));
+  EXPECT_EQ(second.write(whole.data() + 6000, 4000), 4000u);
+  EXPECT_TRUE(second.hashMatches());
+  EXPECT_EQ(readFile(name), whole);
+}
+
+TEST_F(TempDir, ResetTruncatesAndOddCallsAreLogged) {
+  std::string const name = path("t");
+  writeFile(name, "old content");
+  CaptureStderr capture;
+  fileio file(name);
+  file.reset();
+  EXPECT_EQ(file.size(), 0u);
+  EXPECT_EQ(file.data(), "");
+  file.rehash();
+  fileio unnamed("");
+  EXPECT_EQ(unnamed.write("x", 1), 0u);
+  EXPECT_EQ(capture.text(),
+            "[I] libtamrelcore -> Truncating file: " + name +
+                "\n"
+                "[E] libtamrelcore -> data() command not available\n"
+                "[E] libtamrelcore -> Unable to rehash data - no hasher available\n"
+                "[E] libtamrelcore -> Cannot open file with empty name. This won't work\n");
+  EXPECT_EQ(readFile(name), "");
+
+  fileio missing(path("no/such/dir/file"));
+  EXPECT_EQ(missing.size(), 0u);
+  EXPECT_EQ(missing.write("x", 1), 0u);
+}
+
+// A full disk, simulated with a file-size limit in a child process: the write
+// that crosses the limit is short, logged, not hashed, and the file holds
+// exactly the bytes up to the limit.
+TEST_F(TempDir, ShortWriteOnFullDisk) {
+  std::string const name = path("full");
+  std::string const log = path("log");
+  pid_t const child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    rlimit limit{3000, 3000};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    std::freopen(log.c_str(), "w", stderr);
+    fileio file(name);
+    auto recorder = std::make_unique<RecordingHash>();
+    RecordingHash* seen = recorder.get();
+    file.setHash(std::move(recorder));
+    std::string const block = patterned(2000);
+    unsigned int const first = file.write(block.data(), 2000);
+    unsigned int const second = file.write(block.data(), 2000);
+    std::fflush(stderr);
+    _exit(first == 2000 && second < 2000 && seen->bytes.size() == 2000 ? 0 : 1);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(readFile(name).size(), 3000u);
+  EXPECT_EQ(
+      readFile(log).rfind("[E] libtamrelcore -> Unable to write 2000 bytes to file (wrote ", 0), 0u)
+      << "[" << readFile(log) << "]";
+}
+
+}  // namespace
