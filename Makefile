@@ -4,7 +4,7 @@ JOBS ?= 2
 CMAKE_FLAGS ?=
 CTEST = ctest --output-on-failure -j$(JOBS)
 
-.PHONY: all deps build test test-asan test-tsan fuzz fuzz-smoke demo clean format
+.PHONY: all deps build test test-asan test-tsan test-armhf fuzz fuzz-smoke demo clean format
 
 all: build
 
@@ -28,7 +28,15 @@ test-asan: deps
 test-tsan: deps
 	cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DTAMREL_SANITIZE=thread $(CMAKE_FLAGS)
 	cmake --build build-tsan -j$(JOBS)
-	cd build-tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" $(CTEST) -L concurrency
+	cd build-tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" $(CTEST) -R Concurrency
+
+# The plug-in, the static library and the whole suite cross-built for 32-bit
+# ARM hard-float, run under qemu-arm.
+test-armhf:
+	scripts/armhf-sysroot.sh
+	cmake -S . -B build-armhf -G Ninja -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/armhf.cmake $(CMAKE_FLAGS)
+	cmake --build build-armhf -j$(JOBS)
+	cd build-armhf && $(CTEST)
 
 fuzz:
 	@scripts/install-deps.sh fuzz
@@ -48,4 +56,4 @@ format:
 	clang-format -i $$(git ls-files '*.cpp' '*.h')
 
 clean:
-	rm -rf build build-asan build-tsan build-fuzz
+	rm -rf build build-asan build-tsan build-fuzz build-armhf

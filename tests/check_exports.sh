@@ -3,7 +3,8 @@
 # and nothing of its internal classes.
 set -euo pipefail
 lib=$1
-symbols=$(nm -D --defined-only "$lib" | awk '$2 ~ /^[TWVDBR]$/ {print $3}' | sort)
+nm=${2:-nm}
+symbols=$("$nm" -D --defined-only "$lib" | awk '$2 ~ /^[TWVDBR]$/ {print $3}' | sort)
 fail=0
 for needed in create_object destroy_object; do
   grep -qx "$needed" <<<"$symbols" || { echo "missing export: $needed"; fail=1; }
