@@ -4,7 +4,7 @@ JOBS ?= 2
 CMAKE_FLAGS ?=
 CTEST = ctest --output-on-failure -j$(JOBS)
 
-.PHONY: all deps build test test-asan test-tsan test-armhf fuzz fuzz-smoke demo clean format
+.PHONY: all deps build test test-asan test-tsan test-armhf bench fuzz fuzz-smoke demo clean format
 
 all: build
 
@@ -57,3 +57,7 @@ format:
 
 clean:
 	rm -rf build build-asan build-tsan build-fuzz build-armhf
+
+# Benchmarks against curl, openssl and coreutils (not part of `make test`).
+bench: build
+	scripts/bench.sh

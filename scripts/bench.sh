@@ -1,0 +1,82 @@
+#!/usr/bin/env bash
+# Runs the benchmarks: nginx (own config, loopback only) serves generated
+# artifacts of 64 MiB and 512 MiB from tmpfs; downloads go to tmpfs too, so
+# the disk does not dominate. Prints every figure with its peer and ratio.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+RUNS=${RUNS:-5}
+BUILD=${BUILD:-build}
+bench=$BUILD/tamrel_bench
+
+if ! command -v nginx >/dev/null; then
+  if [ "$(id -u)" -eq 0 ]; then
+    DEBIAN_FRONTEND=noninteractive apt-get install -y -q nginx-light >/dev/null
+  else
+    echo "Run: sudo apt-get install -y nginx-light" >&2; exit 1
+  fi
+fi
+
+work=$(mktemp -d /dev/shm/tamrel-bench-XXXXXX)
+www=$work/www; out=$work/out; conf=$work/nginx
+mkdir -p "$www" "$out" "$conf"
+chmod 755 "$work" "$www"
+cleanup() {
+  [ -f "$conf/nginx.pid" ] && kill "$(cat "$conf/nginx.pid")" 2>/dev/null || true
+  sleep 0.2
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+head -c $((64 << 20)) /dev/urandom > "$www/a64.bin"
+chmod 644 "$www/a64.bin"
+head -c $((512 << 20)) /dev/urandom > "$www/a512.bin"
+chmod 644 "$www/a512.bin"
+
+port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])')
+cat > "$conf/nginx.conf" <<CONF
+worker_processes 1;
+pid $conf/nginx.pid;
+error_log $conf/error.log;
+events { worker_connections 64; }
+http {
+  access_log off;
+  sendfile on;
+  client_body_temp_path $conf/body;
+  proxy_temp_path $conf/proxy;
+  fastcgi_temp_path $conf/fastcgi;
+  uwsgi_temp_path $conf/uwsgi;
+  scgi_temp_path $conf/scgi;
+  server {
+    listen 127.0.0.1:$port;
+    root $www;
+  }
+}
+CONF
+nginx -c "$conf/nginx.conf" -p "$conf"
+for _ in $(seq 50); do curl -sf -o /dev/null "http://127.0.0.1:$port/a64.bin" && break; sleep 0.1; done
+
+echo "machine: $(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | xargs)"
+echo "libcurl $(curl --version | head -1 | cut -d' ' -f2), $(openssl version)"
+echo "runs per contender: $RUNS (median [min..max])"
+for size in 64 512; do
+  echo; echo "== artifact of $size MiB"
+  url=http://127.0.0.1:$port/a$size.bin
+  "$bench" download "$url" "$www/a$size.bin" "$out" "$RUNS"
+  "$bench" verify "$www/a$size.bin" "$out" "$RUNS"
+  "$bench" resume "$url" "$www/a$size.bin" "$out" "$RUNS"
+  rm -f "$out"/*
+done
+
+echo; echo "== peak RSS of one download + verification (separate processes)"
+for size in 64 512; do
+  printf '%4s MiB: ' "$size"
+  "$bench" memory "http://127.0.0.1:$port/a$size.bin" "$www/a$size.bin" "$out"
+  rm -f "$out"/*
+done
+
+echo; echo "== parsing"
+"$bench" parse 50
+if "$bench" poll 1 >/dev/null 2>&1; then
+  echo; echo "== polling"
+  "$bench" poll 2000
+fi
