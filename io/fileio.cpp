@@ -28,17 +28,18 @@ fileio::fileio(std::string const& name) : path(name) {
 
 unsigned int fileio::write(char const* data, unsigned int length) {
   if (!file.is_open()) return 0;
-  // Appending writes land at the end anyway; seeking there first makes the
-  // position difference below the true count even before any re-read.
-  file.seekp(0, std::ios_base::end);
-  long long const before = static_cast<long long>(file.tellp());
-  file.write(data, static_cast<std::streamsize>(length));
-  long long const after = static_cast<long long>(file.tellp());
-  long long const written = (before < 0 || after < 0) ? -1 : after - before;
-  if (written == static_cast<long long>(length)) {
+  // Appending writes land at the end anyway, but the stream only reports the
+  // end as its position once it has been moved there.
+  if (!atEnd_) {
+    file.seekp(0, std::ios_base::end);
+    atEnd_ = true;
+  }
+  if (file.write(data, static_cast<std::streamsize>(length))) {
     if (hasher) hasher->write(data, length);
     return length;
   }
+  // A failed stream reports no position, so the count is negative here.
+  long long const written = static_cast<long long>(file.tellp());
   logLine("[E] libtamrelcore -> Unable to write %u bytes to file (wrote %i)\n", length,
           static_cast<int>(written));
   return written > 0 ? static_cast<unsigned int>(written) : 0;
@@ -50,6 +51,7 @@ std::string fileio::data() const {
 }
 
 unsigned int fileio::size() const {
+  atEnd_ = false;
   std::streampos const here = file.tellg();
   file.seekg(0, std::ios_base::end);
   std::streampos const end = file.tellg();
@@ -60,6 +62,7 @@ unsigned int fileio::size() const {
 
 long long fileio::readChunk(char* buffer, long long n) {
   if (n < 0) return 0;
+  atEnd_ = false;
   long long const before = static_cast<long long>(file.tellg());
   file.read(buffer, static_cast<std::streamsize>(n));
   long long const after = static_cast<long long>(file.tellg());
@@ -83,6 +86,7 @@ void fileio::reset() {
   logLine("[I] libtamrelcore -> Truncating file: %s\n", path.c_str());
   std::fstream fresh(path, kTruncateMode);
   file = std::move(fresh);
+  atEnd_ = false;
 }
 
 void fileio::setHash(std::unique_ptr<hashbase>&& hash) {
@@ -97,6 +101,7 @@ void fileio::rehash() {
     logLine("[E] libtamrelcore -> Unable to rehash data - no hasher available\n");
     return;
   }
+  atEnd_ = false;
   file.seekg(0, std::ios_base::end);
   long long const total = static_cast<long long>(file.tellg());
   file.seekg(0, std::ios_base::beg);

@@ -35,6 +35,7 @@ class fileio : public iobase {
 
   mutable std::fstream file;
   std::string path;
+  mutable bool atEnd_ = false;  // the put position is known to be at the end
 };
 
 #endif  // TAMREL_IO_FILEIO_H_
