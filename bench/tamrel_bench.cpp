@@ -20,6 +20,9 @@
 #include "io/sha1sum.h"
 #include "plugin/libtamrelcore.h"
 #include "transport/curlmanager.h"
+#ifdef TAMREL_BENCH_WITH_SERVER
+#include "testserver/dditestserver.h"
+#endif
 
 namespace {
 
@@ -241,6 +244,53 @@ void parseCost(int runs) {
   row("parseDeploymentBase (1000 artifacts) vs cJSON_Parse", stats(ours), stats(bare), 0,
       "shows the cost of matching");
 }
+
+#ifdef TAMREL_BENCH_WITH_SERVER
+// 7: whole poll cycles (three GETs each) against the in-process DDI server,
+// next to bare libcurl GETs of the same three documents.
+void pollCycles(int cycles) {
+  tamrel::testing::DdiTestServer server;
+  std::string const base = server.baseUrl() + server.controllerPath();
+  server.setControllerBase(tamrel::testing::controllerBaseJson(
+      server.baseUrl(), server.controllerPath(), "00:05:00", "7", "8", true));
+  server.setDeploymentBase(
+      "7", R"({"id":"7","deployment":{"chunks":[{"part":"os","name":"n","version":"1",)"
+           R"("artifacts":[{"filename":"f","size":1,"hashes":{"sha1":"x"},"_links":{}}]}]}})");
+  server.setCancelAction("8", R"({"id":"8","cancelAction":{"stopId":"7"}})");
+  libtamrelcore client(nullptr);
+  auto table = std::make_shared<lookup>(
+      lookup{{"address", std::make_shared<value_container>(server.baseUrl())},
+             {"tenant-id", std::make_shared<value_container>("DEFAULT")},
+             {"controller-id", std::make_shared<value_container>("dev01")},
+             {"token", std::make_shared<value_container>("t")}});
+  client.connectProperties(table);
+  std::vector<std::string> const urls{base, base + "/deploymentBase/7", base + "/cancelAction/8"};
+  auto bareGet = [](std::string const& url) {
+    CURL* curl = curl_easy_init();
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(
+        curl, CURLOPT_WRITEFUNCTION, +[](char*, size_t size, size_t n, void*) { return size * n; });
+    curl_easy_perform(curl);
+    curl_easy_cleanup(curl);
+  };
+  double ours = 0, bare = 0;
+  {
+    QuietStderr quiet;
+    ours = seconds([&] {
+      for (int i = 0; i < cycles; ++i) {
+        if (!is_valid(client.queryOnlineStatus().cancel_action)) std::abort();
+      }
+    });
+  }
+  bare = seconds([&] {
+    for (int i = 0; i < cycles; ++i) {
+      for (auto const& url : urls) bareGet(url);
+    }
+  });
+  std::printf("poll cycles/s %.0f (3 GETs each)  bare libcurl 3-GET cycles/s %.0f  ratio %.3f\n",
+              cycles / ours, cycles / bare, bare / ours);
+}
+#endif
 
 }  // namespace
 

@@ -1,0 +1,335 @@
+// Artifact download and verification against the in-process test server.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ddi/artifact_path.h"
+#include "io/md5sum.h"
+#include "io/sha1sum.h"
+#include "plugin/libtamrelcore.h"
+#include "tests/support/capture_stderr.h"
+#include "testserver/dditestserver.h"
+#include "transport/curlmanager.h"
+
+namespace {
+
+using tamrel::testing::CaptureStderr;
+using tamrel::testing::DdiTestServer;
+using tamrel::testing::Fault;
+using artifact_t = hawkbit_query_t::deployment_t::chunk_t::artifact_t;
+
+std::string patterned(std::size_t n) {
+  std::string text(n, '\0');
+  for (std::size_t i = 0; i < n; ++i) text[i] = static_cast<char>((i * 7919 + i / 251) & 0xff);
+  return text;
+}
+
+template <typename Hash>
+std::string digest(std::string const& data) {
+  Hash h;
+  h.write(data.data(), static_cast<unsigned int>(data.size()));
+  return h.hash();
+}
+
+// Every signal of the client as one readable line, in emission order.
+struct SignalLog {
+  explicit SignalLog(libtamrelcore& client) {
+    client.downloadStarted.connect(
+        [this](std::string l, std::string f) { add("started " + l + " " + f); });
+    client.downloadFinished.connect(
+        [this](std::string l, std::string f, download_errors_t e, unsigned int s) {
+          add("finished " + l + " " + f + " " + std::to_string(e) + " " + std::to_string(s));
+        });
+    client.downloadProgress.connect([this](std::string, std::string, int p) {
+      percents.push_back(p);
+      add("progress " + std::to_string(p));
+    });
+    client.downloadBytes.connect([this](int n) {
+      bytes += n;
+      if (firstBytes < 0) firstBytes = n;
+      if (events.empty() || events.back() != "bytes") add("bytes");
+    });
+  }
+  void add(std::string e) { events.push_back(std::move(e)); }
+  std::vector<std::string> events;  // runs of "bytes" are folded into one entry
+  std::vector<int> percents;
+  long long bytes = 0;
+  int firstBytes = -1;
+};
+
+class Artifacts : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char name[] = "/tmp/tamrel-artifacts-XXXXXX";
+    dir = mkdtemp(name);
+    content = patterned(100000);
+    url = server.addArtifact("/artifacts/fw.bin", content);
+    artifact.filename = "fw.bin";
+    artifact.size = content.size();
+    artifact.destination = dir;
+    artifact.hashes = {{"sha1", digest<sha1sum>(content)}, {"md5", digest<md5sum>(content)}};
+    artifact.links = {{"download-http", url}, {"download", "https://unused.invalid/fw.bin"}};
+  }
+  void TearDown() override { std::system(("rm -rf " + dir).c_str()); }
+
+  std::string onDisk() const {
+    std::ifstream in(get_full_artifact_file_path(artifact), std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  }
+  void putOnDisk(std::string const& data) const {
+    std::ofstream(get_full_artifact_file_path(artifact), std::ios::binary) << data;
+  }
+
+  DdiTestServer server;
+  CurlManager transport;
+  libtamrelcore client{&transport};
+  std::string dir, content, url;
+  artifact_t artifact;
+};
+
+TEST_F(Artifacts, WholeDownloadReportsEverySignal) {
+  SignalLog log(client);
+  EXPECT_EQ(client.downloadArtifact("chunk-1", artifact), download_ok);
+  EXPECT_EQ(onDisk(), content);
+  EXPECT_EQ(log.events.front(), "started chunk-1 fw.bin");
+  EXPECT_EQ(log.events.back(), "finished chunk-1 fw.bin 0 200");
+  EXPECT_EQ(log.bytes, 100000);
+  ASSERT_FALSE(log.percents.empty());
+  EXPECT_EQ(log.percents.back(), 100);
+  for (std::size_t i = 1; i < log.percents.size(); ++i)
+    EXPECT_GT(log.percents[i], log.percents[i - 1]);
+  EXPECT_GT(log.percents.front(), 0);
+  EXPECT_TRUE(client.verifyArtifact(artifact));
+}
+
+TEST_F(Artifacts, ResumesAfterWhatIsOnDisk) {
+  content = patterned(1000);
+  url = server.addArtifact("/artifacts/small.bin", content);
+  artifact.filename = "small.bin";
+  artifact.size = 1000;
+  artifact.hashes = {{"md5", digest<md5sum>(content)}};  // MD5 only
+  artifact.links["download-http"] = url;
+  putOnDisk(content.substr(0, 250));
+
+  SignalLog log(client);
+  CaptureStderr capture;
+  EXPECT_EQ(client.downloadArtifact("x", artifact), download_ok);
+  EXPECT_EQ(log.firstBytes, 250);
+  ASSERT_GE(log.events.size(), 4u);
+  EXPECT_EQ(log.events[0], "bytes");
+  EXPECT_EQ(log.events[1], "progress 25");
+  EXPECT_EQ(log.events[2], "started x small.bin");
+  EXPECT_EQ(log.events.back(), "finished x small.bin 0 206");
+  EXPECT_EQ(onDisk(), content);
+  EXPECT_EQ(server.requests().back().header("Range"), "bytes=250-");
+  EXPECT_EQ(capture.text(), "[I] libtamrelcore -> Starting to download: small.bin (" + url +
+                                ")\n[I] libtamrelcore -> Resuming file from 250 bytes\n"
+                                "[I] libtamrelcore -> Download finished (small.bin)\n");
+}
+
+TEST_F(Artifacts, DroppedConnectionIsResumedByTheNextCall) {
+  Fault drop;
+  drop.dropAfterBytes = 40000;
+  server.setFault("/artifacts/fw.bin", drop);
+  // A body cut short counts as a transfer; the digest then rejects it.
+  EXPECT_EQ(client.downloadArtifact("x", artifact), download_hash_error);
+  EXPECT_EQ(onDisk().size(), 40000u);
+  server.clearFault("/artifacts/fw.bin");
+  EXPECT_EQ(client.downloadArtifact("x", artifact), download_ok);
+  EXPECT_EQ(onDisk(), content);
+  EXPECT_EQ(server.requests().back().header("Range"), "bytes=40000-");
+}
+
+TEST_F(Artifacts, FullOrLongerFileIsFetchedFromScratch) {
+  for (std::string const& old : {content, content + "trailing junk"}) {
+    putOnDisk(old);
+    CaptureStderr capture;
+    EXPECT_EQ(client.downloadArtifact("x", artifact), download_ok);
+    EXPECT_NE(capture.text().find("Restarting download from scratch.\n"
+                                  "[I] libtamrelcore -> Truncating file: "),
+              std::string::npos);
+    EXPECT_EQ(onDisk(), content);
+    EXPECT_EQ(server.requests().back().header("Range"), "");
+  }
+
+  server.addArtifact("/artifacts/empty.bin", "");
+  artifact.filename = "empty.bin";
+  artifact.size = 0;
+  artifact.hashes = {{"sha1", digest<sha1sum>("")}};
+  artifact.links["download-http"] = server.baseUrl() + "/artifacts/empty.bin";
+  putOnDisk("stale");
+  SignalLog log(client);
+  EXPECT_EQ(client.downloadArtifact("x", artifact), download_ok);
+  EXPECT_TRUE(log.percents.empty());
+  EXPECT_EQ(onDisk(), "");
+}
+
+TEST_F(Artifacts, RefusalsEmitNoSignal) {
+  struct Row {
+    char const* name;
+    std::function<void(artifact_t&)> change;
+    download_errors_t result;
+    std::string log;
+  };
+  Row const rows[] = {
+      {"no destination", [](artifact_t& a) { a.destination.clear(); }, download_invalid,
+       "[E] libtamrelcore -> No destination path specified. Aborting...\n"},
+      {"no http link", [](artifact_t& a) { a.links.erase("download-http"); }, download_invalid,
+       "[E] libtamrelcore -> Unable to find: download-http\n"},
+      {"only sha256",
+       [](artifact_t& a) {
+         a.hashes = {{"sha256", "00"}};
+       },
+       download_hash_error, "[E] libtamrelcore -> No hash found. Aborting...\n"},
+  };
+  for (Row const& row : rows) {
+    artifact_t changed = artifact;
+    row.change(changed);
+    SignalLog log(client);
+    CaptureStderr capture;
+    EXPECT_EQ(client.downloadArtifact("x", changed), row.result) << row.name;
+    EXPECT_TRUE(log.events.empty()) << row.name;
+    EXPECT_EQ(capture.text(), row.log) << row.name;
+  }
+  EXPECT_TRUE(server.requests().empty());
+  // The hash check comes after the file was opened: it exists, empty.
+  EXPECT_EQ(access(get_full_artifact_file_path(artifact).c_str(), F_OK), 0);
+  EXPECT_EQ(onDisk(), "");
+}
+
+TEST_F(Artifacts, DigestDecides) {
+  artifact.hashes["md5"] = "0123456789abcdef0123456789abcdef";  // wrong, but SHA-1 wins
+  EXPECT_EQ(client.downloadArtifact("x", artifact), download_ok);
+  EXPECT_TRUE(client.verifyArtifact(artifact));
+
+  for (auto& c : artifact.hashes["sha1"]) c = static_cast<char>(toupper(c));
+  putOnDisk("");
+  CaptureStderr capture;
+  EXPECT_EQ(client.downloadArtifact("x", artifact), download_hash_error);
+  EXPECT_NE(capture.text().find("[E] libtamrelcore -> Hash mis-match for: fw.bin\n"),
+            std::string::npos);
+  EXPECT_FALSE(client.verifyArtifact(artifact));
+}
+
+TEST_F(Artifacts, ErrorPageLandsInTheFileAndFailsTheDigest) {
+  Fault missing;
+  missing.status = 404;
+  server.setFault("/artifacts/fw.bin", missing);
+  SignalLog log(client);
+  EXPECT_EQ(client.downloadArtifact("x", artifact), download_hash_error);
+  EXPECT_EQ(log.events.back(), "finished x fw.bin 2 404");
+  EXPECT_FALSE(onDisk().empty());
+}
+
+TEST_F(Artifacts, VerificationChecksLengthBeforeHashing) {
+  EXPECT_EQ(client.downloadArtifact("x", artifact), download_ok);
+  unsigned int hashed = 0;
+  client.verifyBytes.connect([&](unsigned int n) { hashed += n; });
+  for (std::uint64_t size : {artifact.size - 1, artifact.size + 1}) {
+    artifact_t other = artifact;
+    other.size = size;
+    CaptureStderr capture;
+    EXPECT_FALSE(client.verifyArtifact(other));
+    EXPECT_EQ(capture.text(),
+              "[E] libtamrelcore -> Downloaded artifact \"fw.bin\" does not match "
+              "expected size. Expected " +
+                  std::to_string(size) + " bytes, got 100000 bytes\n");
+  }
+  EXPECT_EQ(hashed, 0u);
+
+  std::vector<unsigned int> percents;
+  client.verifyProgress.connect([&](std::string, unsigned int p) { percents.push_back(p); });
+  artifact.hashes.erase("sha1");
+  EXPECT_TRUE(client.verifyArtifact(artifact));  // MD5 alone
+  EXPECT_EQ(hashed, 100000u);
+  ASSERT_FALSE(percents.empty());
+  EXPECT_EQ(percents.back(), 100u);
+
+  artifact.hashes["md5"] = "nope";
+  CaptureStderr capture;
+  EXPECT_FALSE(client.verifyArtifact(artifact));
+  EXPECT_EQ(capture.text(), "[W] libtamrelcore -> MD5 does not match\n");
+}
+
+TEST_F(Artifacts, VerifyEmptyAndMissingFiles) {
+  artifact.filename = "empty";
+  artifact.size = 0;
+  artifact.hashes = {{"sha1", digest<sha1sum>("")}};
+  putOnDisk("");
+  int emitted = 0;
+  client.verifyBytes.connect([&](unsigned int) { ++emitted; });
+  client.verifyProgress.connect([&](std::string, unsigned int) { ++emitted; });
+  EXPECT_TRUE(client.verifyArtifact(artifact));
+  EXPECT_EQ(emitted, 0);
+  artifact.filename = "absent";
+  CaptureStderr capture;
+  EXPECT_FALSE(client.verifyArtifact(artifact));
+  EXPECT_EQ(capture.text(), "[E] libtamrelcore -> Cannot open artifact for reading: \"absent\"\n");
+}
+
+TEST_F(Artifacts, ConcurrencyCancelDuringDownloadKeepsThePartialFile) {
+  Fault slow;
+  slow.chunkBytes = 4096;
+  slow.delayMs = 20;
+  server.setFault("/artifacts/fw.bin", slow);
+  std::atomic<bool> flowing{false};
+  client.downloadBytes.connect([&](int) { flowing = true; });
+  // Another thread cancels once data flows.
+  std::thread canceller([&] {
+    while (!flowing) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    client.cancelTransfer();
+  });
+  SignalLog log(client);
+  EXPECT_EQ(client.downloadArtifact("x", artifact), download_aborted);
+  canceller.join();
+  EXPECT_EQ(log.events.back(), "finished x fw.bin 1 200");
+  std::size_t const partial = onDisk().size();
+  EXPECT_GT(partial, 0u);
+  EXPECT_LT(partial, content.size());
+
+  server.clearFault("/artifacts/fw.bin");
+  EXPECT_EQ(client.downloadArtifact("x", artifact), download_ok);
+  EXPECT_EQ(onDisk(), content);
+  EXPECT_EQ(server.requests().back().header("Range"), "bytes=" + std::to_string(partial) + "-");
+}
+
+TEST_F(Artifacts, ConcurrencyCancelBeforeTransferIsForgotten) {
+  client.cancelTransfer();
+  EXPECT_EQ(client.downloadArtifact("x", artifact), download_ok);
+  client.cancelVerifyArtifact();
+  EXPECT_TRUE(client.verifyArtifact(artifact));
+}
+
+// A sparse file beyond 4 GiB is measured at its true length; another client's
+// cancel stops the hashing after a few blocks.
+TEST_F(Artifacts, ConcurrencyVerifyHugeSparseFileAndCancelFromAnotherClient) {
+  std::uint64_t const huge = (1ULL << 32) + 4097;
+  std::string const path = get_full_artifact_file_path(artifact);
+  int fd = open(path.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0644);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(ftruncate(fd, static_cast<off_t>(huge)), 0);
+  close(fd);
+  artifact.size = huge;
+
+  libtamrelcore other(nullptr);
+  int blocks = 0;
+  client.verifyBytes.connect([&](unsigned int) {
+    if (++blocks == 3) other.cancelVerifyArtifact();
+  });
+  CaptureStderr capture;
+  EXPECT_FALSE(client.verifyArtifact(artifact));
+  EXPECT_EQ(blocks, 3);
+  EXPECT_EQ(capture.text(),
+            "[I] libtamrelcore -> SHA-1 checksum generation aborted\n"
+            "[W] libtamrelcore -> SHA-1 does not match\n");
+}
+
+}  // namespace

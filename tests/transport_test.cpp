@@ -1,0 +1,293 @@
+// CurlManager over real HTTP against the in-process test server.
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <fstream>
+#include <thread>
+
+#include "io/fileio.h"
+#include "io/memoryio.h"
+#include "io/nullhash.h"
+#include "tests/support/capture_stderr.h"
+#include "testserver/dditestserver.h"
+#include "testserver/rawcaptureserver.h"
+#include "transport/curlmanager.h"
+
+namespace {
+
+using tamrel::testing::CaptureStderr;
+using tamrel::testing::DdiTestServer;
+using tamrel::testing::Fault;
+using tamrel::testing::RawCaptureServer;
+using Clock = std::chrono::steady_clock;
+
+std::shared_ptr<curlbuffer> memoryBuffer(std::string const& content = std::string()) {
+  return std::make_shared<curlbuffer>(std::make_unique<memoryio>(content),
+                                      std::make_unique<nullhash>());
+}
+
+// A sink that refuses every byte.
+class RefusingSink : public memoryio {
+ public:
+  unsigned int write(char const*, unsigned int) override { return 0; }
+};
+
+class Transport : public ::testing::Test {
+ protected:
+  DdiTestServer server;
+  CurlManager manager;
+};
+
+TEST(TransportHeaders, ExactLinesInOrder) {
+  RawCaptureServer raw;
+  CurlManager manager;
+  manager.setTargetToken("");  // no token: the line ends with the blank
+  EXPECT_TRUE(manager.download(raw.baseUrl() + "/get", memoryBuffer()));
+  manager.setTargetToken("tok");
+  EXPECT_TRUE(manager.post(raw.baseUrl() + "/post", memoryBuffer("{\"a\":1}")));
+  EXPECT_TRUE(manager.put(raw.baseUrl() + "/put", memoryBuffer("{}")));
+  ASSERT_TRUE(raw.waitForRequests(3, 5000));
+  auto const seen = raw.requests();
+  std::string const host = "Host: 127.0.0.1:" + std::to_string(raw.port());
+  std::string const agent = "User-Agent: " + userAgent();
+  EXPECT_EQ(agent,
+            "User-Agent: libcurl/" + std::string(curl_version_info(CURLVERSION_NOW)->version));
+  EXPECT_EQ(seen[0].requestLine, "GET /get HTTP/1.1");
+  EXPECT_EQ(seen[0].headerLines,
+            (std::vector<std::string>{host, agent, "Content-Type: application/json",
+                                      "Accept: application/json", "charsets: utf-8",
+                                      "Authorization: TargetToken "}));
+  std::vector<std::string> const sent{"Accept: application/json",
+                                      "Content-Type: application/json;charset=UTF-8",
+                                      "Authorization: TargetToken tok"};
+  EXPECT_EQ(seen[1].requestLine, "POST /post HTTP/1.1");
+  EXPECT_EQ(seen[1].headerLines, (std::vector<std::string>{host, agent, sent[0], sent[1], sent[2],
+                                                           "Content-Length: 7"}));
+  EXPECT_EQ(seen[1].body, "{\"a\":1}");
+  EXPECT_EQ(seen[2].requestLine, "PUT /put HTTP/1.1");
+  // libcurl itself adds the Expect line to uploads.
+  EXPECT_EQ(seen[2].headerLines,
+            (std::vector<std::string>{host, agent, sent[0], sent[1], sent[2], "Content-Length: 2",
+                                      "Expect: 100-continue"}));
+  EXPECT_EQ(seen[2].body, "{}");
+}
+
+TEST_F(Transport, ErrorStatusIsDataNotFailure) {
+  server.serve("/missing", R"({"errorCode":"hawkbit.server.error.repo.entitiyNotFound"})", 404);
+  auto buffer = memoryBuffer();
+  EXPECT_TRUE(manager.download(server.baseUrl() + "/missing", buffer));
+  EXPECT_EQ(buffer->result, 0);
+  EXPECT_EQ(buffer->httpCode, 404);
+  EXPECT_NE(buffer->sink->data().find("entitiyNotFound"), std::string::npos);
+
+  Fault denied;
+  denied.status = 500;
+  denied.withBody = false;
+  server.setFault("/feedback", denied);
+  EXPECT_TRUE(manager.post(server.baseUrl() + "/feedback", memoryBuffer("{}")));
+  EXPECT_TRUE(manager.put(server.baseUrl() + "/feedback", memoryBuffer("{}")));
+}
+
+TEST_F(Transport, SendsTokenAgentAndBodies) {
+  manager.setTargetToken("first");
+  manager.setTargetToken("second");
+  server.serve("/doc", "{}");
+  EXPECT_TRUE(manager.download(server.baseUrl() + "/doc", memoryBuffer()));
+  EXPECT_TRUE(manager.post(server.baseUrl() + "/post", memoryBuffer(R"({"a":1})")));
+  EXPECT_TRUE(manager.put(server.baseUrl() + "/put", memoryBuffer("")));
+  auto const seen = server.requests();
+  ASSERT_EQ(seen.size(), 3u);
+  for (auto const& r : seen) {
+    EXPECT_EQ(r.header("Authorization"), "TargetToken second");
+    EXPECT_EQ(r.header("User-Agent"),
+              "libcurl/" + std::string(curl_version_info(CURLVERSION_NOW)->version));
+  }
+  EXPECT_EQ(seen[0].header("charsets"), "utf-8");
+  EXPECT_EQ(seen[0].header("Content-Type"), "application/json");
+  EXPECT_EQ(seen[1].method, "POST");
+  EXPECT_EQ(seen[1].body, R"({"a":1})");
+  EXPECT_EQ(seen[1].header("charsets"), "");
+  EXPECT_EQ(seen[2].method, "PUT");
+  EXPECT_EQ(seen[2].body, "");
+  EXPECT_EQ(seen[2].header("Content-Length"), "0");
+}
+
+TEST_F(Transport, ResumesFromTheSinkSize) {
+  std::string const content(3000, 'r');
+  std::string const url = server.addArtifact("/a", content);
+  auto buffer = memoryBuffer();
+  buffer->sink->write(content.data(), 1000);
+  CaptureStderr capture;
+  EXPECT_TRUE(manager.download(url, buffer));
+  EXPECT_EQ(capture.text(), "[I] libtamrelcore -> Resuming file from 1000 bytes\n");
+  EXPECT_EQ(server.requests().back().header("Range"), "bytes=1000-");
+  EXPECT_EQ(buffer->httpCode, 206);
+  EXPECT_EQ(buffer->sink->data(), content);
+
+  auto fresh = memoryBuffer();
+  std::vector<int> chunks;
+  fresh->written.connect([&](int n) { chunks.push_back(n); });
+  EXPECT_TRUE(manager.download(url, fresh));
+  EXPECT_EQ(server.requests().back().header("Range"), "");
+  int total = 0;
+  for (int n : chunks) total += n;
+  EXPECT_EQ(total, 3000);
+}
+
+TEST_F(Transport, DroppedBodyCountsAsPartialAndResumes) {
+  std::string content(50000, '\0');
+  for (std::size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i * 31);
+  std::string const url = server.addArtifact("/drop", content);
+  Fault drop;
+  drop.dropAfterBytes = 20000;
+  server.setFault("/drop", drop);
+  auto buffer = memoryBuffer();
+  EXPECT_TRUE(manager.download(url, buffer));  // a short body is accepted...
+  EXPECT_EQ(buffer->result, 0);
+  EXPECT_EQ(buffer->sink->size(), 20000u);  // ...and only what arrived is kept
+  server.clearFault("/drop");
+  EXPECT_TRUE(manager.download(url, buffer));
+  EXPECT_EQ(buffer->sink->data(), content);
+}
+
+TEST_F(Transport, RefusingSinkEndsTheTransfer) {
+  server.serve("/doc", "some body");
+  auto buffer = std::make_shared<curlbuffer>(std::make_unique<RefusingSink>());
+  std::vector<int> written;
+  buffer->written.connect([&](int n) { written.push_back(n); });
+  CaptureStderr capture;
+  EXPECT_FALSE(manager.download(server.baseUrl() + "/doc", buffer));
+  EXPECT_EQ(buffer->result, CURLE_WRITE_ERROR);
+  EXPECT_EQ(written, std::vector<int>{0});
+  EXPECT_EQ(capture.text(), std::string("[E] libtamrelcore -> Download failed: ") +
+                                curl_easy_strerror(CURLE_WRITE_ERROR) + "\n");
+}
+
+TEST_F(Transport, CallbacksToleratNullPointers) {
+  char data[4] = {};
+  EXPECT_EQ(curl_buffer_writer(data, 1, 4, nullptr), 0u);
+  EXPECT_EQ(curl_buffer_reader(data, 1, 4, nullptr), 0u);
+  CaptureStderr capture;
+  curl_progress_func(nullptr, 0, 0, 0, 0);
+  EXPECT_EQ(capture.text(), "[E] libtamrelcore -> No CurlManager instance provided\n");
+  manager.cancelTransfer();
+  EXPECT_EQ(curl_progress_func(&manager, 0, 0, 0, 0), 1);
+}
+
+TEST_F(Transport, ConcurrencyCancelOnlyReachesARunningDownload) {
+  std::string const url = server.addArtifact("/slow", std::string(200000, 's'));
+  Fault slow;
+  slow.chunkBytes = 2000;
+  slow.delayMs = 10;
+  server.setFault("/slow", slow);
+
+  manager.cancelTransfer();  // before the transfer: forgotten
+  server.serve("/doc", "{}");
+  EXPECT_TRUE(manager.download(server.baseUrl() + "/doc", memoryBuffer()));
+
+  auto buffer = memoryBuffer();
+  std::thread canceller([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    manager.cancelTransfer();
+  });
+  CaptureStderr capture;
+  EXPECT_FALSE(manager.download(url, buffer));
+  canceller.join();
+  EXPECT_EQ(buffer->result, CURLE_ABORTED_BY_CALLBACK);
+  EXPECT_LT(buffer->sink->size(), 200000u);
+  EXPECT_NE(capture.text().find("[E] libtamrelcore -> Download failed: "), std::string::npos);
+}
+
+TEST_F(Transport, ConcurrencyTransfersOnOneManagerDoNotOverlap) {
+  std::string const url = server.addArtifact("/slow", std::string(20000, 's'));
+  Fault slow;
+  slow.chunkBytes = 2000;
+  slow.delayMs = 5;
+  server.setFault("/slow", slow);
+  struct Span {
+    Clock::time_point first, last;
+    bool started = false;
+  } spans[2];
+  auto run = [&](Span& span) {
+    auto buffer = memoryBuffer();
+    buffer->written.connect([&](int) {
+      if (!span.started) span.first = Clock::now();
+      span.started = true;
+      span.last = Clock::now();
+    });
+    EXPECT_TRUE(manager.download(url, buffer));
+  };
+  std::thread a(run, std::ref(spans[0]));
+  std::thread b(run, std::ref(spans[1]));
+  a.join();
+  b.join();
+  bool const aFirst = spans[0].first < spans[1].first;
+  Span const& early = spans[aFirst ? 0 : 1];
+  Span const& late = spans[aFirst ? 1 : 0];
+  EXPECT_LE(early.last, late.first);
+}
+
+// A file-size limit stands in for a full disk: libcurl's write error, and
+// the file holds exactly what fitted.
+TEST_F(Transport, FullDiskGivesAWriteError) {
+  char dirName[] = "/tmp/tamrel-full-XXXXXX";
+  std::string const dir = mkdtemp(dirName);
+  std::string const url = server.addArtifact("/big", std::string(100000, 'b'));
+  std::string const log = dir + "/log";
+  pid_t const child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    std::freopen(log.c_str(), "w", stderr);
+    rlimit limit{30000, 30000};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    CurlManager own;
+    auto buffer = std::make_shared<curlbuffer>(std::make_unique<fileio>(dir + "/file"),
+                                               std::make_unique<nullhash>());
+    bool const ok = own.download(url, buffer);
+    std::fflush(stderr);
+    _exit(!ok && buffer->result == CURLE_WRITE_ERROR ? 0 : 1);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  std::ifstream file(dir + "/file", std::ios::binary | std::ios::ate);
+  EXPECT_EQ(static_cast<long long>(file.tellg()), 30000);
+  std::ifstream in(log);
+  std::string const text((std::istreambuf_iterator<char>(in)), {});
+  EXPECT_NE(text.find("[E] libtamrelcore -> Unable to write "), std::string::npos) << text;
+  EXPECT_NE(text.find(std::string("[E] libtamrelcore -> Download failed: ") +
+                      curl_easy_strerror(CURLE_WRITE_ERROR)),
+            std::string::npos)
+      << text;
+  std::system(("rm -rf " + dir).c_str());
+}
+
+TEST(TransportTls, SelfSignedServerIsRefusedBeforeAnyRequest) {
+  char dirName[] = "/tmp/tamrel-tls-XXXXXX";
+  std::string const dir = mkdtemp(dirName);
+  DdiTestServer::Options options;
+  options.https = true;
+  options.certFile = dir + "/cert.pem";
+  options.keyFile = dir + "/key.pem";
+  ASSERT_TRUE(
+      tamrel::testing::writeSelfSignedCertificate(options.certFile, options.keyFile, "127.0.0.1"));
+  DdiTestServer server(options);
+  server.serve("/doc", "{}");
+  CurlManager manager;
+  manager.setTargetToken("must-not-leak");
+  auto buffer = memoryBuffer();
+  CaptureStderr capture;
+  EXPECT_FALSE(manager.download(server.baseUrl() + "/doc", buffer));
+  EXPECT_FALSE(manager.post(server.baseUrl() + "/doc", memoryBuffer("{}")));
+  EXPECT_EQ(buffer->result, CURLE_PEER_FAILED_VERIFICATION);
+  EXPECT_TRUE(server.requests().empty());
+  std::system(("rm -rf " + dir).c_str());
+}
+
+}  // namespace

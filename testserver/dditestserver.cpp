@@ -1,0 +1,487 @@
+#include "testserver/dditestserver.h"
+
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <httplib.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+#include <openssl/x509v3.h>
+#include <strings.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <random>
+#include <stdexcept>
+
+namespace tamrel::testing {
+namespace {
+
+// httplib adds the peer and local addresses to the request headers; they
+// were never sent by the client.
+bool addedByHttplib(std::string const& name) {
+  return name == "REMOTE_ADDR" || name == "REMOTE_PORT" || name == "LOCAL_ADDR" ||
+         name == "LOCAL_PORT";
+}
+
+std::string jsonEscape(std::string const& text) {
+  std::string out;
+  for (char c : text) {
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += c;
+    } else if (static_cast<unsigned char>(c) < 0x20) {
+      char buffer[8];
+      std::snprintf(buffer, sizeof buffer, "\\u%04x", c);
+      out += buffer;
+    } else {
+      out += c;
+    }
+  }
+  return out;
+}
+
+// The error document hawkBit answers with (its ExceptionInfo).
+std::string exceptionInfo(std::string const& exceptionClass, std::string const& errorCode,
+                          std::string const& message) {
+  return R"({"exceptionClass":")" + jsonEscape(exceptionClass) + R"(","errorCode":")" +
+         jsonEscape(errorCode) + R"(","message":")" + jsonEscape(message) + R"(","parameters":[]})";
+}
+
+enum class RangeKind { kNone, kSatisfiable, kUnsatisfiable };
+
+// Parses a single "bytes=" range against `size`; anything else (several
+// ranges, other units) is treated as no range, which a server may do.
+RangeKind parseRange(std::string const& header, size_t size, size_t& first, size_t& last) {
+  std::string const prefix = "bytes=";
+  if (header.compare(0, prefix.size(), prefix) != 0) return RangeKind::kNone;
+  std::string const ranges = header.substr(prefix.size());
+  size_t const dash = ranges.find('-');
+  if (dash == std::string::npos || ranges.find(',') != std::string::npos) return RangeKind::kNone;
+  std::string const from = ranges.substr(0, dash);
+  std::string const to = ranges.substr(dash + 1);
+  auto digits = [](std::string const& s) {
+    return !s.empty() && s.size() < 19 &&
+           std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
+  };
+  if (from.empty()) {  // suffix: the last n bytes
+    if (!digits(to)) return RangeKind::kNone;
+    size_t const n = std::stoull(to);
+    if (n == 0 || size == 0) return RangeKind::kUnsatisfiable;
+    first = n >= size ? 0 : size - n;
+    last = size - 1;
+    return RangeKind::kSatisfiable;
+  }
+  if (!digits(from) || (!to.empty() && !digits(to))) return RangeKind::kNone;
+  first = std::stoull(from);
+  if (first >= size) return RangeKind::kUnsatisfiable;
+  last = to.empty() ? size - 1 : std::min<size_t>(std::stoull(to), size - 1);
+  if (last < first) return RangeKind::kNone;
+  return RangeKind::kSatisfiable;
+}
+
+}  // namespace
+
+std::string RecordedRequest::header(std::string const& name) const {
+  for (auto const& [key, value] : headers) {
+    if (strcasecmp(key.c_str(), name.c_str()) == 0) return value;
+  }
+  return "";
+}
+
+DdiTestServer::DdiTestServer() : DdiTestServer(Options{}) {}
+
+DdiTestServer::DdiTestServer(Options const& options) : https_(options.https) {
+  if (https_) {
+    certFile_ = options.certFile;
+    std::string keyFile = options.keyFile;
+    if (certFile_.empty() && keyFile.empty()) {
+      char dir[] = "/tmp/dditestserver-XXXXXX";
+      if (mkdtemp(dir) == nullptr) throw std::runtime_error("DdiTestServer: no temp directory");
+      tempDir_ = dir;
+      certFile_ = tempDir_ + "/cert.pem";
+      keyFile = tempDir_ + "/key.pem";
+      if (!writeSelfSignedCertificate(certFile_, keyFile, "127.0.0.1")) {
+        throw std::runtime_error("DdiTestServer: cannot generate a certificate");
+      }
+    }
+    server_ = std::make_unique<httplib::SSLServer>(certFile_.c_str(), keyFile.c_str());
+  } else {
+    server_ = std::make_unique<httplib::Server>();
+  }
+  if (!server_->is_valid()) throw std::runtime_error("DdiTestServer: invalid server setup");
+
+  // httplib's default pool has 8 threads and every open keep-alive
+  // connection holds one; concurrent clients need more.
+  server_->new_task_queue = [] { return new httplib::ThreadPool(32); };
+  server_->set_keep_alive_max_count(1000);
+  server_->set_keep_alive_timeout(options.keepAliveSeconds);
+  auto handler = [this](httplib::Request const& req, httplib::Response& res) { handle(req, res); };
+  server_->Get(".*", handler);
+  server_->Post(".*", handler);
+  server_->Put(".*", handler);
+  server_->Patch(".*", handler);
+  server_->Delete(".*", handler);
+
+  port_ = server_->bind_to_any_port("127.0.0.1");
+  if (port_ < 0) throw std::runtime_error("DdiTestServer: cannot bind");
+  thread_ = std::thread([this] {
+    server_->listen_after_bind();
+    listenReturned_ = true;
+  });
+  while (!server_->is_running()) {
+    if (listenReturned_) {
+      thread_.join();
+      throw std::runtime_error("DdiTestServer: cannot listen");
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+}
+
+DdiTestServer::~DdiTestServer() {
+  stopping_ = true;  // ends slow streams early
+  endIdleConnections();
+  server_->stop();
+  if (thread_.joinable()) thread_.join();
+  if (!tempDir_.empty()) {
+    std::remove(certFile_.c_str());
+    std::remove((tempDir_ + "/key.pem").c_str());
+    rmdir(tempDir_.c_str());
+  }
+}
+
+int DdiTestServer::port() const { return port_; }
+
+std::string DdiTestServer::baseUrl() const {
+  return std::string(https_ ? "https" : "http") + "://127.0.0.1:" + std::to_string(port_);
+}
+
+std::string DdiTestServer::certFile() const { return https_ ? certFile_ : ""; }
+
+void DdiTestServer::setTarget(std::string tenant, std::string controller) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  tenant_ = std::move(tenant);
+  controller_ = std::move(controller);
+}
+
+std::string DdiTestServer::controllerPath() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return "/" + tenant_ + "/controller/v1/" + controller_;
+}
+
+void DdiTestServer::serve(std::string const& path, std::string body, int status,
+                          std::string contentType) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  resources_[path] = Resource{std::make_shared<std::string const>(std::move(body)), status,
+                              std::move(contentType), false};
+}
+
+void DdiTestServer::setControllerBase(std::string json) {
+  serve(controllerPath(), std::move(json));
+}
+
+void DdiTestServer::setDeploymentBase(std::string const& actionId, std::string json) {
+  serve(controllerPath() + "/deploymentBase/" + actionId, std::move(json));
+}
+
+void DdiTestServer::setCancelAction(std::string const& actionId, std::string json) {
+  serve(controllerPath() + "/cancelAction/" + actionId, std::move(json));
+}
+
+std::string DdiTestServer::addArtifact(std::string const& path, std::string content) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    resources_[path] = Resource{std::make_shared<std::string const>(std::move(content)), 200,
+                                "application/octet-stream", true};
+  }
+  return baseUrl() + path;
+}
+
+void DdiTestServer::setFault(std::string const& path, Fault const& fault) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  faults_[path] = fault;
+}
+
+void DdiTestServer::clearFault(std::string const& path) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  faults_.erase(path);
+}
+
+std::vector<RecordedRequest> DdiTestServer::requests() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return requests_;
+}
+
+std::vector<RecordedRequest> DdiTestServer::requests(std::string const& method) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<RecordedRequest> out;
+  for (auto const& r : requests_) {
+    if (r.method == method) out.push_back(r);
+  }
+  return out;
+}
+
+void DdiTestServer::clearRequests() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  requests_.clear();
+}
+
+void DdiTestServer::setRequireToken(std::string token) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  requireToken = std::move(token);
+}
+
+void DdiTestServer::handle(httplib::Request const& req, httplib::Response& res) {
+  // Ranges are answered here; left in place, httplib would slice every
+  // answer again on its own. The request object is not const in httplib.
+  const_cast<httplib::Request&>(req).ranges.clear();
+
+  RecordedRequest record;
+  record.method = req.method;
+  size_t const question = req.target.find('?');
+  record.path = req.target.substr(0, question);
+  if (question != std::string::npos) record.query = req.target.substr(question + 1);
+  for (auto const& [name, value] : req.headers) {
+    if (!addedByHttplib(name)) record.headers.emplace_back(name, value);
+  }
+  record.body = req.body;
+
+  // Look-ups use the path as sent first, then percent-decoded.
+  auto find = [&](auto const& map) {
+    auto it = map.find(record.path);
+    return it != map.end() ? it : map.find(req.path);
+  };
+
+  Fault fault;
+  bool hasFault = false;
+  Resource resource;
+  bool hasResource = false;
+  std::string token;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    requests_.push_back(record);
+    token = requireToken;
+    if (auto it = find(faults_); it != faults_.end()) {
+      fault = it->second;
+      hasFault = true;
+    }
+    if (auto it = find(resources_); it != resources_.end()) {
+      resource = it->second;
+      hasResource = true;
+    }
+  }
+
+  if (!token.empty() && record.header("Authorization") != "TargetToken " + token) {
+    res.status = 401;
+    return;
+  }
+  if (hasFault && !fault.redirectTo.empty()) {
+    res.set_redirect(fault.redirectTo, 302);
+    return;
+  }
+  if (hasFault && fault.status != 0) {
+    res.status = fault.status;
+    if (fault.withBody) {
+      res.set_content(exceptionInfo("org.eclipse.hawkbit.exception.InjectedFault",
+                                    "hawkbit.server.error.injected",
+                                    "Injected status " + std::to_string(fault.status)),
+                      "application/json");
+    }
+    return;
+  }
+  if (hasFault && fault.emptyBody) {
+    res.status = 200;
+    return;
+  }
+  Fault const* shaping = hasFault ? &fault : nullptr;
+  if (req.method == "GET" || req.method == "HEAD") {
+    if (hasResource) {
+      answerResource(req, res, resource, shaping);
+    } else {
+      res.status = 404;
+      res.set_content(exceptionInfo("org.eclipse.hawkbit.repository.exception."
+                                    "EntityNotFoundException",
+                                    "hawkbit.server.error.repo.entitiyNotFound",
+                                    "Nothing is served at " + record.path),
+                      "application/json");
+    }
+    return;
+  }
+  res.status = 200;
+}
+
+void DdiTestServer::answerResource(httplib::Request const& req, httplib::Response& res,
+                                   Resource const& resource, Fault const* fault) {
+  if (!resource.artifact) {
+    res.status = resource.status;
+    sendBody(res, resource.body, 0, resource.body->size(), resource.contentType, fault);
+    return;
+  }
+  res.set_header("Accept-Ranges", "bytes");
+  std::string const range = req.get_header_value("Range");
+  size_t const size = resource.body->size();
+  size_t first = 0, last = 0;
+  RangeKind const kind = range.empty() || (fault && fault->ignoreRange)
+                             ? RangeKind::kNone
+                             : parseRange(range, size, first, last);
+  if (kind == RangeKind::kUnsatisfiable) {
+    res.status = 416;
+    res.set_header("Content-Range", "bytes */" + std::to_string(size));
+    return;
+  }
+  if (kind == RangeKind::kSatisfiable) {
+    res.status = 206;
+    res.set_header("Content-Range", "bytes " + std::to_string(first) + "-" + std::to_string(last) +
+                                        "/" + std::to_string(size));
+    sendBody(res, resource.body, first, last - first + 1, resource.contentType, fault);
+    return;
+  }
+  res.status = 200;
+  sendBody(res, resource.body, 0, size, resource.contentType, fault);
+}
+
+void DdiTestServer::sendBody(httplib::Response& res, std::shared_ptr<std::string const> data,
+                             size_t offset, size_t length, std::string const& contentType,
+                             Fault const* fault) {
+  if (length == 0) {
+    res.set_content("", contentType);
+    return;
+  }
+  size_t const limit = fault && fault->dropAfterBytes >= 0
+                           ? std::min<size_t>(length, static_cast<size_t>(fault->dropAfterBytes))
+                           : length;
+  size_t const piece =
+      fault && fault->chunkBytes > 0 ? static_cast<size_t>(fault->chunkBytes) : length;
+  int const delayMs = fault ? fault->delayMs : 0;
+  // Content-Length announces `length`; returning false makes httplib close
+  // the connection, which cuts the body short at `limit`.
+  res.set_content_provider(length, contentType,
+                           [this, data, offset, limit, piece, delayMs](size_t sent, size_t left,
+                                                                       httplib::DataSink& sink) {
+                             if (sent >= limit) return false;
+                             if (delayMs > 0) sleepUnlessStopping(delayMs);
+                             if (stopping_) return false;
+                             size_t const n = std::min({left, limit - sent, piece});
+                             return sink.write(data->data() + offset + sent, n);
+                           });
+}
+
+void DdiTestServer::sleepUnlessStopping(int ms) const {
+  auto const until = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+  while (!stopping_ && std::chrono::steady_clock::now() < until) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(std::min(ms, 10)));
+  }
+}
+
+// httplib's workers keep an idle keep-alive connection until it times out,
+// and stopping the server waits for them. httplib does not hand out accepted
+// sockets, so they are found among the process's descriptors by their local
+// address; shutting down their reading side ends them at once, while writes,
+// such as a TLS close_notify, still work.
+void DdiTestServer::endIdleConnections() const {
+  DIR* dir = opendir("/proc/self/fd");
+  if (dir == nullptr) return;
+  std::vector<int> fds;
+  while (dirent* entry = readdir(dir)) {
+    if (entry->d_name[0] >= '0' && entry->d_name[0] <= '9') fds.push_back(std::atoi(entry->d_name));
+  }
+  closedir(dir);
+  for (int fd : fds) {
+    sockaddr_in local{}, peer{};
+    socklen_t localLength = sizeof local, peerLength = sizeof peer;
+    if (getsockname(fd, reinterpret_cast<sockaddr*>(&local), &localLength) == 0 &&
+        local.sin_family == AF_INET && ntohs(local.sin_port) == port_ &&
+        local.sin_addr.s_addr == htonl(INADDR_LOOPBACK) &&
+        getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &peerLength) == 0) {
+      shutdown(fd, SHUT_RD);
+    }
+  }
+}
+
+std::string controllerBaseJson(std::string const& baseUrl, std::string const& controllerPath,
+                               std::string const& sleep, std::string const& deploymentActionId,
+                               std::string const& cancelActionId, bool configData) {
+  std::string const base = baseUrl + controllerPath;
+  std::vector<std::string> links;
+  if (!deploymentActionId.empty()) {
+    links.push_back(R"("deploymentBase":{"href":")" + jsonEscape(base) + "/deploymentBase/" +
+                    jsonEscape(deploymentActionId) + R"(?c=-2122565939"})");
+  }
+  if (!cancelActionId.empty()) {
+    links.push_back(R"("cancelAction":{"href":")" + jsonEscape(base) + "/cancelAction/" +
+                    jsonEscape(cancelActionId) + R"("})");
+  }
+  if (configData) {
+    links.push_back(R"("configData":{"href":")" + jsonEscape(base) + R"(/configData"})");
+  }
+  std::string json = R"({"config":{"polling":{"sleep":")" + jsonEscape(sleep) + R"("}})";
+  if (!links.empty()) {
+    json += R"(,"_links":{)";
+    for (size_t i = 0; i < links.size(); ++i) json += (i ? "," : "") + links[i];
+    json += "}";
+  }
+  return json + "}";
+}
+
+bool writeSelfSignedCertificate(std::string const& certFile, std::string const& keyFile,
+                                std::string const& commonName) {
+  EVP_PKEY* key = EVP_RSA_gen(2048);
+  X509* cert = X509_new();
+  bool ok = key != nullptr && cert != nullptr;
+  if (ok) {
+    std::random_device random;
+    ok = X509_set_version(cert, 2) == 1 &&
+         ASN1_INTEGER_set(X509_get_serialNumber(cert), static_cast<long>(random() >> 1)) == 1 &&
+         X509_gmtime_adj(X509_getm_notBefore(cert), -3600) != nullptr &&
+         X509_gmtime_adj(X509_getm_notAfter(cert), 365L * 24 * 3600) != nullptr &&
+         X509_set_pubkey(cert, key) == 1;
+  }
+  if (ok) {
+    X509_NAME* name = X509_get_subject_name(cert);
+    ok = X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
+                                    reinterpret_cast<unsigned char const*>(commonName.c_str()), -1,
+                                    -1, 0) == 1 &&
+         X509_set_issuer_name(cert, name) == 1;
+  }
+  if (ok) {
+    // Clients match the host against subjectAltName, not the CN.
+    in_addr ip{};
+    std::string const altName = inet_pton(AF_INET, commonName.c_str(), &ip) == 1
+                                    ? "IP:" + commonName
+                                    : "DNS:" + commonName + ",IP:127.0.0.1";
+    X509V3_CTX context;
+    X509V3_set_ctx_nodb(&context);
+    X509V3_set_ctx(&context, cert, cert, nullptr, nullptr, 0);
+    std::pair<int, std::string> const extensions[] = {
+        {NID_basic_constraints, "critical,CA:TRUE"},
+        {NID_subject_key_identifier, "hash"},
+        {NID_subject_alt_name, altName},
+    };
+    for (auto const& [nid, value] : extensions) {
+      X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, &context, nid, value.c_str());
+      ok = ok && extension != nullptr && X509_add_ext(cert, extension, -1) == 1;
+      X509_EXTENSION_free(extension);
+    }
+    ok = ok && X509_sign(cert, key, EVP_sha256()) > 0;
+  }
+  if (ok) {
+    FILE* out = std::fopen(certFile.c_str(), "w");
+    ok = out != nullptr && PEM_write_X509(out, cert) == 1;
+    if (out != nullptr) ok = std::fclose(out) == 0 && ok;
+  }
+  if (ok) {
+    FILE* out = std::fopen(keyFile.c_str(), "w");
+    ok = out != nullptr &&
+         PEM_write_PrivateKey(out, key, nullptr, nullptr, 0, nullptr, nullptr) == 1;
+    if (out != nullptr) ok = std::fclose(out) == 0 && ok;
+  }
+  X509_free(cert);
+  EVP_PKEY_free(key);
+  return ok;
+}
+
+}  // namespace tamrel::testing

@@ -1,0 +1,146 @@
+// In-process DDI server for tests, the demo agent and the benchmarks: serves
+// controller documents and artifacts, records every request and injects
+// faults per path.
+#pragma once
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace httplib {
+class Server;
+struct Request;
+struct Response;
+}  // namespace httplib
+
+namespace tamrel::testing {
+
+// One request as the server saw it.
+struct RecordedRequest {
+  std::string method;  // "GET", "POST", "PUT", ...
+  std::string path;    // as sent (not percent-decoded), without the query
+  std::string query;   // raw query without '?', "" if none
+  // httplib keeps headers in a case-insensitive sorted map, so these come in
+  // name order; repeated names keep their arrival order. For the exact lines
+  // in arrival order use RawCaptureServer.
+  std::vector<std::pair<std::string, std::string>> headers;
+  std::string body;
+
+  // First value of the header, name compared case-insensitively; "" if absent.
+  std::string header(std::string const& name) const;
+};
+
+// Misbehaviour injected for one path; it applies to every method on that
+// path until cleared. Checked in this order: redirectTo, status, emptyBody,
+// then the body shaping (ignoreRange, chunkBytes/delayMs, dropAfterBytes).
+struct Fault {
+  int status = 0;          // answer with this status instead (0 = no override)
+  bool withBody = true;    // with status: a small JSON error body, or none
+  bool emptyBody = false;  // answer 200 with an empty body
+  // Close the connection after this many body bytes; Content-Length still
+  // announces the full length.
+  long long dropAfterBytes = -1;
+  int chunkBytes = 0;        // send the body in pieces of this size...
+  int delayMs = 0;           // ...sleeping this long before each piece
+  std::string redirectTo;    // answer 302 with this Location (path or full URL)
+  bool ignoreRange = false;  // answer a Range request with 200 and the whole body
+};
+
+class DdiTestServer {
+ public:
+  struct Options {
+    bool https = false;
+    // PEM files for https; when both are empty a self-signed certificate for
+    // 127.0.0.1 is generated into a temporary directory (see certFile()).
+    std::string certFile, keyFile;
+    // How long an idle keep-alive connection is held open.
+    int keepAliveSeconds = 5;
+  };
+
+  DdiTestServer();
+  explicit DdiTestServer(Options const& options);
+  ~DdiTestServer();
+  DdiTestServer(DdiTestServer const&) = delete;
+  DdiTestServer& operator=(DdiTestServer const&) = delete;
+
+  int port() const;
+  std::string baseUrl() const;   // "http://127.0.0.1:<port>" or "https://..."
+  std::string certFile() const;  // the certificate in use for https, "" otherwise
+
+  // Tenant "DEFAULT" and controller "dev01" unless changed here.
+  void setTarget(std::string tenant, std::string controller);
+  std::string controllerPath() const;  // "/DEFAULT/controller/v1/dev01"
+
+  // A GET resource: path -> body, answered with the given status.
+  void serve(std::string const& path, std::string body, int status = 200,
+             std::string contentType = "application/hal+json");
+  void setControllerBase(std::string json);
+  void setDeploymentBase(std::string const& actionId, std::string json);
+  void setCancelAction(std::string const& actionId, std::string json);
+  // A binary artifact with single-range support. Returns its full URL.
+  std::string addArtifact(std::string const& path, std::string content);
+
+  void setFault(std::string const& path, Fault const& fault);
+  void clearFault(std::string const& path);
+
+  std::vector<RecordedRequest> requests() const;  // in arrival order
+  std::vector<RecordedRequest> requests(std::string const& method) const;
+  void clearRequests();
+
+  // When non-empty, a request whose Authorization is not
+  // "TargetToken <requireToken>" gets 401 with an empty body. Assign it while
+  // no request is in flight, or use setRequireToken() which locks.
+  std::string requireToken;
+  void setRequireToken(std::string token);
+
+ private:
+  struct Resource {
+    std::shared_ptr<std::string const> body;  // shared: answers do not copy it
+    int status = 200;
+    std::string contentType;
+    bool artifact = false;
+  };
+
+  void handle(httplib::Request const& req, httplib::Response& res);
+  void answerResource(httplib::Request const& req, httplib::Response& res, Resource const& resource,
+                      Fault const* fault);
+  void sendBody(httplib::Response& res, std::shared_ptr<std::string const> data, size_t offset,
+                size_t length, std::string const& contentType, Fault const* fault);
+  void sleepUnlessStopping(int ms) const;
+  void endIdleConnections() const;
+
+  mutable std::mutex mutex_;
+  std::string tenant_ = "DEFAULT";
+  std::string controller_ = "dev01";
+  std::map<std::string, Resource> resources_;
+  std::map<std::string, Fault> faults_;
+  std::vector<RecordedRequest> requests_;
+
+  bool https_ = false;
+  std::string certFile_;
+  std::string tempDir_;  // holds a generated certificate, removed on exit
+  int port_ = -1;
+  std::atomic<bool> stopping_{false};
+  std::atomic<bool> listenReturned_{false};
+  std::unique_ptr<httplib::Server> server_;
+  std::thread thread_;
+};
+
+// A controller base document in hawkBit's shape: the polling sleep
+// ("HH:MM:SS") and _links to deploymentBase (with a "?c=" query as hawkBit
+// sends it), cancelAction and configData as asked.
+std::string controllerBaseJson(std::string const& baseUrl, std::string const& controllerPath,
+                               std::string const& sleep, std::string const& deploymentActionId,
+                               std::string const& cancelActionId, bool configData);
+
+// Writes a self-signed RSA 2048 certificate (subject CN and subjectAltName
+// commonName, plus IP 127.0.0.1) and its key as PEM files. False on failure.
+bool writeSelfSignedCertificate(std::string const& certFile, std::string const& keyFile,
+                                std::string const& commonName = "localhost");
+
+}  // namespace tamrel::testing
