@@ -299,7 +299,8 @@ int main(int argc, char** argv) {
   if (args.empty()) {
     std::fprintf(stderr,
                  "usage: tamrel_bench download URL SOURCE DIR RUNS | verify SOURCE DIR RUNS |\n"
-                 "       memory URL SOURCE DIR | resume URL SOURCE DIR RUNS | parse RUNS\n");
+                 "       memory URL SOURCE DIR | resume URL SOURCE DIR RUNS | parse RUNS |\n"
+                 "       poll CYCLES\n");
     return 2;
   }
   std::string const& what = args[0];
@@ -313,6 +314,10 @@ int main(int argc, char** argv) {
     resumeVsWhole(args[1], args[2], args[3], std::stoi(args[4]));
   else if (what == "parse" && args.size() == 2)
     parseCost(std::stoi(args[1]));
+#ifdef TAMREL_BENCH_WITH_SERVER
+  else if (what == "poll" && args.size() == 2)
+    pollCycles(std::stoi(args[1]));
+#endif
   else
     return 2;
   return 0;
