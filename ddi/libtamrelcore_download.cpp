@@ -57,26 +57,25 @@ download_errors_t libtamrelcore::downloadArtifact(
 
   std::uint64_t done = sink.size();
   int lastPercent = 0;
-  auto const report = [&](int stored) {
-    downloadBytes(stored);
-    done += static_cast<std::uint64_t>(static_cast<std::int64_t>(stored));
+  auto const reportPercent = [&] {
     int const percent = downloadPercent(done, artifact.size);
     if (percent != lastPercent) {
       lastPercent = percent;
       downloadProgress(label, artifact.filename, percent);
     }
   };
-  buffer->written.connect(report);
+  buffer->written.connect([&](int stored) {
+    downloadBytes(stored);
+    done += static_cast<std::uint64_t>(static_cast<std::int64_t>(stored));
+    reportPercent();
+  });
 
   logLine("[I] libtamrelcore -> Starting to download: %s (%s)\n", artifact.filename.c_str(),
           url.c_str());
   if (done != 0) {
+    // Resuming: report what is already on disk first.
     downloadBytes(static_cast<int>(done));
-    int const percent = downloadPercent(done, artifact.size);
-    if (percent != lastPercent) {
-      lastPercent = percent;
-      downloadProgress(label, artifact.filename, percent);
-    }
+    reportPercent();
   }
   downloadStarted(label, artifact.filename);
 
