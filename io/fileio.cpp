@@ -18,11 +18,15 @@ std::shared_ptr<char> emptyPiece() {
 
 }  // namespace
 
-fileio::fileio(std::string const& name) : path(name) {
+fileio::fileio(std::string const& name)
+    : streamBuffer_(new char[kStreamBuffer]), path(name) {
   if (path.empty()) {
     logLine("[E] libtamrelcore -> Cannot open file with empty name. This won't work\n");
     return;
   }
+  // A larger stream buffer makes the re-read of a partial file cheap; writes
+  // of downloaded chunks bypass it and go straight to the file.
+  file.rdbuf()->pubsetbuf(streamBuffer_.get(), kStreamBuffer);
   file.open(path, kAppendMode);
 }
 
@@ -63,11 +67,11 @@ unsigned int fileio::size() const {
 long long fileio::readChunk(char* buffer, long long n) {
   if (n < 0) return 0;
   atEnd_ = false;
-  long long const before = static_cast<long long>(file.tellg());
   file.read(buffer, static_cast<std::streamsize>(n));
-  long long const after = static_cast<long long>(file.tellg());
-  if (before < 0 || after < 0) return -1;
-  return after - before;
+  // A read cut short by the end of the file leaves the stream failed, and a
+  // failed stream reports no position: such a read counts as negative.
+  if (!file) return -1;
+  return static_cast<long long>(file.gcount());
 }
 
 std::shared_ptr<char> fileio::read(unsigned int& length) {
@@ -84,8 +88,12 @@ std::shared_ptr<char> fileio::read(unsigned int& length) {
 
 void fileio::reset() {
   logLine("[I] libtamrelcore -> Truncating file: %s\n", path.c_str());
-  std::fstream fresh(path, kTruncateMode);
-  file = std::move(fresh);
+  // Close (and flush) the old stream before truncating, so that nothing it
+  // still holds can land in the fresh file.
+  file.close();
+  file.clear();
+  file.rdbuf()->pubsetbuf(streamBuffer_.get(), kStreamBuffer);
+  file.open(path, kTruncateMode);
   atEnd_ = false;
 }
 

@@ -2,6 +2,7 @@
 #define TAMREL_IO_FILEIO_H_
 
 #include <fstream>
+#include <memory>
 #include <string>
 
 #include "io/iobase.h"
@@ -33,6 +34,9 @@ class fileio : public iobase {
   // Reads `n` bytes; returns the stream's advance, negative when it failed.
   long long readChunk(char* buffer, long long n);
 
+  static constexpr std::streamsize kStreamBuffer = 64 * 1024;
+
+  std::unique_ptr<char[]> streamBuffer_;  // outlives `file`, which uses it
   mutable std::fstream file;
   std::string path;
   mutable bool atEnd_ = false;  // the put position is known to be at the end
