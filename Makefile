@@ -60,4 +60,5 @@ clean:
 
 # Benchmarks against curl, openssl and coreutils (not part of `make test`).
 bench: build
-	scripts/bench.sh
+	scripts/bench.sh | tee build/bench.txt
+	@if command -v gnuplot >/dev/null; then scripts/bench-chart.sh build/bench.txt build/throughput.png; fi

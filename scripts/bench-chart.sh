@@ -7,19 +7,17 @@ in=$1; out=$2
 data=$(mktemp)
 trap 'rm -f "$data"' EXIT
 # Rows of the 512 MiB section that carry a throughput pair.
-awk '
-  /== artifact of 512 MiB/ { on = 1; next }
-  /^==/ { on = 0 }
-  on && /MiB\/s\)/ {
-    label = $0; sub(/ +[0-9.]+ s \[.*/, "", label)
-    match($0, /\(([0-9]+) vs ([0-9]+) MiB\/s\)/, m)
-    limit = (label ~ /MD5/) ? 572 : 1430          # MD5 0.6 GB/s, SHA-1 1.5 GB/s
-    if (label ~ /^download/) limit = (label ~ /MD5/) ? 572 : 1430
-    gsub(/ /, "_", label)
-    print label, m[1], m[2], limit
-  }' "$in" > "$data"
+sed -n '/== artifact of 512 MiB/,/^== peak/p' "$in" | grep 'MiB/s)' | while IFS= read -r line; do
+  label=$(sed -E 's/ +[0-9.]+ s \[.*//; s/ /_/g' <<<"$line")
+  pair=$(sed -E 's/.*\(([0-9]+) vs ([0-9]+) MiB\/s\).*/\1 \2/' <<<"$line")
+  case "$label" in
+    *MD5*) limit=572 ;;   # MD5 at about 0.6 GB/s on one core
+    *) limit=1430 ;;      # SHA-1 at about 1.5 GB/s on one core
+  esac
+  echo "$label $pair $limit"
+done > "$data"
 gnuplot <<GNUPLOT
-set terminal pngcairo size 1000,520 font "sans,10"
+set terminal pngcairo size 1150,540 font "sans,10"
 set output "$out"
 set title "512 MiB artifact over loopback, tmpfs (MiB/s, higher is better)"
 set style data histograms
@@ -29,7 +27,9 @@ set boxwidth 0.9
 set yrange [0:*]
 set ylabel "MiB/s"
 set xtics rotate by -20 scale 0 noenhanced
-set key top right
+set key outside right top vertical
+set bmargin 7
+set rmargin 2
 set grid ytics
 plot "$data" using 2:xtic(1) title "libtamrelcore", \
      "" using 3 title "peer (curl+openssl / openssl / sha1sum)", \
