@@ -1,0 +1,17 @@
+// The deploymentBase document.
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "plugin/libtamrelcore.h"
+
+extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
+  static libtamrelcore client(nullptr);
+  std::string const text(reinterpret_cast<char const*>(data), size);
+  hawkbit_query_t::deployment_t deployment;
+  deployment.url = "http://fuzz/deploymentBase/1";
+  client.parseDeploymentBase(text, deployment);
+  (void)is_valid(deployment);
+  (void)(deployment.chunks == deployment.chunks);
+  return 0;
+}
