@@ -195,37 +195,4 @@ TEST_F(TempDir, ResetTruncatesAndOddCallsAreLogged) {
   EXPECT_EQ(missing.write("x", 1), 0u);
 }
 
-// A full disk, simulated with a file-size limit in a child process: the write
-// that crosses the limit is short, logged, not hashed, and the file holds
-// exactly the bytes up to the limit.
-TEST_F(TempDir, ShortWriteOnFullDisk) {
-  std::string const name = path("full");
-  std::string const log = path("log");
-  pid_t const child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    std::signal(SIGXFSZ, SIG_IGN);
-    rlimit limit{3000, 3000};
-    setrlimit(RLIMIT_FSIZE, &limit);
-    std::freopen(log.c_str(), "w", stderr);
-    fileio file(name);
-    auto recorder = std::make_unique<RecordingHash>();
-    RecordingHash* seen = recorder.get();
-    file.setHash(std::move(recorder));
-    std::string const block = patterned(2000);
-    unsigned int const first = file.write(block.data(), 2000);
-    unsigned int const second = file.write(block.data(), 2000);
-    std::fflush(stderr);
-    _exit(first == 2000 && second < 2000 && seen->bytes.size() == 2000 ? 0 : 1);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
-  EXPECT_EQ(readFile(name).size(), 3000u);
-  EXPECT_EQ(
-      readFile(log).rfind("[E] libtamrelcore -> Unable to write 2000 bytes to file (wrote ", 0), 0u)
-      << "[" << readFile(log) << "]";
-}
-
 }  // namespace

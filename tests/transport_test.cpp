@@ -48,9 +48,10 @@ TEST(TransportHeaders, ExactLinesInOrder) {
   CurlManager manager;
   manager.setTargetToken("");  // no token: the line ends with the blank
   EXPECT_TRUE(manager.download(raw.baseUrl() + "/get", memoryBuffer()));
-  manager.setTargetToken("tok");
+  manager.setTargetToken("old");
+  manager.setTargetToken("tok");  // replaces the first
   EXPECT_TRUE(manager.post(raw.baseUrl() + "/post", memoryBuffer("{\"a\":1}")));
-  EXPECT_TRUE(manager.put(raw.baseUrl() + "/put", memoryBuffer("{}")));
+  EXPECT_TRUE(manager.put(raw.baseUrl() + "/put", memoryBuffer("")));
   ASSERT_TRUE(raw.waitForRequests(3, 5000));
   auto const seen = raw.requests();
   std::string const host = "Host: 127.0.0.1:" + std::to_string(raw.port());
@@ -70,11 +71,9 @@ TEST(TransportHeaders, ExactLinesInOrder) {
                                                            "Content-Length: 7"}));
   EXPECT_EQ(seen[1].body, "{\"a\":1}");
   EXPECT_EQ(seen[2].requestLine, "PUT /put HTTP/1.1");
-  // libcurl itself adds the Expect line to uploads.
-  EXPECT_EQ(seen[2].headerLines,
-            (std::vector<std::string>{host, agent, sent[0], sent[1], sent[2], "Content-Length: 2",
-                                      "Expect: 100-continue"}));
-  EXPECT_EQ(seen[2].body, "{}");
+  EXPECT_EQ(seen[2].headerLines, (std::vector<std::string>{host, agent, sent[0], sent[1], sent[2],
+                                                           "Content-Length: 0"}));
+  EXPECT_EQ(seen[2].body, "");
 }
 
 TEST_F(Transport, ErrorStatusIsDataNotFailure) {
@@ -91,30 +90,6 @@ TEST_F(Transport, ErrorStatusIsDataNotFailure) {
   server.setFault("/feedback", denied);
   EXPECT_TRUE(manager.post(server.baseUrl() + "/feedback", memoryBuffer("{}")));
   EXPECT_TRUE(manager.put(server.baseUrl() + "/feedback", memoryBuffer("{}")));
-}
-
-TEST_F(Transport, SendsTokenAgentAndBodies) {
-  manager.setTargetToken("first");
-  manager.setTargetToken("second");
-  server.serve("/doc", "{}");
-  EXPECT_TRUE(manager.download(server.baseUrl() + "/doc", memoryBuffer()));
-  EXPECT_TRUE(manager.post(server.baseUrl() + "/post", memoryBuffer(R"({"a":1})")));
-  EXPECT_TRUE(manager.put(server.baseUrl() + "/put", memoryBuffer("")));
-  auto const seen = server.requests();
-  ASSERT_EQ(seen.size(), 3u);
-  for (auto const& r : seen) {
-    EXPECT_EQ(r.header("Authorization"), "TargetToken second");
-    EXPECT_EQ(r.header("User-Agent"),
-              "libcurl/" + std::string(curl_version_info(CURLVERSION_NOW)->version));
-  }
-  EXPECT_EQ(seen[0].header("charsets"), "utf-8");
-  EXPECT_EQ(seen[0].header("Content-Type"), "application/json");
-  EXPECT_EQ(seen[1].method, "POST");
-  EXPECT_EQ(seen[1].body, R"({"a":1})");
-  EXPECT_EQ(seen[1].header("charsets"), "");
-  EXPECT_EQ(seen[2].method, "PUT");
-  EXPECT_EQ(seen[2].body, "");
-  EXPECT_EQ(seen[2].header("Content-Length"), "0");
 }
 
 TEST_F(Transport, ResumesFromTheSinkSize) {
@@ -137,22 +112,6 @@ TEST_F(Transport, ResumesFromTheSinkSize) {
   int total = 0;
   for (int n : chunks) total += n;
   EXPECT_EQ(total, 3000);
-}
-
-TEST_F(Transport, DroppedBodyCountsAsPartialAndResumes) {
-  std::string content(50000, '\0');
-  for (std::size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i * 31);
-  std::string const url = server.addArtifact("/drop", content);
-  Fault drop;
-  drop.dropAfterBytes = 20000;
-  server.setFault("/drop", drop);
-  auto buffer = memoryBuffer();
-  EXPECT_TRUE(manager.download(url, buffer));  // a short body is accepted...
-  EXPECT_EQ(buffer->result, 0);
-  EXPECT_EQ(buffer->sink->size(), 20000u);  // ...and only what arrived is kept
-  server.clearFault("/drop");
-  EXPECT_TRUE(manager.download(url, buffer));
-  EXPECT_EQ(buffer->sink->data(), content);
 }
 
 TEST_F(Transport, RefusingSinkEndsTheTransfer) {
