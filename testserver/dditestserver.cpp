@@ -95,7 +95,8 @@ std::string RecordedRequest::header(std::string const& name) const {
 
 DdiTestServer::DdiTestServer() : DdiTestServer(Options{}) {}
 
-DdiTestServer::DdiTestServer(Options const& options) : https_(options.https) {
+DdiTestServer::DdiTestServer(Options const& options)
+    : https_(options.https), onRequest_(options.onRequest) {
   if (https_) {
     certFile_ = options.certFile;
     std::string keyFile = options.keyFile;
@@ -127,7 +128,11 @@ DdiTestServer::DdiTestServer(Options const& options) : https_(options.https) {
   server_->Patch(".*", handler);
   server_->Delete(".*", handler);
 
-  port_ = server_->bind_to_any_port("127.0.0.1");
+  if (options.port > 0) {
+    port_ = server_->bind_to_port("127.0.0.1", options.port) ? options.port : -1;
+  } else {
+    port_ = server_->bind_to_any_port("127.0.0.1");
+  }
   if (port_ < 0) throw std::runtime_error("DdiTestServer: cannot bind");
   thread_ = std::thread([this] {
     server_->listen_after_bind();
@@ -264,6 +269,7 @@ void DdiTestServer::handle(httplib::Request const& req, httplib::Response& res) 
   {
     std::lock_guard<std::mutex> lock(mutex_);
     requests_.push_back(record);
+    if (onRequest_) onRequest_(record);
     token = requireToken;
     if (auto it = find(faults_); it != faults_.end()) {
       fault = it->second;

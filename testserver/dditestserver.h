@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -60,6 +61,10 @@ class DdiTestServer {
     std::string certFile, keyFile;
     // How long an idle keep-alive connection is held open.
     int keepAliveSeconds = 5;
+    // A fixed port on 127.0.0.1 (0: an ephemeral one).
+    int port = 0;
+    // Called for every request as it is recorded (on a server thread).
+    std::function<void(RecordedRequest const&)> onRequest;
   };
 
   DdiTestServer();
@@ -127,6 +132,7 @@ class DdiTestServer {
   int port_ = -1;
   std::atomic<bool> stopping_{false};
   std::atomic<bool> listenReturned_{false};
+  std::function<void(RecordedRequest const&)> onRequest_;
   std::unique_ptr<httplib::Server> server_;
   std::thread thread_;
 };

@@ -1,0 +1,214 @@
+// tamrel-agent: the reference host of libtamrelcore. Loads the plug-in,
+// binds its settings and runs the update loop; --demo runs a whole cycle
+// against an in-process DDI server.
+#include <signal.h>
+#include <stdlib.h>
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+
+#include <openssl/md5.h>
+#include <openssl/sha.h>
+
+#include "agent/agentconfig.h"
+#include "agent/pluginloader.h"
+#include "agent/updateagent.h"
+#include "testserver/dditestserver.h"
+
+namespace {
+
+char const kUsage[] = "usage: tamrel-agent [--plugin PATH] (--config FILE [--once] | --demo)\n";
+
+std::string hex(unsigned char const* bytes, std::size_t n) {
+  static char const digits[] = "0123456789abcdef";
+  std::string text;
+  for (std::size_t i = 0; i < n; ++i) {
+    text += digits[bytes[i] >> 4];
+    text += digits[bytes[i] & 15];
+  }
+  return text;
+}
+
+sigset_t stopSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGINT);
+  sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGUSR1);
+  return set;
+}
+
+// A thread that turns SIGINT/SIGTERM into a clean stop of the agent. The
+// signals are blocked in every thread (main blocks them first), so only
+// this thread receives them, outside any signal handler.
+class SignalThread {
+ public:
+  explicit SignalThread(UpdateAgent& agent) : set_(stopSignals()) {
+    thread_ = std::thread([this, &agent] {
+      int number = 0;
+      sigwait(&set_, &number);
+      if (number != SIGUSR1) {
+        std::printf("\nsignal %d: stopping\n", number);
+        agent.stop();
+      }
+    });
+  }
+  ~SignalThread() {
+    pthread_kill(thread_.native_handle(), SIGUSR1);
+    thread_.join();
+  }
+
+ private:
+  sigset_t set_;
+  std::thread thread_;
+};
+
+// Two chunks, three artifacts of a few MiB, one of them with MD5 only.
+int runDemo(libtamrelcore& client) {
+  tamrel::testing::DdiTestServer server;
+  server.setRequireToken("demo-token");
+  std::string const base = server.baseUrl();
+  std::mt19937 random(42);
+  struct Item {
+    char const *chunk, *name;
+    std::size_t size;
+    bool sha1;
+  } const items[] = {{"rootfs", "rootfs.img", 4u << 20, true},
+                     {"rootfs", "rootfs.sig", 256, true},
+                     {"app", "app.tar", 3u << 20, false}};
+  std::string chunks;
+  for (char const* chunk : {"rootfs", "app"}) {
+    std::string artifacts;
+    for (Item const& item : items) {
+      if (std::strcmp(item.chunk, chunk) != 0) continue;
+      std::string content(item.size, '\0');
+      for (char& c : content) c = static_cast<char>(random());
+      unsigned char sha[SHA_DIGEST_LENGTH], md5[MD5_DIGEST_LENGTH];
+      SHA1(reinterpret_cast<unsigned char const*>(content.data()), content.size(), sha);
+      MD5(reinterpret_cast<unsigned char const*>(content.data()), content.size(), md5);
+      std::string const url = server.addArtifact(std::string("/artifacts/") + item.name, content);
+      std::string hashes = "\"md5\":\"" + hex(md5, sizeof md5) + "\"";
+      if (item.sha1) hashes = "\"sha1\":\"" + hex(sha, sizeof sha) + "\"," + hashes;
+      artifacts += std::string(artifacts.empty() ? "" : ",") + "{\"filename\":\"" + item.name +
+                   "\",\"hashes\":{" + hashes + "},\"size\":" + std::to_string(item.size) +
+                   ",\"_links\":{\"download-http\":{\"href\":\"" + url + "\"}}}";
+    }
+    chunks += std::string(chunks.empty() ? "" : ",") + "{\"part\":\"" + chunk +
+              "\",\"version\":\"2.0\",\"name\":\"" + chunk + "\",\"artifacts\":[" + artifacts +
+              "]}";
+  }
+  server.setDeploymentBase("1",
+                           "{\"id\":\"1\",\"deployment\":{\"download\":\"forced\","
+                           "\"update\":\"forced\",\"chunks\":[" +
+                               chunks + "]}}");
+  server.setControllerBase(tamrel::testing::controllerBaseJson(base, server.controllerPath(),
+                                                               "00:00:30", "1", "", true));
+
+  char dir[] = "/tmp/tamrel-demo-XXXXXX";
+  if (mkdtemp(dir) == nullptr) return 1;
+  AgentConfig config;
+  config.downloadDir = dir;
+  config.attributes = {{"hw-revision", "2"}, {"serial", "demo-0001"}};
+  auto& table = *config.properties;
+  *table["address"] = base;
+  *table["tenant-id"] = "DEFAULT";
+  *table["controller-id"] = "dev01";
+  *table["token"] = "demo-token";
+
+  UpdateAgent agent(client, config);
+  SignalThread signals(agent);
+  std::printf("DDI test server on %s, downloads into %s\n\n", base.c_str(), dir);
+  if (!agent.connect()) return 1;
+  std::printf("== first poll: configuration request and a deployment\n");
+  agent.cycle();
+
+  std::printf("\n== second poll: a cancel request\n");
+  server.setCancelAction("2", R"({"id":"2","cancelAction":{"stopId":"1"}})");
+  server.setControllerBase(tamrel::testing::controllerBaseJson(base, server.controllerPath(),
+                                                               "00:00:30", "", "2", false));
+  agent.cycle();
+
+  std::printf("\n== what the server received\n");
+  bool success = false;
+  for (auto const& request : server.requests()) {
+    std::printf("  %-4s %s\n", request.method.c_str(), request.path.c_str());
+    if (request.method != "GET") {
+      std::printf("       %s\n", request.body.c_str());
+      if (request.path.find("/deploymentBase/1/feedback") != std::string::npos &&
+          request.body.find("\"finished\":\"success\"") != std::string::npos) {
+        success = true;
+      }
+    }
+  }
+  std::printf("\nsummary: deployment feedback %s\n", success ? "closed/success" : "MISSING");
+  std::string const cleanup = std::string("rm -rf '") + dir + "'";
+  if (std::system(cleanup.c_str()) != 0) std::printf("could not remove %s\n", dir);
+  return success ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  sigset_t const signals = stopSignals();
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  std::string pluginPath, configPath;
+  bool once = false, demo = false;
+  for (int i = 1; i < argc; ++i) {
+    std::string const arg = argv[i];
+    if (arg == "--plugin" && i + 1 < argc) {
+      pluginPath = argv[++i];
+    } else if (arg == "--config" && i + 1 < argc) {
+      configPath = argv[++i];
+    } else if (arg == "--once") {
+      once = true;
+    } else if (arg == "--demo") {
+      demo = true;
+    } else {
+      std::fputs(kUsage, stderr);
+      return 2;
+    }
+  }
+  if (demo == !configPath.empty()) {
+    std::fputs(kUsage, stderr);
+    return 2;
+  }
+  setvbuf(stdout, nullptr, _IOLBF, 0);
+
+  // Declared before the configuration so that it is destroyed after it: the
+  // library adds entries to the property table, and their code lives in the
+  // plug-in, so the table must go before the plug-in is closed.
+  std::unique_ptr<PluginLoader> plugin;
+  AgentConfig config;
+  if (!demo) {
+    try {
+      config = AgentConfig::fromFile(configPath);
+    } catch (ConfigError const& error) {
+      std::fprintf(stderr, "tamrel-agent: %s\n", error.what());
+      return 2;
+    }
+  }
+  plugin = std::make_unique<PluginLoader>(pluginPath);
+  if (plugin->client() == nullptr) {
+    std::fprintf(stderr, "tamrel-agent: %s\n", plugin->error().c_str());
+    return 1;
+  }
+  std::printf("plug-in %s (%s)\n", plugin->path().c_str(), plugin->client()->uuid().c_str());
+  if (demo) return runDemo(*plugin->client());
+
+  UpdateAgent agent(*plugin->client(), config);
+  SignalThread stopper(agent);
+  if (!agent.connect()) {
+    std::fprintf(stderr, "tamrel-agent: %s: no token or token-file set\n", configPath.c_str());
+    return 2;
+  }
+  while (!agent.stopping()) {
+    std::int64_t const sleep = agent.cycle();
+    if (once) break;
+    agent.sleep(sleep >= 5 ? sleep : 30);
+  }
+  return 0;
+}

@@ -1,0 +1,55 @@
+#include "agent/pluginloader.h"
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <vector>
+
+#include "plugin/libtamrelcore.h"
+
+namespace {
+
+std::string executableDir() {
+  std::vector<char> buffer(4096);
+  ssize_t const n = readlink("/proc/self/exe", buffer.data(), buffer.size() - 1);
+  if (n <= 0) return ".";
+  std::string const exe(buffer.data(), static_cast<std::size_t>(n));
+  return exe.substr(0, exe.rfind('/'));
+}
+
+}  // namespace
+
+PluginLoader::PluginLoader(std::string const& path) {
+  std::vector<std::string> candidates;
+  if (!path.empty()) {
+    candidates.push_back(path);
+  } else {
+    std::string const dir = executableDir();
+    candidates = {dir + "/libtamrelcore.so", dir + "/../lib/libtamrelcore.so", "libtamrelcore.so"};
+  }
+  for (std::string const& candidate : candidates) {
+    if (candidate.find('/') != std::string::npos && access(candidate.c_str(), R_OK) != 0) continue;
+    library_ = dlopen(candidate.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (library_ != nullptr) {
+      path_ = candidate;
+      break;
+    }
+    error_ = dlerror();
+  }
+  if (library_ == nullptr) {
+    if (error_.empty()) error_ = "cannot find libtamrelcore.so (use --plugin PATH)";
+    return;
+  }
+  auto create = reinterpret_cast<void* (*)()>(dlsym(library_, "create_object"));
+  destroy_ = reinterpret_cast<void (*)(void*)>(dlsym(library_, "destroy_object"));
+  if (create == nullptr || destroy_ == nullptr) {
+    error_ = path_ + " does not export create_object and destroy_object";
+    return;
+  }
+  client_ = static_cast<libtamrelcore*>(create());
+}
+
+PluginLoader::~PluginLoader() {
+  if (client_ != nullptr) destroy_(client_);
+  if (library_ != nullptr) dlclose(library_);
+}

@@ -1,0 +1,53 @@
+#ifndef TAMREL_AGENT_UPDATEAGENT_H_
+#define TAMREL_AGENT_UPDATEAGENT_H_
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "agent/agentconfig.h"
+#include "agent/progressbar.h"
+#include "plugin/libtamrelcore.h"
+
+// The update loop of a device: poll, answer what the server asks for, fetch,
+// verify and install deployments, report back. Runs on one thread; stop()
+// may be called from another (a signal-handling thread).
+class UpdateAgent {
+ public:
+  UpdateAgent(libtamrelcore& client, AgentConfig const& config);
+
+  // Binds the settings; false when the library refuses them.
+  bool connect();
+  // One poll and whatever it asks for. Returns the polling interval the
+  // server asked for (0 when it named none).
+  std::int64_t cycle();
+  // Waits up to `seconds`, returning early once stop() was called.
+  void sleep(std::int64_t seconds);
+  // Cancels a running download or verification and ends the loop.
+  void stop();
+  bool stopping() const { return stop_.load(); }
+
+  // True when the name can safely become one path component.
+  static bool safeName(std::string const& name);
+
+ private:
+  bool deploy(hawkbit_query_t::deployment_t deployment);
+  // Downloads with retries and a stall watchdog; `detail` says what happened.
+  bool fetch(std::string const& label, hawkbit_query_t::deployment_t::chunk_t::artifact_t& artifact,
+             std::string& detail);
+  bool install(std::vector<std::string> const& files, std::string& detail);
+
+  libtamrelcore& client_;
+  AgentConfig const& config_;
+  ProgressBar bar_;
+  std::atomic<bool> stop_{false};
+  std::atomic<std::int64_t> lastActivityMs_{0};
+  unsigned int lastStatus_ = 0;
+  std::mutex sleepLock_;
+  std::condition_variable wake_;
+};
+
+#endif  // TAMREL_AGENT_UPDATEAGENT_H_
