@@ -1,0 +1,140 @@
+// A long run of one client: poll, update feedback and config data, over and
+// over. Descriptors and memory must stay flat and nothing unexpected may be
+// logged. TAMREL_SOAK_CYCLES sets the length (`make soak` runs 2000).
+#include <dirent.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "plugin/libtamrelcore.h"
+#include "tests/support/capture_stderr.h"
+#include "testserver/dditestserver.h"
+#include "transport/curlmanager.h"
+
+#if __has_include(<valgrind/valgrind.h>)
+#include <valgrind/valgrind.h>
+#else
+#define RUNNING_ON_VALGRIND 0
+#endif
+#if defined(__SANITIZE_ADDRESS__)
+#define TAMREL_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define TAMREL_ASAN 1
+#endif
+#endif
+
+namespace {
+
+using tamrel::testing::CaptureStderr;
+using tamrel::testing::DdiTestServer;
+
+std::size_t openDescriptors() {
+  std::size_t count = 0;
+  if (DIR* dir = opendir("/proc/self/fd")) {
+    while (dirent* entry = readdir(dir)) count += entry->d_name[0] != '.';
+    closedir(dir);
+    --count;  // the directory being read
+  }
+  return count;
+}
+
+// The in-process server closes its end of a connection a moment after the
+// client has; give it that moment before counting.
+std::size_t settledDescriptors(std::size_t expected) {
+  std::size_t count = openDescriptors();
+  for (int i = 0; i < 200 && count > expected; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    count = openDescriptors();
+  }
+  return count;
+}
+
+long residentKiB() {
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.rfind("VmRSS:", 0) == 0) return std::atol(line.c_str() + 6);
+  }
+  return -1;
+}
+
+TEST(Soak, PollFeedbackAndConfigDataStayFlat) {
+  char const* setting = std::getenv("TAMREL_SOAK_CYCLES");
+  int const cycles = setting ? std::max(std::atoi(setting), 20) : 200;
+  int const warmUp = cycles / 10;
+
+  DdiTestServer server;
+  std::string const base = server.baseUrl() + server.controllerPath();
+  server.setControllerBase(tamrel::testing::controllerBaseJson(
+      server.baseUrl(), server.controllerPath(), "00:05:00", "7", "", true));
+  server.setDeploymentBase(
+      "7", R"({"id":"7","deployment":{"chunks":[{"part":"os","version":"1","name":"fw",)"
+           R"("artifacts":[{"filename":"fw.bin","size":1,"hashes":{"sha1":"00"},)"
+           R"("_links":{"download-http":{"href":"http://x/fw.bin"}}}]}]}})");
+  auto text = [](std::string const& v) { return std::make_shared<value_container>(v.c_str()); };
+  auto const table = std::make_shared<lookup>(lookup{{"address", text(server.baseUrl())},
+                                                     {"tenant-id", text("DEFAULT")},
+                                                     {"controller-id", text("dev01")},
+                                                     {"token", text("s3cret")}});
+  CurlManager transport;
+  libtamrelcore client(&transport);
+  ASSERT_TRUE(client.connectProperties(table));
+
+  std::size_t fdsBefore = 0;
+  long rssBefore = 0;
+  auto const start = std::chrono::steady_clock::now();
+  CaptureStderr capture;
+  for (int i = 0; i < cycles; ++i) {
+    if (i == warmUp) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(200));
+      fdsBefore = openDescriptors();
+      rssBefore = residentKiB();
+    }
+    hawkbit_query_t result = client.queryOnlineStatus();
+    ASSERT_TRUE(is_valid(result.deployment)) << "cycle " << i;
+    ASSERT_EQ(result.config.sleep, 300);
+    result.deployment.execution = execution_t::proceeding;
+    result.deployment.finished = finished_t::none;
+    ASSERT_TRUE(client.sendUpdateFeedback(result.deployment));
+    ASSERT_TRUE(client.sendConfigData({{"cycle", std::to_string(i)}}));
+    ASSERT_EQ(server.requests().size(), 4u) << "cycle " << i;
+    server.clearRequests();  // the server's record would grow otherwise
+  }
+  double const seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  std::size_t const fdsAfter = settledDescriptors(fdsBefore);
+  long const rssAfter = residentKiB();
+  std::printf("[soak] %d cycles in %.1f s; descriptors %zu -> %zu; RSS %ld -> %ld KiB\n", cycles,
+              seconds, fdsBefore, fdsAfter, rssBefore, rssAfter);
+
+  EXPECT_LE(fdsAfter, fdsBefore);
+#ifndef TAMREL_ASAN  // the sanitizer's quarantine holds freed memory on purpose
+  if (!RUNNING_ON_VALGRIND) {
+    EXPECT_LE(rssAfter - rssBefore, 2048) << "KiB grown";
+  }
+#endif
+
+  std::set<std::string> const expected = {
+      "[I] libtamrelcore -> Querying server status",
+      "[I] libtamrelcore -> Querying " + base,
+      "[I] libtamrelcore -> Detected update - fetching update data",
+      "[I] libtamrelcore -> Server querying done",
+  };
+  std::istringstream log(capture.text());
+  int lines = 0;
+  for (std::string line; std::getline(log, line); ++lines) {
+    ASSERT_EQ(expected.count(line), 1u) << "unexpected log line: " << line;
+  }
+  EXPECT_EQ(lines, 4 * cycles);
+}
+
+}  // namespace
