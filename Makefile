@@ -4,7 +4,7 @@ JOBS ?= 2
 CMAKE_FLAGS ?=
 CTEST = ctest --output-on-failure --no-tests=error -j$(JOBS)
 
-.PHONY: all deps build test test-asan test-tsan test-armhf bench fuzz fuzz-smoke demo clean format
+.PHONY: all deps build test test-asan test-tsan test-valgrind test-armhf soak bench fuzz fuzz-smoke demo clean format
 
 all: build
 
@@ -29,6 +29,15 @@ test-tsan: deps
 	cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DTAMREL_SANITIZE=thread $(CMAKE_FLAGS)
 	cmake --build build-tsan -j$(JOBS)
 	cd build-tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" $(CTEST) -R Concurrency
+
+# The soak test at full length; `make test` runs a short round (200 cycles).
+soak: build
+	cd build && TAMREL_SOAK_CYCLES=2000 ./tamrel_tests --gtest_filter='Soak*'
+
+# The core suites under valgrind memcheck: memory errors and definite leaks fail.
+test-valgrind: build
+	@scripts/install-deps.sh valgrind
+	scripts/valgrind.sh build
 
 # The plug-in, the static library and the whole suite cross-built for 32-bit
 # ARM hard-float, run under qemu-arm.
