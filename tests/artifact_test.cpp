@@ -259,22 +259,6 @@ TEST_F(Artifacts, VerificationChecksLengthBeforeHashing) {
   EXPECT_EQ(capture.text(), "[W] libtamrelcore -> MD5 does not match\n");
 }
 
-TEST_F(Artifacts, VerifyEmptyAndMissingFiles) {
-  artifact.filename = "empty";
-  artifact.size = 0;
-  artifact.hashes = {{"sha1", digest<sha1sum>("")}};
-  putOnDisk("");
-  int emitted = 0;
-  client.verifyBytes.connect([&](unsigned int) { ++emitted; });
-  client.verifyProgress.connect([&](std::string, unsigned int) { ++emitted; });
-  EXPECT_TRUE(client.verifyArtifact(artifact));
-  EXPECT_EQ(emitted, 0);
-  artifact.filename = "absent";
-  CaptureStderr capture;
-  EXPECT_FALSE(client.verifyArtifact(artifact));
-  EXPECT_EQ(capture.text(), "[E] libtamrelcore -> Cannot open artifact for reading: \"absent\"\n");
-}
-
 TEST_F(Artifacts, ConcurrencyCancelDuringDownloadKeepsThePartialFile) {
   Fault slow;
   slow.chunkBytes = 4096;

@@ -96,13 +96,6 @@ TEST(Records, VectorRuleIsAsymmetric) {
   EXPECT_FALSE((std::vector<chunk_t>{m, n} == std::vector<chunk_t>{m, m}));
 }
 
-TEST(Records, NameTables) {
-  EXPECT_EQ(execution_names.size(), 7u);
-  EXPECT_EQ(execution_names.at("resumed"), execution_t::resumed);
-  EXPECT_EQ(finished_names.size(), 4u);
-  EXPECT_EQ(finished_names.at("failure"), finished_t::failure);
-}
-
 TEST(Records, ArtifactPaths) {
   struct {
     char const* destination;
