@@ -8,7 +8,7 @@ agent=$build/tamrel-agent
 server=$build/tamrel-ddi-server
 work=$(mktemp -d /tmp/tamrel-agent-test-XXXXXX)
 pids=()
-cleanup() { for p in "${pids[@]}"; do kill "$p" 2>/dev/null; done; rm -rf "$work"; }
+cleanup() { for p in "${pids[@]}"; do kill "$p" 2>/dev/null; done; [ -n "${KEEP:-}" ] || rm -rf "$work"; }
 trap cleanup EXIT
 fail=0
 check() {  # description, command...

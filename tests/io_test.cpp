@@ -42,12 +42,6 @@ std::string patterned(std::size_t n) {
   return text;
 }
 
-std::string sha1Of(std::string const& text) {
-  sha1sum h;
-  h.write(text.data(), static_cast<unsigned int>(text.size()));
-  return h.hash();
-}
-
 class TempDir : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -153,22 +147,6 @@ TEST_F(TempDir, FileRehashesExistingContentInBlocks) {
     EXPECT_EQ(file.size(), row.size + 10);
     EXPECT_EQ(capture.text(), "");
   }
-}
-
-TEST_F(TempDir, ResumedDigestEqualsDigestOfTheWhole) {
-  std::string const whole = patterned(10000);
-  std::string const name = path("artifact");
-  {
-    fileio first(name);
-    first.setHash(std::make_unique<nullhash>());
-    EXPECT_EQ(first.write(whole.data(), 6000), 6000u);
-  }
-  fileio second(name);
-  EXPECT_EQ(second.size(), 6000u);
-  second.setHash(std::make_unique<sha1sum>(sha1Of(whole)));
-  EXPECT_EQ(second.write(whole.data() + 6000, 4000), 4000u);
-  EXPECT_TRUE(second.hashMatches());
-  EXPECT_EQ(readFile(name), whole);
 }
 
 TEST_F(TempDir, ResetTruncatesAndOddCallsAreLogged) {
