@@ -1,6 +1,7 @@
 // The deploymentBase document.
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <string>
 
 #include "plugin/libtamrelcore.h"
@@ -11,6 +12,10 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
   hawkbit_query_t::deployment_t deployment;
   deployment.url = "http://fuzz/deploymentBase/1";
   client.parseDeploymentBase(text, deployment);
+  // The text is kept before parsing, whatever the parser makes of it; the
+  // link URL is never touched.
+  if (!text.empty() && deployment.json != text) std::abort();
+  if (deployment.url != "http://fuzz/deploymentBase/1") std::abort();
   (void)is_valid(deployment);
   (void)(deployment.chunks == deployment.chunks);
   return 0;

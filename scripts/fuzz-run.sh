@@ -11,6 +11,7 @@ for name in status deployment cancel; do
   bin=$build/fuzz_$name
   work=$build/fuzz-corpus-$name
   mkdir -p "$work" "$build/fuzz-artifacts"
+  rm -f "$build"/fuzz-artifacts/$name-*
   cp -n fuzz/corpus/$name/* "$work"/ 2>/dev/null || true
   log=$build/fuzz-$name.log
   # The library logs every rejected document to stderr; -close_fd_mask=2
@@ -25,8 +26,8 @@ for name in status deployment cancel; do
     status=1
     continue
   fi
-  runs=$(grep -m1 'stat::number_of_executed_units' "$log" | awk '{print $2}')
-  cov=$(grep -Eo 'cov: [0-9]+' "$log" | tail -1)
+  runs=$(grep -m1 'stat::number_of_executed_units' "$log" | awk '{print $2}' || true)
+  cov=$(grep -Eo 'cov: [0-9]+' "$log" | tail -1 || true)
   echo "fuzz_$name: ${runs:-?} executions in ${seconds}s, ${cov:-cov: ?}, corpus $(ls "$work" | wc -l) inputs"
   if [ "$keep" = 1 ]; then
     "$bin" -merge=1 -close_fd_mask=2 fuzz/corpus/$name "$work" >/dev/null 2>&1 || true

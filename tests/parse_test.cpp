@@ -41,6 +41,8 @@ TEST(ParseStatus, Table) {
        3723, "", "", "c", ""},
       {R"({"config":{"polling":{"sleep":"1:2:3:"}}})", 3723, "", "", "", ""},
       {R"({"config":{"polling":{"sleep":"00:90:00"}}})", 5400, "", "", "", ""},
+      {R"({"config":{"polling":{"sleep":"596524:0:0"}}})", 2147486400, "", "", "", ""},  // 64-bit
+      {R"({"config":{"polling":{"sleep":"01:00:00~10%"}}})", 3600, "", "", "", ""},  // newer servers
       {R"({"config":{"polling":{"sleep":"00:05"}}})", 0, "", "", "", ""},
       {R"({"config":{"polling":{"sleep":""}}})", 0, "", "", "", ""},
       {R"({"config":{"polling":{"sleep":300}}})", 0, "", "", "", ""},
