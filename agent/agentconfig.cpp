@@ -26,7 +26,7 @@ bool parseCount(std::string const& text, int& value) {
 
 AgentConfig AgentConfig::fromFile(std::string const& path) {
   std::ifstream in(path);
-  if (!in) throw ConfigError(path + ":0: cannot read the configuration file");
+  if (!in) throw ConfigError(path + ": cannot read the configuration file");
   static std::set<std::string> const settings = {"address", "tenant-id", "controller-id", "token"};
   AgentConfig config;
   std::string line;
@@ -34,8 +34,17 @@ AgentConfig AgentConfig::fromFile(std::string const& path) {
     auto const fail = [&](std::string const& message) {
       throw ConfigError(path + ":" + std::to_string(number) + ": " + message);
     };
-    std::string const content = trim(line.substr(0, line.find('#')));
-    if (content.empty()) continue;
+    // A comment starts a line or follows a blank; a '#' inside a value (a
+    // token, a URL fragment) is kept.
+    std::string content = trim(line);
+    if (content.empty() || content[0] == '#') continue;
+    for (std::size_t hash = content.find('#'); hash != std::string::npos;
+         hash = content.find('#', hash + 1)) {
+      if (content[hash - 1] == ' ' || content[hash - 1] == '\t') {
+        content = trim(content.substr(0, hash));
+        break;
+      }
+    }
     std::size_t const equals = content.find('=');
     if (equals == std::string::npos) fail("expected 'key = value'");
     std::string const key = trim(content.substr(0, equals));
@@ -68,6 +77,18 @@ AgentConfig AgentConfig::fromFile(std::string const& path) {
       fail("unknown key '" + key + "'");
     }
   }
-  if (config.downloadDir.empty()) throw ConfigError(path + ":0: download-dir is not set");
+  // The library reports missing server settings only when it polls; a
+  // device that cannot poll should not start.
+  auto const isSet = [&config](std::string const& name) {
+    for (auto const& entry : *config.properties) {
+      if (entry.first == name && entry.second->valid()) return true;
+    }
+    return false;
+  };
+  for (std::string const& name : settings) {
+    if (!isSet(name) && !isSet(name + "-file"))
+      throw ConfigError(path + ": neither " + name + " nor " + name + "-file is set");
+  }
+  if (config.downloadDir.empty()) throw ConfigError(path + ": download-dir is not set");
   return config;
 }

@@ -1,9 +1,12 @@
 // tamrel-agent: the reference host of libtamrelcore. Loads the plug-in,
 // binds its settings and runs the update loop; --demo runs a whole cycle
 // against an in-process DDI server.
+#include <ftw.h>
 #include <signal.h>
 #include <stdlib.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -33,6 +36,22 @@ std::string hex(unsigned char const* bytes, std::size_t n) {
   return text;
 }
 
+// The string value of "key" in a JSON text, "" when absent (enough for the
+// feedback documents the library sends).
+std::string jsonText(std::string const& json, std::string const& key) {
+  std::string const marker = "\"" + key + "\":\"";
+  std::size_t const start = json.find(marker);
+  if (start == std::string::npos) return std::string();
+  std::size_t const from = start + marker.size();
+  return json.substr(from, json.find('"', from) - from);
+}
+
+void removeTree(char const* dir) {
+  nftw(
+      dir, [](char const* path, struct stat const*, int, FTW*) { return std::remove(path); }, 16,
+      FTW_DEPTH | FTW_PHYS);
+}
+
 sigset_t stopSignals() {
   sigset_t set;
   sigemptyset(&set);
@@ -49,21 +68,26 @@ class SignalThread {
  public:
   explicit SignalThread(UpdateAgent& agent) : set_(stopSignals()) {
     thread_ = std::thread([this, &agent] {
-      int number = 0;
-      sigwait(&set_, &number);
-      if (number != SIGUSR1) {
-        std::printf("\nsignal %d: stopping\n", number);
-        agent.stop();
+      for (;;) {
+        int number = 0;
+        sigwait(&set_, &number);
+        if (closing_) return;
+        if (number == SIGINT || number == SIGTERM) {
+          std::printf("\nsignal %d: stopping\n", number);
+          agent.stop();
+        }
       }
     });
   }
   ~SignalThread() {
+    closing_ = true;
     pthread_kill(thread_.native_handle(), SIGUSR1);
     thread_.join();
   }
 
  private:
   sigset_t set_;
+  std::atomic<bool> closing_{false};
   std::thread thread_;
 };
 
@@ -78,7 +102,7 @@ int runDemo(libtamrelcore& client) {
     std::size_t size;
     bool sha1;
   } const items[] = {{"rootfs", "rootfs.img", 4u << 20, true},
-                     {"rootfs", "rootfs.sig", 256, true},
+                     {"rootfs", "rootfs.sig", 1u << 20, true},
                      {"app", "app.tar", 3u << 20, false}};
   std::string chunks;
   for (char const* chunk : {"rootfs", "app"}) {
@@ -90,7 +114,13 @@ int runDemo(libtamrelcore& client) {
       unsigned char sha[SHA_DIGEST_LENGTH], md5[MD5_DIGEST_LENGTH];
       SHA1(reinterpret_cast<unsigned char const*>(content.data()), content.size(), sha);
       MD5(reinterpret_cast<unsigned char const*>(content.data()), content.size(), md5);
-      std::string const url = server.addArtifact(std::string("/artifacts/") + item.name, content);
+      std::string const path = std::string("/artifacts/") + item.name;
+      std::string const url = server.addArtifact(path, content);
+      // Paced (about 8 MiB/s) so that the progress bars can be watched.
+      tamrel::testing::Fault paced;
+      paced.chunkBytes = 128 << 10;
+      paced.delayMs = 15;
+      server.setFault(path, paced);
       std::string hashes = "\"md5\":\"" + hex(md5, sizeof md5) + "\"";
       if (item.sha1) hashes = "\"sha1\":\"" + hex(sha, sizeof sha) + "\"," + hashes;
       artifacts += std::string(artifacts.empty() ? "" : ",") + "{\"filename\":\"" + item.name +
@@ -120,6 +150,7 @@ int runDemo(libtamrelcore& client) {
   *table["token"] = "demo-token";
 
   UpdateAgent agent(client, config);
+  agent.progress().captureStderr();
   SignalThread signals(agent);
   std::printf("DDI test server on %s, downloads into %s\n\n", base.c_str(), dir);
   if (!agent.connect()) return 1;
@@ -133,21 +164,45 @@ int runDemo(libtamrelcore& client) {
   agent.cycle();
 
   std::printf("\n== what the server received\n");
-  bool success = false;
+  std::string const controller = server.controllerPath();
+  std::printf("  (~ is %s)\n", controller.c_str());
+  int feedbacks = 0;
+  bool deployed = false, cancelled = false;
   for (auto const& request : server.requests()) {
-    std::printf("  %-4s %s\n", request.method.c_str(), request.path.c_str());
-    if (request.method != "GET") {
-      std::printf("       %s\n", request.body.c_str());
-      if (request.path.find("/deploymentBase/1/feedback") != std::string::npos &&
-          request.body.find("\"finished\":\"success\"") != std::string::npos) {
-        success = true;
+    std::string path = request.path;
+    if (path.compare(0, controller.size(), controller) == 0)
+      path = "~" + path.substr(controller.size());
+    std::string note, details;
+    if (request.path.find("/feedback") != std::string::npos) {
+      std::string const status =
+          jsonText(request.body, "execution") + "/" + jsonText(request.body, "finished");
+      note = "feedback: " + status;
+      ++feedbacks;
+      bool const closed = status == "closed/success";
+      if (request.path.find("/deploymentBase/1/") != std::string::npos) deployed = closed;
+      if (request.path.find("/cancelAction/2/") != std::string::npos) cancelled = closed;
+      std::size_t const list = request.body.find("\"details\":[");
+      if (list != std::string::npos && request.body.compare(list + 10, 2, "[]") != 0) {
+        details = request.body.substr(list + 10, request.body.find(']', list) - list - 9);
+      }
+    } else if (request.method == "PUT") {
+      std::size_t const data = request.body.find("\"data\":");
+      if (data != std::string::npos) {
+        note =
+            "attributes " + request.body.substr(data + 7, request.body.find('}', data) - data - 6);
       }
     }
+    if (!note.empty()) path.resize(std::max<std::size_t>(path.size(), 34), ' ');
+    std::printf("  %-4s %s%s%s\n", request.method.c_str(), path.c_str(), note.empty() ? "" : " ",
+                note.c_str());
+    if (!details.empty()) std::printf("       details %s\n", details.c_str());
   }
-  std::printf("\nsummary: deployment feedback %s\n", success ? "closed/success" : "MISSING");
-  std::string const cleanup = std::string("rm -rf '") + dir + "'";
-  if (std::system(cleanup.c_str()) != 0) std::printf("could not remove %s\n", dir);
-  return success ? 0 : 1;
+  removeTree(dir);
+  std::printf(
+      "\nsummary: %zu requests, %d feedback messages; deployment 1 %s, cancel request 2 %s\n",
+      server.requests().size(), feedbacks, deployed ? "closed/success" : "NOT closed/success",
+      cancelled ? "closed/success" : "NOT closed/success");
+  return deployed && cancelled ? 0 : 1;
 }
 
 }  // namespace
@@ -167,6 +222,9 @@ int main(int argc, char** argv) {
       once = true;
     } else if (arg == "--demo") {
       demo = true;
+    } else if (arg == "--help" || arg == "-h") {
+      std::fputs(kUsage, stdout);
+      return 0;
     } else {
       std::fputs(kUsage, stderr);
       return 2;
@@ -200,6 +258,7 @@ int main(int argc, char** argv) {
   if (demo) return runDemo(*plugin->client());
 
   UpdateAgent agent(*plugin->client(), config);
+  agent.progress().captureStderr();
   SignalThread stopper(agent);
   if (!agent.connect()) {
     std::fprintf(stderr, "tamrel-agent: %s: no token or token-file set\n", configPath.c_str());
@@ -208,7 +267,8 @@ int main(int argc, char** argv) {
   while (!agent.stopping()) {
     std::int64_t const sleep = agent.cycle();
     if (once) break;
-    agent.sleep(sleep >= 5 ? sleep : 30);
+    // The server's interval, at least 5 s; 30 s when it named none.
+    agent.sleep(sleep > 0 ? std::max<std::int64_t>(sleep, 5) : 30);
   }
   return 0;
 }

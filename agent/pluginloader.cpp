@@ -3,9 +3,14 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <vector>
 
 #include "plugin/libtamrelcore.h"
+
+#ifndef TAMREL_LIBDIR
+#define TAMREL_LIBDIR "lib"
+#endif
 
 namespace {
 
@@ -25,13 +30,18 @@ PluginLoader::PluginLoader(std::string const& path) {
     candidates.push_back(path);
   } else {
     std::string const dir = executableDir();
-    candidates = {dir + "/libtamrelcore.so", dir + "/../lib/libtamrelcore.so", "libtamrelcore.so"};
+    // The build tree, an installed tree (bin/ next to its library
+    // directory), then the loader's search path.
+    candidates = {dir + "/libtamrelcore.so", dir + "/../" TAMREL_LIBDIR "/libtamrelcore.so",
+                  dir + "/../lib/libtamrelcore.so", "libtamrelcore.so"};
   }
   for (std::string const& candidate : candidates) {
     if (candidate.find('/') != std::string::npos && access(candidate.c_str(), R_OK) != 0) continue;
     library_ = dlopen(candidate.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (library_ != nullptr) {
-      path_ = candidate;
+      char* resolved = realpath(candidate.c_str(), nullptr);
+      path_ = resolved != nullptr ? resolved : candidate;
+      std::free(resolved);
       break;
     }
     error_ = dlerror();

@@ -3,25 +3,43 @@
 
 #include <chrono>
 #include <cstdint>
+#include <mutex>
 #include <string>
+#include <thread>
 
 // Shows one artifact's download: a live bar (percent, bytes, rate, ETA) on a
-// terminal, otherwise one line per 10 %.
+// terminal, otherwise one line per 10 %. Thread-safe.
 class ProgressBar {
  public:
+  ProgressBar();
+  ~ProgressBar();
+  ProgressBar(ProgressBar const&) = delete;
+  ProgressBar& operator=(ProgressBar const&) = delete;
+
+  // On a terminal, routes standard error (the library's log) through the bar
+  // so that log lines print above the live bar instead of through it.
+  void captureStderr();
+
   void start(std::string const& name, std::uint64_t size, std::uint64_t already);
   void bytes(int count);
   void percent(int value);
+  // Ends the bar's line; later calls until the next start() are ignored.
   void finish(std::string const& outcome);
 
  private:
-  void draw();
+  void draw();  // with lock_ held
+  void pump();
 
-  bool terminal_ = false;
+  bool const terminal_;
+  std::mutex lock_;
+  bool live_ = false;  // a bar is on screen and not finished
   std::string name_;
   std::uint64_t size_ = 0, done_ = 0, resumedAt_ = 0;
   int percent_ = 0, lastLine_ = 0;
   std::chrono::steady_clock::time_point started_, drawn_;
+
+  int pipeRead_ = -1, realStderr_ = -1;
+  std::thread pump_;
 };
 
 #endif  // TAMREL_AGENT_PROGRESSBAR_H_

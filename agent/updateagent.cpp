@@ -1,17 +1,17 @@
 #include "agent/updateagent.h"
 
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <sstream>
 #include <thread>
 
 namespace {
-
-using artifact_t = hawkbit_query_t::deployment_t::chunk_t::artifact_t;
 
 std::int64_t nowMs() {
   return std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -36,8 +36,13 @@ char const* outcomeText(download_errors_t outcome) {
 
 // Where the library stores an artifact whose subdirectory is empty (the agent
 // does not link the library, so it does not call get_full_artifact_file_path).
-std::string artifactPath(artifact_t const& artifact) {
+std::string artifactPath(hawkbit_query_t::deployment_t::chunk_t::artifact_t const& artifact) {
   return artifact.destination + "/" + artifact.filename;
+}
+
+std::uint64_t fileSize(std::string const& path) {
+  struct stat info {};
+  return stat(path.c_str(), &info) == 0 ? static_cast<std::uint64_t>(info.st_size) : 0;
 }
 
 bool makeDirectories(std::string const& path) {
@@ -52,12 +57,16 @@ bool makeDirectories(std::string const& path) {
 
 UpdateAgent::UpdateAgent(libtamrelcore& client, AgentConfig const& config)
     : client_(client), config_(config) {
-  client_.downloadBytes.connect([this](int n) {
+  listen(client_.downloadStarted, [this](std::string, std::string) {
+    lastActivityMs_ = nowMs();
+    transferring_ = true;
+  });
+  listen(client_.downloadBytes, [this](int n) {
     lastActivityMs_ = nowMs();
     bar_.bytes(n);
   });
-  client_.downloadProgress.connect([this](std::string, std::string, int p) { bar_.percent(p); });
-  client_.downloadFinished.connect([this](std::string, std::string, download_errors_t,
+  listen(client_.downloadProgress, [this](std::string, std::string, int p) { bar_.percent(p); });
+  listen(client_.downloadFinished, [this](std::string, std::string, download_errors_t,
                                           unsigned int status) { lastStatus_ = status; });
 }
 
@@ -140,8 +149,8 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
         artifact.subdirectory.clear();
         if (!fetch(chunk.name, artifact, detail)) {
           chunkOk = false;
-        } else if (!client_.verifyArtifact(artifact)) {
-          detail = artifact.filename + ": verification failed";
+        } else if (!watched(false, [&] { return client_.verifyArtifact(artifact); })) {
+          detail = artifact.filename + (stopping() ? ": interrupted" : ": verification failed");
           chunkOk = false;
         } else {
           detail = artifact.filename + ": downloaded and verified";
@@ -158,8 +167,13 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
     success = success && chunkOk;
   }
   if (stopping()) {
-    deployment.chunks.front().details.push_back("interrupted on the device");
-    success = false;
+    // Left open: the server offers the action again and the next run
+    // resumes the partial files.
+    deployment.chunks.front().details.push_back(
+        "interrupted on the device; the download resumes on the next start");
+    client_.sendUpdateFeedback(deployment);
+    std::printf("deployment %s: interrupted, left open\n", deployment.id.c_str());
+    return false;
   }
   deployment.execution = execution_t::closed;
   deployment.finished = success ? finished_t::success : finished_t::failure;
@@ -167,6 +181,33 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
   std::printf("deployment %s: %s, feedback %s\n", deployment.id.c_str(),
               success ? "success" : "failure", sent ? "sent" : "NOT sent");
   return success;
+}
+
+bool UpdateAgent::watched(bool transfer, std::function<bool()> const& work) {
+  std::mutex lock;
+  std::condition_variable wake;
+  bool done = false;
+  transferring_ = false;
+  std::thread watchdog([&] {
+    std::unique_lock<std::mutex> guard(lock);
+    while (!wake.wait_for(guard, std::chrono::milliseconds(50), [&] { return done; })) {
+      if (stopping()) {
+        transfer ? client_.cancelTransfer() : client_.cancelVerifyArtifact();
+      } else if (transfer && transferring_ && config_.timeoutSeconds > 0 &&
+                 nowMs() - lastActivityMs_ > config_.timeoutSeconds * 1000LL &&
+                 !stalled_.exchange(true)) {
+        client_.cancelTransfer();
+      }
+    }
+  });
+  bool const result = work();
+  {
+    std::lock_guard<std::mutex> guard(lock);
+    done = true;
+  }
+  wake.notify_one();
+  watchdog.join();
+  return result;
 }
 
 bool UpdateAgent::fetch(std::string const& label, artifact_t& artifact, std::string& detail) {
@@ -177,53 +218,41 @@ bool UpdateAgent::fetch(std::string const& label, artifact_t& artifact, std::str
   std::string const path = artifactPath(artifact);
   int const attempts = config_.retries + 1;
   download_errors_t outcome = download_failed;
-  int attempt = 1;
-  for (; attempt <= attempts && !stopping(); ++attempt) {
-    struct stat info {};
-    std::uint64_t const onDisk =
-        stat(path.c_str(), &info) == 0 ? static_cast<std::uint64_t>(info.st_size) : 0;
-    bar_.start(artifact.filename, artifact.size, onDisk < artifact.size ? onDisk : 0);
+  int attempt = 0;
+  while (attempt < attempts && !stopping()) {
+    ++attempt;
+    std::uint64_t const onDisk = fileSize(path);
+    // The library resumes a shorter file and restarts a full-length one.
+    bool const resuming = onDisk > 0 && onDisk < artifact.size;
+    bar_.start(artifact.filename, artifact.size, resuming ? onDisk : 0);
     lastStatus_ = 0;
-    std::int64_t const startedMs = nowMs();
-    lastActivityMs_ = startedMs;
-    std::atomic<bool> done{false};
-    std::atomic<bool> stalled{false};
-    // No byte for download-timeout-s seconds: cancel, and let the next
-    // attempt resume.
-    std::thread watchdog([&] {
-      while (!done) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        if (nowMs() - lastActivityMs_ > config_.timeoutSeconds * 1000LL &&
-            !stalled.exchange(true)) {
-          client_.cancelTransfer();
-        }
-      }
+    stalled_ = false;
+    watched(true, [&] {
+      outcome = client_.downloadArtifact(label, artifact);
+      return outcome == download_ok;
     });
-    outcome = client_.downloadArtifact(label, artifact);
-    done = true;
-    watchdog.join();
-    bar_.finish(stalled ? "stalled, cancelled" : outcomeText(outcome));
+    bar_.finish(stalled_ ? "stalled, cancelled" : outcomeText(outcome));
     if (outcome == download_ok || outcome == download_invalid) break;
-    // Whatever an error page left in the file must not become the start of
-    // the next attempt, nor may a complete but wrong file, nor a partial
-    // file the server refuses to resume (it answers a range with the whole
-    // body). A stalled or cut-short transfer of the artifact itself is
-    // resumed by the next attempt.
-    struct stat after {};
-    std::uint64_t const length =
-        stat(path.c_str(), &after) == 0 ? static_cast<std::uint64_t>(after.st_size) : 0;
-    // Status 0: no answer at all, nothing of the server landed in the file.
-    bool const artifactBytes = lastStatus_ == 0 || lastStatus_ == 200 || lastStatus_ == 206;
-    bool const noNewBytes = lastActivityMs_ == startedMs;
-    bool const poisoned = (!artifactBytes && outcome != download_aborted) ||
-                          (outcome == download_hash_error && length >= artifact.size) ||
-                          (outcome == download_failed && noNewBytes && onDisk > 0);
-    if (poisoned) std::remove(path.c_str());
+    // The library appends whatever the server sends. Bytes that are not the
+    // artifact's must not become the start of the next attempt: an error
+    // page (any status but 200/206; 0 means no answer at all), a whole body
+    // sent in answer to a range, or a complete file with the wrong digest.
+    // A transfer of the artifact that was cut short or stalled is resumed.
+    bool const errorPage = lastStatus_ != 0 && lastStatus_ != 200 && lastStatus_ != 206;
+    bool const rangeIgnored = resuming && lastStatus_ == 200;
+    bool const wrongWhole = outcome == download_hash_error && fileSize(path) >= artifact.size;
+    if (errorPage || rangeIgnored || wrongWhole) std::remove(path.c_str());
   }
   std::ostringstream text;
-  text << artifact.filename << ": " << outcomeText(outcome);
-  if (outcome != download_ok)
-    text << " after " << (attempt - 1) << " attempt(s), HTTP " << lastStatus_;
+  text << artifact.filename << ": ";
+  if (outcome == download_ok) {
+    text << "downloaded";
+  } else if (stopping()) {
+    text << "interrupted";
+  } else {
+    text << (stalled_ ? "stalled" : outcomeText(outcome)) << " after " << attempt
+         << " attempt(s), HTTP " << lastStatus_;
+  }
   detail = text.str();
   return outcome == download_ok;
 }
@@ -241,6 +270,10 @@ bool UpdateAgent::install(std::vector<std::string> const& files, std::string& de
   std::fflush(stdout);
   pid_t const child = fork();
   if (child == 0) {
+    // The agent blocks its stop signals; the command gets them back.
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
     execvp(argv[0], argv.data());
     _exit(127);
   }

@@ -4,6 +4,8 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -29,23 +31,43 @@ class UpdateAgent {
   // Cancels a running download or verification and ends the loop.
   void stop();
   bool stopping() const { return stop_.load(); }
+  ProgressBar& progress() { return bar_; }
 
   // True when the name can safely become one path component.
   static bool safeName(std::string const& name);
 
  private:
+  using artifact_t = hawkbit_query_t::deployment_t::chunk_t::artifact_t;
+
   bool deploy(hawkbit_query_t::deployment_t deployment);
   // Downloads with retries and a stall watchdog; `detail` says what happened.
-  bool fetch(std::string const& label, hawkbit_query_t::deployment_t::chunk_t::artifact_t& artifact,
-             std::string& detail);
+  bool fetch(std::string const& label, artifact_t& artifact, std::string& detail);
   bool install(std::vector<std::string> const& files, std::string& detail);
+  // Runs `work` with a watchdog beside it that passes a stop request on to
+  // the library (which forgets a cancel that comes before the work begins)
+  // and, for a transfer, cancels it once no byte came for the timeout.
+  bool watched(bool transfer, std::function<bool()> const& work);
+
+  // Connects a slot that lives as long as this agent (a weak connection: the
+  // client outlives the agent).
+  template <typename Signal, typename Slot>
+  void listen(Signal& signal, Slot slot) {
+    auto held = std::make_shared<typename Signal::slot_type>(std::move(slot));
+    signal.connectWeak(held);
+    slots_.push_back(held);
+  }
 
   libtamrelcore& client_;
   AgentConfig const& config_;
   ProgressBar bar_;
   std::atomic<bool> stop_{false};
+  // Set by the library's signals on the downloading thread, read by the
+  // watchdog.
+  std::atomic<bool> transferring_{false};
+  std::atomic<bool> stalled_{false};
   std::atomic<std::int64_t> lastActivityMs_{0};
   unsigned int lastStatus_ = 0;
+  std::vector<std::shared_ptr<void>> slots_;
   std::mutex sleepLock_;
   std::condition_variable wake_;
 };

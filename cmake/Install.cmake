@@ -33,6 +33,7 @@ install(FILES ${CMAKE_BINARY_DIR}/tamrelcoreConfig.cmake
 # The prefix is found relative to the .pc file, so the tree can be moved and
 # `cmake --install --prefix` works whatever the configured prefix was.
 file(RELATIVE_PATH TAMREL_PC_TO_PREFIX "/p/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/p")
+string(REGEX REPLACE "/$" "" TAMREL_PC_TO_PREFIX "${TAMREL_PC_TO_PREFIX}")
 configure_file(cmake/tamrelcore.pc.in ${CMAKE_BINARY_DIR}/tamrelcore.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/tamrelcore.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 

@@ -1,71 +1,118 @@
 #!/usr/bin/env bash
-# The example agent end to end: the demo, and the agent with a config file
-# against tamrel-ddi-server (corrupt artifact, dropped connection, unsafe
-# name, configuration errors).
+# The example agent end to end: the demo, then the agent with a config file
+# against tamrel-ddi-server serving faults (wrong bytes, dropped connection,
+# error page, ignored ranges, stalls), unsafe names, an interrupt, and
+# configuration errors.
+# usage: agent_test.sh BUILD_DIR   (KEEP=1 keeps the work directory)
 set -uo pipefail
 build=$1
 agent=$build/tamrel-agent
 server=$build/tamrel-ddi-server
 work=$(mktemp -d /tmp/tamrel-agent-test-XXXXXX)
 pids=()
-cleanup() { for p in "${pids[@]}"; do kill "$p" 2>/dev/null; done; [ -n "${KEEP:-}" ] || rm -rf "$work"; }
+cleanup() {
+  for p in "${pids[@]}"; do kill "$p" 2>/dev/null; done
+  [ -n "${KEEP:-}" ] || rm -rf "$work"
+}
 trap cleanup EXIT
 fail=0
 check() {  # description, command...
   local what=$1; shift
   if "$@"; then echo "ok: $what"; else echo "FAILED: $what"; fail=1; fi
 }
+wait_for() {  # pattern, file: up to 10 s
+  for _ in $(seq 100); do grep -q -- "$1" "$2" 2>/dev/null && return 0; sleep 0.1; done
+  return 1
+}
 
 "$agent" --demo > "$work/demo.log" 2>&1
 check "demo exits 0" test $? -eq 0
-check "demo reports success feedback" grep -q 'summary: deployment feedback closed/success' "$work/demo.log"
+check "demo: deployment and cancel closed/success" \
+  grep -q 'deployment 1 closed/success, cancel request 2 closed/success' "$work/demo.log"
+check "demo: download dir removed" \
+  test ! -e "$(sed -n 's/.*downloads into \([^ ]*\)$/\1/p' "$work/demo.log")"
 
-free_port() { python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])'; }
-
-# Starts the server on a free port with the given options; sets $port and $log.
-start_server() {
-  port=$(free_port); log=$work/server-$port.log
-  "$server" --port "$port" --token t0k "$@" > "$log" 2>&1 &
+# Starts a server on an ephemeral port serving $work/art with the given
+# options; sets $log. The agent's settings go to $conf, downloads to $dl.
+n=0
+serve() {
+  n=$((n + 1)); log=$work/server$n.log; conf=$work/agent$n.conf; dl=$work/dl$n
+  "$server" --token 't0k#1' --artifacts "$work/art" "$@" > "$log" 2>&1 &
   pids+=($!)
-  for _ in $(seq 50); do grep -q 'DDI server on' "$log" && return 0; sleep 0.1; done
-  echo "server did not start"; cat "$log"; return 1
+  wait_for 'DDI server on' "$log" || { echo "server did not start"; cat "$log"; return 1; }
+  local address; address=$(sed -n 's|^DDI server on \(http://[0-9.:]*\)/.*|\1|p' "$log")
+  printf 'address = %s\ntenant-id = DEFAULT\ncontroller-id = dev01\n' "$address" > "$conf"
+  # A '#' inside a value is kept; after a blank it starts a comment.
+  printf 'token = t0k#1   # comment\ndownload-dir = %s\nattribute.serial = 42\n' "$dl" >> "$conf"
 }
-config() {  # download dir
-  printf 'address = http://127.0.0.1:%s\ntenant-id = DEFAULT\ncontroller-id = dev01\ntoken = t0k\ndownload-dir = %s\ndownload-retries = 2\ndownload-timeout-s = 5\nattribute.serial = 42\n' "$port" "$1"
+run_agent() {  # settings lines for the config...
+  printf '%s\n' "$@" >> "$conf"
+  "$agent" --once --config "$conf" > "$work/agent$n.log" 2>&1
 }
+closing() { grep -A1 'deploymentBase/1/feedback' "$log" | grep '"execution":"closed"'; }
+closed_with() { closing | grep -q "\"finished\":\"$1\""; }
 
-mkdir -p "$work/art" "$work/dl1" "$work/dl2" "$work/dl3"
-head -c 200000 /dev/urandom > "$work/art/image.bin"
+mkdir -p "$work/art"
+head -c 640000 /dev/urandom > "$work/art/image.bin"
+same() { cmp -s "$work/art/image.bin" "$dl/firmware/image.bin"; }
+success_intact() { closed_with success && same; }
 
-start_server --artifacts "$work/art" --corrupt image.bin
-config "$work/dl1" > "$work/a.conf"
-"$agent" --once --config "$work/a.conf" > "$work/a.log" 2>&1
-check "corrupt artifact: failure feedback with details" \
-  grep -q '"finished":"failure".*image.bin: digest mismatch after 3 attempt' "$log"
+serve --corrupt image.bin
+run_agent 'download-retries = 2'
+failed_with() { closing | grep '"finished":"failure"' | grep -q -- "$1"; }
+check "wrong bytes: failure feedback naming the digest and attempts" \
+  failed_with 'image.bin: digest mismatch after 3 attempt(s)'
 
-start_server --artifacts "$work/art" --drop-after 50000
-config "$work/dl2" > "$work/b.conf"
-"$agent" --once --config "$work/b.conf" > "$work/b.log" 2>&1
-check "dropped connection: success feedback" grep -q '"finished":"success"' "$log"
-check "dropped connection: resumed by range" grep -q 'Resuming file from 50000 bytes' "$work/b.log"
-check "dropped connection: file complete" cmp -s "$work/art/image.bin" "$work/dl2/firmware/image.bin"
+serve --drop-after 50000
+run_agent 'download-retries = 1'
+check "dropped connection: resumed at the break" grep -q 'Range: bytes=50000-' "$log"
+check "dropped connection: success, file intact" success_intact
 
-mkdir -p "$work/evil"
-head -c 1000 /dev/urandom > "$work/evil/evil..bin"
-start_server --artifacts "$work/evil"
-config "$work/dl3" > "$work/c.conf"
-"$agent" --once --config "$work/c.conf" > "$work/c.log" 2>&1
-check "unsafe name: failure feedback" grep -q 'refused: unsafe artifact name' "$log"
-check "unsafe name: nothing written" test -z "$(find "$work/dl3" -type f)"
+serve --fail-first 404
+run_agent 'download-retries = 1'
+check "error page: discarded, not resumed; success" success_intact
+check "error page: second attempt starts from zero" test "$(grep -c 'Range:' "$log")" -eq 0
 
-printf 'address = x\nthis line is wrong\n' > "$work/bad.conf"
-"$agent" --once --config "$work/bad.conf" > "$work/bad.log" 2>&1
+serve --drop-after 50000 --ignore-range
+run_agent 'download-retries = 2'
+check "range ignored: partial file dropped, fetched whole; success" success_intact
+
+serve --slow 3000
+run_agent 'download-retries = 1' 'download-timeout-s = 1'
+check "stall: watchdog cancels, failure after retries" \
+  failed_with 'image.bin: stalled after 2 attempt(s)'
+
+serve --name-as 'image.bin=../../escape.bin'
+run_agent
+check "unsafe artifact name: refused in the feedback" grep -q 'refused: unsafe artifact name' "$log"
+nothing_escaped() { ! grep -q 'GET /artifacts' "$log" && [ -z "$(find "$work" -name escape.bin)" ]; }
+check "unsafe artifact name: no request for it, nothing written" nothing_escaped
+serve --chunk ..
+run_agent
+chunk_refused() { grep -q 'refused: unsafe chunk name' "$log" && [ -z "$(find "$dl" -type f 2>/dev/null)" ]; }
+check "unsafe chunk name: refused, nothing written" chunk_refused
+
+serve --slow 200
+printf 'download-retries = 3\n' >> "$conf"
+"$agent" --config "$conf" > "$work/agent-int.log" 2>&1 &
+agent_pid=$!
+wait_for 'GET /artifacts' "$log" && sleep 0.5
+kill -INT $agent_pid
+start=$(date +%s)
+wait $agent_pid
 code=$?
-check "config error exits 2" test $code -eq 2
-check "config error names file and line" grep -q "bad.conf:2: expected 'key = value'" "$work/bad.log"
-printf 'token-file = %s/missing\n' "$work" > "$work/bad2.conf"
+check "interrupt: clean exit 0 within 3 s" test $code -eq 0 -a $(($(date +%s) - start)) -le 3
+left_open() { grep -q 'interrupted on the device' "$log" && [ -z "$(closing)" ] && [ -s "$dl/firmware/image.bin" ]; }
+check "interrupt: deployment left open, partial file kept" left_open
+
+printf 'address = x\n\nthis line is wrong\n' > "$work/bad.conf"
+"$agent" --once --config "$work/bad.conf" > "$work/bad.log" 2>&1
+check "config error: exit 2" test $? -eq 2
+check "config error: names file and line" grep -q "bad.conf:3: expected 'key = value'" "$work/bad.log"
+printf '# token\ntoken-file = %s/missing\n' "$work" > "$work/bad2.conf"
 "$agent" --once --config "$work/bad2.conf" > "$work/bad2.log" 2>&1
-check "unreadable token file names file and line" grep -q "bad2.conf:1: cannot read" "$work/bad2.log"
+check "unreadable token file: exit 2" test $? -eq 2
+check "unreadable token file: names file and line" grep -q 'bad2.conf:2: cannot read' "$work/bad2.log"
 
 [ $fail -eq 0 ] && echo "agent tests: all passed"
 exit $fail

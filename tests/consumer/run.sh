@@ -1,24 +1,57 @@
 #!/usr/bin/env bash
-# Installs BUILD_DIR into a temporary prefix, then builds two hosts against
-# the installed tree, one with find_package, one with pkg-config, and runs
-# both: each must print the plug-in's uuid.
+# Installs BUILD_DIR into a temporary prefix (or PREFIX when given), then
+# builds hosts against the installed tree only and runs them; each must
+# print the plug-in's uuid:
+#   find_package: static_host (tamrelcore::static), plugin_host (dlopen of
+#                 tamrelcore::plugin's file, headers only)
+#   pkg-config:   static_host built with `pkg-config --cflags --libs`
+# usage: run.sh BUILD_DIR [PREFIX]
 set -euo pipefail
 build=$(cd "$1" && pwd)
 here=$(cd "$(dirname "$0")" && pwd)
-prefix=$(mktemp -d /tmp/tamrel-prefix-XXXXXX)
-trap 'rm -rf "$prefix"' EXIT
-cmake --install "$build" --prefix "$prefix" >/dev/null
-libdir=$(dirname "$(find "$prefix" -name tamrelcore.pc)")/..
+if [ $# -ge 2 ]; then
+  prefix=$2; mkdir -p "$prefix"; prefix=$(cd "$prefix" && pwd)
+else
+  prefix=$(mktemp -d /tmp/tamrel-prefix-XXXXXX)
+  trap 'rm -rf "$prefix"' EXIT
+fi
+work=$prefix/consumer-build
+expect() {  # what, command...
+  local what=$1; shift
+  local out; out=$("$@") || { echo "FAILED: $what (exit $?)"; exit 1; }
+  [ "$out" = f5f95dd ] || { echo "FAILED: $what printed '$out'"; exit 1; }
+  echo "ok: $what"
+}
 
-cmake -S "$here" -B "$prefix/consumer" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
-cmake --build "$prefix/consumer" >/dev/null
-[ "$("$prefix/consumer/static_host")" = f5f95dd ] || { echo "find_package host failed"; exit 1; }
-
-export PKG_CONFIG_PATH=$libdir/pkgconfig
-c++ -std=c++17 "$here/plugin_host.cpp" $(pkg-config --cflags tamrelcore) -ldl -o "$prefix/plugin_host"
-[ "$("$prefix/plugin_host" "$(pkg-config --variable=libdir tamrelcore)/libtamrelcore.so")" = f5f95dd ] \
-  || { echo "pkg-config host failed"; exit 1; }
-for tool in tamrel-agent tamrel-ddi-server; do
-  [ -x "$prefix/bin/$tool" ] || { echo "missing bin/$tool"; exit 1; }
+cmake --install "$build" --prefix "$prefix" > /dev/null
+pc=$(find "$prefix" -name tamrelcore.pc)
+libdir=$(dirname "$(dirname "$pc")")
+for f in include/tamrel/plugin/libtamrelcore.h include/tamrel/ddi/hawkbit_query.h \
+    include/tamrel/properties/lookup.h bin/tamrel-agent bin/tamrel-ddi-server; do
+  [ -e "$prefix/$f" ] || { echo "FAILED: $f not installed"; exit 1; }
 done
-echo "installed tree works: find_package and pkg-config hosts print f5f95dd"
+[ -e "$libdir/libtamrelcore.a" ] && [ -e "$libdir/libtamrelcore.so" ] \
+  || { echo "FAILED: libraries not in $libdir"; exit 1; }
+
+# An installed tree must not point back into the source or build tree.
+if grep -rqs -e "$build" -e "$(dirname "$(dirname "$here")")/" "$libdir/cmake" "$pc"; then
+  echo "FAILED: installed package files refer to the build or source tree"; exit 1
+fi
+
+cmake -S "$here" -B "$work" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" > "$prefix/consumer.log" 2>&1 \
+  && cmake --build "$work" >> "$prefix/consumer.log" 2>&1 \
+  || { cat "$prefix/consumer.log"; echo "FAILED: find_package consumer build"; exit 1; }
+expect "find_package, tamrelcore::static" "$work/static_host"
+expect "find_package, dlopen of tamrelcore::plugin" "$work/plugin_host"
+
+export PKG_CONFIG_PATH=$(dirname "$pc")
+# shellcheck disable=SC2046
+c++ -std=c++17 "$here/static_host.cpp" $(pkg-config --cflags --libs tamrelcore) \
+  -Wl,-rpath,"$(pkg-config --variable=libdir tamrelcore)" -o "$work/pc_host"
+expect "pkg-config --cflags --libs" "$work/pc_host"
+# The installed agent finds the installed plug-in on its own.
+"$prefix/bin/tamrel-agent" --demo > "$prefix/demo.log" 2>&1 \
+  && grep -q "plug-in $libdir/libtamrelcore\.so.* (f5f95dd)" "$prefix/demo.log" \
+  || { cat "$prefix/demo.log"; echo "FAILED: installed agent"; exit 1; }
+echo "ok: installed tamrel-agent --demo"
+echo "installed tree works"
