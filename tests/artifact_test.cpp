@@ -285,13 +285,6 @@ TEST_F(Artifacts, ConcurrencyCancelDuringDownloadKeepsThePartialFile) {
   EXPECT_EQ(server.requests().back().header("Range"), "bytes=" + std::to_string(partial) + "-");
 }
 
-TEST_F(Artifacts, ConcurrencyCancelBeforeTransferIsForgotten) {
-  client.cancelTransfer();
-  EXPECT_EQ(client.downloadArtifact("x", artifact), download_ok);
-  client.cancelVerifyArtifact();
-  EXPECT_TRUE(client.verifyArtifact(artifact));
-}
-
 // A sparse file beyond 4 GiB is measured at its true length; another client's
 // cancel stops the hashing after a few blocks.
 TEST_F(Artifacts, ConcurrencyVerifyHugeSparseFileAndCancelFromAnotherClient) {

@@ -332,20 +332,6 @@ TEST_F(Hostile, HangingAndMisbehavingServers) {
   EXPECT_TRUE(!endless || loop.requests().size() > 20) << "it kept following";
 }
 
-// Redirects are followed to another server too, but the token stays behind.
-TEST_F(Hostile, RedirectToAnotherServerDropsTheToken) {
-  DdiTestServer other;
-  other.addArtifact("/elsewhere.bin", content);
-  Fault away;
-  away.redirectTo = other.baseUrl() + "/elsewhere.bin";
-  server.setFault("/fw.bin", away);
-  artifact_t const artifact = artifactAt(server.baseUrl() + "/fw.bin");
-  EXPECT_EQ(client.downloadArtifact("x", artifact), download_ok);
-  EXPECT_EQ(server.requests().at(0).header("Authorization"), "TargetToken s3cret");
-  ASSERT_EQ(other.requests().size(), 1u);
-  EXPECT_EQ(other.requests()[0].header("Authorization"), "");
-}
-
 class Tls : public Hostile {};
 
 TEST_F(Tls, UntrustedCertificateIsRefusedBeforeAnyRequest) {

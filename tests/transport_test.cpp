@@ -132,35 +132,6 @@ TEST_F(Transport, ConcurrencyCancelOnlyReachesARunningDownload) {
   EXPECT_NE(capture.text().find("[E] libtamrelcore -> Download failed: "), std::string::npos);
 }
 
-TEST_F(Transport, ConcurrencyTransfersOnOneManagerDoNotOverlap) {
-  std::string const url = server.addArtifact("/slow", std::string(20000, 's'));
-  Fault slow;
-  slow.chunkBytes = 2000;
-  slow.delayMs = 5;
-  server.setFault("/slow", slow);
-  struct Span {
-    Clock::time_point first, last;
-    bool started = false;
-  } spans[2];
-  auto run = [&](Span& span) {
-    auto buffer = memoryBuffer();
-    buffer->written.connect([&](int) {
-      if (!span.started) span.first = Clock::now();
-      span.started = true;
-      span.last = Clock::now();
-    });
-    EXPECT_TRUE(manager.download(url, buffer));
-  };
-  std::thread a(run, std::ref(spans[0]));
-  std::thread b(run, std::ref(spans[1]));
-  a.join();
-  b.join();
-  bool const aFirst = spans[0].first < spans[1].first;
-  Span const& early = spans[aFirst ? 0 : 1];
-  Span const& late = spans[aFirst ? 1 : 0];
-  EXPECT_LE(early.last, late.first);
-}
-
 // A file-size limit stands in for a full disk: libcurl's write error, and
 // the file holds exactly what fitted.
 TEST_F(Transport, FullDiskGivesAWriteError) {
