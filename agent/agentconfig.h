@@ -24,9 +24,21 @@ class AgentConfig {
   std::shared_ptr<lookup> properties = std::make_shared<lookup>();
   std::vector<tamrel::value_pair_t> attributes;
   std::string downloadDir;
-  std::string installCommand;
-  int retries = 3;
-  int timeoutSeconds = 60;
+  std::string stateDir;                      // "state-dir": the pending-reboot record
+  std::string installCommand;                // run by /bin/sh -c, the files as $1, $2, ...
+  std::string rebootCommand;                 // "reboot-command"
+  std::string confirmCommand;                // "confirm-command", run at start after a reboot
+  int rebootExitCode = -1;                   // "reboot-exit-code"; -1: none configured
+  int retries = 3;                           // "download-retries"
+  int timeoutSeconds = 60;                   // "download-timeout-s"
+  long long downloadMinRate = 1024;          // "download-min-rate", bytes/s
+  int pollTimeoutSeconds = 60;               // "poll-timeout-s"
+  int feedbackTimeoutSeconds = 60;           // "feedback-timeout-s"
+  long long maxDocumentMib = 64;             // "max-document-mib"
+  long long pollIntervalSeconds = 300;       // "poll-interval-s"
+  long long maxPollIntervalSeconds = 86400;  // "max-poll-interval-s"
+  bool downloadOnly = false;                 // --download-only: close with "downloaded"
+  bool demo = false;                         // --demo
 };
 
 #endif  // TAMREL_AGENT_AGENTCONFIG_H_

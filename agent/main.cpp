@@ -265,7 +265,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   while (!agent.stopping()) {
-    std::int64_t const sleep = agent.cycle();
+    std::int64_t const sleep = agent.cycle().sleepSeconds;
     if (once) break;
     // The server's interval, at least 5 s; 30 s when it named none.
     agent.sleep(sleep > 0 ? std::max<std::int64_t>(sleep, 5) : 30);

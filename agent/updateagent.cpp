@@ -1,5 +1,7 @@
 #include "agent/updateagent.h"
 
+#include "agent/exitcode.h"
+
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -90,18 +92,19 @@ void UpdateAgent::sleep(std::int64_t seconds) {
   wake_.wait_for(guard, std::chrono::seconds(seconds), [this] { return stop_.load(); });
 }
 
-std::int64_t UpdateAgent::cycle() {
+UpdateAgent::Cycle UpdateAgent::cycle() {
+  Cycle result;
   hawkbit_query_t answer;
   try {
     answer = client_.queryOnlineStatus();
   } catch (std::exception const& error) {
     std::printf("poll: the server sent an unreadable polling interval (%s)\n", error.what());
-    return 0;
+    return result;
   }
   if (!answer.config_data.url.empty()) {
-    bool const sent = client_.sendConfigData(config_.attributes);
+    std::string const failure = post([&] { return client_.sendConfigData(config_.attributes); });
     std::printf("config data: %zu attributes %s\n", config_.attributes.size(),
-                sent ? "sent" : "NOT sent");
+                failure.empty() ? "sent" : failure.c_str());
   }
   auto const& cancel = answer.cancel_action;
   if (!cancel.url.empty() && !cancel.stop_id.empty()) {
@@ -112,9 +115,14 @@ std::int64_t UpdateAgent::cycle() {
                 sent ? "sent" : "NOT sent");
   }
   if (!answer.deployment.url.empty() && !answer.deployment.chunks.empty() && !stopping()) {
-    deploy(answer.deployment);
+    if (!deploy(answer.deployment)) result.status = kExitDeploymentFailed;
   }
-  return answer.config.sleep;
+  result.sleepSeconds = answer.config.sleep;
+  return result;
+}
+
+std::string UpdateAgent::post(std::function<bool()> const& request) {
+  return request() ? std::string() : std::string("not sent");
 }
 
 bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {

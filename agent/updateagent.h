@@ -23,9 +23,14 @@ class UpdateAgent {
 
   // Binds the settings; false when the library refuses them.
   bool connect();
-  // One poll and whatever it asks for. Returns the polling interval the
-  // server asked for (0 when it named none).
-  std::int64_t cycle();
+  // What one poll came to: the interval to sleep and the exit status
+  // (ExitCode) it would give in --once mode.
+  struct Cycle {
+    std::int64_t sleepSeconds = 0;  // 0: the server named none
+    int status = 0;
+  };
+  // One poll and whatever it asks for.
+  Cycle cycle();
   // Waits up to `seconds`, returning early once stop() was called.
   void sleep(std::int64_t seconds);
   // Cancels a running download or verification and ends the loop.
@@ -42,6 +47,10 @@ class UpdateAgent {
   bool deploy(hawkbit_query_t::deployment_t deployment);
   // Downloads with retries and a stall watchdog; `detail` says what happened.
   bool fetch(std::string const& label, artifact_t& artifact, std::string& detail);
+  // Runs one POST/PUT of the library under the feedback deadline, keeping
+  // the server's answer out of the agent's output. "" when it was sent,
+  // otherwise the reason ("refused by the server: <message>", "not sent").
+  std::string post(std::function<bool()> const& request);
   bool install(std::vector<std::string> const& files, std::string& detail);
   // Runs `work` with a watchdog beside it that passes a stop request on to
   // the library (which forgets a cancel that comes before the work begins)

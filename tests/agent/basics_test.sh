@@ -3,55 +3,9 @@
 # against tamrel-ddi-server serving faults (wrong bytes, dropped connection,
 # error page, ignored ranges, stalls), unsafe names, an interrupt, and
 # configuration errors.
-# usage: agent_test.sh BUILD_DIR   (KEEP=1 keeps the work directory)
+# usage: basics_test.sh BUILD_DIR   (KEEP=1 keeps the work directory)
 set -uo pipefail
-build=$1
-agent=$build/tamrel-agent
-server=$build/tamrel-ddi-server
-work=$(mktemp -d /tmp/tamrel-agent-test-XXXXXX)
-pids=()
-cleanup() {
-  for p in "${pids[@]}"; do kill "$p" 2>/dev/null; done
-  [ -n "${KEEP:-}" ] || rm -rf "$work"
-}
-trap cleanup EXIT
-fail=0
-check() {  # description, command...
-  local what=$1; shift
-  if "$@"; then echo "ok: $what"; else echo "FAILED: $what"; fail=1; fi
-}
-wait_for() {  # pattern, file: up to 10 s
-  for _ in $(seq 100); do grep -q -- "$1" "$2" 2>/dev/null && return 0; sleep 0.1; done
-  return 1
-}
-
-"$agent" --demo > "$work/demo.log" 2>&1
-check "demo exits 0" test $? -eq 0
-check "demo: deployment and cancel closed/success" \
-  grep -q 'deployment 1 closed/success, cancel request 2 closed/success' "$work/demo.log"
-check "demo: download dir removed" \
-  test ! -e "$(sed -n 's/.*downloads into \([^ ]*\)$/\1/p' "$work/demo.log")"
-
-# Starts a server on an ephemeral port serving $work/art with the given
-# options; sets $log. The agent's settings go to $conf, downloads to $dl.
-n=0
-serve() {
-  n=$((n + 1)); log=$work/server$n.log; conf=$work/agent$n.conf; dl=$work/dl$n
-  "$server" --token 't0k#1' --artifacts "$work/art" "$@" > "$log" 2>&1 &
-  pids+=($!)
-  wait_for 'DDI server on' "$log" || { echo "server did not start"; cat "$log"; return 1; }
-  local address; address=$(sed -n 's|^DDI server on \(http://[0-9.:]*\)/.*|\1|p' "$log")
-  printf 'address = %s\ntenant-id = DEFAULT\ncontroller-id = dev01\n' "$address" > "$conf"
-  # A '#' inside a value is kept; after a blank it starts a comment.
-  printf 'token = t0k#1   # comment\ndownload-dir = %s\nattribute.serial = 42\n' "$dl" >> "$conf"
-}
-run_agent() {  # settings lines for the config...
-  printf '%s\n' "$@" >> "$conf"
-  "$agent" --once --config "$conf" > "$work/agent$n.log" 2>&1
-}
-closing() { grep -A1 'deploymentBase/1/feedback' "$log" | grep '"execution":"closed"'; }
-closed_with() { closing | grep -q "\"finished\":\"$1\""; }
-
+. "$(dirname "$0")/lib.sh"
 mkdir -p "$work/art"
 head -c 640000 /dev/urandom > "$work/art/image.bin"
 same() { cmp -s "$work/art/image.bin" "$dl/firmware/image.bin"; }
