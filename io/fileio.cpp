@@ -18,8 +18,7 @@ std::shared_ptr<char> emptyPiece() {
 
 }  // namespace
 
-fileio::fileio(std::string const& name)
-    : streamBuffer_(new char[kStreamBuffer]), path(name) {
+fileio::fileio(std::string const& name) : streamBuffer_(new char[kStreamBuffer]), path(name) {
   if (path.empty()) {
     logLine("[E] libtamrelcore -> Cannot open file with empty name. This won't work\n");
     return;
@@ -38,15 +37,26 @@ unsigned int fileio::write(char const* data, unsigned int length) {
     file.seekp(0, std::ios_base::end);
     atEnd_ = true;
   }
-  if (file.write(data, static_cast<std::streamsize>(length))) {
+  // The count is the stream's advance. A failed stream reports -1 as its
+  // position, so a write failing at P counts -1-P, one on a stream that had
+  // already failed counts 0.
+  long long const before = static_cast<long long>(file.tellp());
+  file.write(data, static_cast<std::streamsize>(length));
+  long long const written = static_cast<long long>(file.tellp()) - before;
+  if (written == static_cast<long long>(length)) {
     if (hasher) hasher->write(data, length);
     return length;
   }
-  // A failed stream reports no position, so the count is negative here.
-  long long const written = static_cast<long long>(file.tellp());
   logLine("[E] libtamrelcore -> Unable to write %u bytes to file (wrote %i)\n", length,
           static_cast<int>(written));
   return written > 0 ? static_cast<unsigned int>(written) : 0;
+}
+
+bool fileio::flush() {
+  // Nothing is buffered for a file that never opened.
+  if (!file.is_open() || file.rdbuf()->pubsync() == 0) return true;
+  logLine("[E] libtamrelcore -> Unable to write buffered data to file: %s\n", path.c_str());
+  return false;
 }
 
 std::string fileio::data() const {
@@ -67,11 +77,11 @@ unsigned int fileio::size() const {
 long long fileio::readChunk(char* buffer, long long n) {
   if (n < 0) return 0;
   atEnd_ = false;
+  // As for write: the stream's advance, and a read cut short by the end of
+  // the file leaves the stream failed, so it counts -1-P.
+  long long const before = static_cast<long long>(file.tellg());
   file.read(buffer, static_cast<std::streamsize>(n));
-  // A read cut short by the end of the file leaves the stream failed, and a
-  // failed stream reports no position: such a read counts as negative.
-  if (!file) return -1;
-  return static_cast<long long>(file.gcount());
+  return static_cast<long long>(file.tellg()) - before;
 }
 
 std::shared_ptr<char> fileio::read(unsigned int& length) {
@@ -113,7 +123,9 @@ void fileio::rehash() {
   file.seekg(0, std::ios_base::end);
   long long const total = static_cast<long long>(file.tellg());
   file.seekg(0, std::ios_base::beg);
-  if (total <= 0) return;
+  // A stream without a position gives -1 here: nothing can be read, and the
+  // lines below say so.
+  if (total == 0) return;
 
   long long const blocks = total / kBlock;
   long long const remainder = total % kBlock;

@@ -27,6 +27,9 @@ class fileio : public iobase {
   // Installs the hasher, then re-reads the whole file into it.
   void setHash(std::unique_ptr<hashbase>&& hash) override;
   bool hashMatches() override;
+  // Writes what the stream still buffers to the file. False, after a log
+  // line, when the file cannot take it (a full disk).
+  bool flush();
   // Feeds the current file content to the hasher in 4096-byte blocks.
   void rehash();
 

@@ -5,6 +5,18 @@
 #include "io/logline.h"
 #include "transport/curlholder.h"
 
+namespace {
+
+// Every DDI request is HTTP or HTTPS, redirects included: a link from the
+// server must not make libcurl read a local file or speak another protocol
+// to another host. Set last, right before the transfer runs.
+void allowOnlyHttp(CURL* handle) {
+  curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(handle, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+}
+
+}  // namespace
+
 std::string userAgent() {
   char text[1024];
   std::snprintf(text, sizeof text, "libcurl/%s", curl_version_info(CURLVERSION_NOW)->version);
@@ -50,6 +62,7 @@ bool CurlManager::download(std::string const& url, std::shared_ptr<curlbuffer> b
   curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 1L);
   curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, 1L);
   curl_easy_setopt(handle, CURLOPT_VERBOSE, 0L);
+  allowOnlyHttp(handle);
 
   CURLcode code = curl_easy_perform(handle);
   buffer->result = code;
@@ -116,6 +129,7 @@ bool CurlManager::send(std::string const& url, std::shared_ptr<curlbuffer> const
   curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 1L);
   curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, 1L);
   curl_easy_setopt(handle, CURLOPT_VERBOSE, 0L);
+  allowOnlyHttp(handle);
 
   CURLcode const code = curl_easy_perform(handle);
   curl.release();
