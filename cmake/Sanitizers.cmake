@@ -1,6 +1,6 @@
-# TAMREL_SANITIZE: a comma-separated sanitizer list ("address,undefined" or
-# "thread") applied to every target of the build.
-set(TAMREL_SANITIZE "" CACHE STRING "Sanitizers to build with (address,undefined or thread)")
+# TAMREL_SANITIZE (declared with the other options): a comma-separated
+# sanitizer list ("address,undefined" or "thread") applied to every target of
+# the build, checked before use.
 if(TAMREL_SANITIZE)
   include(CheckCXXSourceCompiles)
   set(CMAKE_REQUIRED_FLAGS "-fsanitize=${TAMREL_SANITIZE}")

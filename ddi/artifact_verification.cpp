@@ -1,8 +1,11 @@
-// Artifact verification: length first, then the digest, read back from disk
-// in 4096-byte blocks with progress and a process-wide cancel.
+// Length first, then the digest, read back from disk in 4096-byte blocks
+// with progress and a process-wide cancel.
+#include "ddi/artifact_verification.h"
+
 #include <openssl/md5.h>
 #include <openssl/sha.h>
 
+#include <climits>
 #include <cstdio>
 #include <functional>
 #include <memory>
@@ -12,7 +15,6 @@
 #include "ddi/verify_abort.h"
 #include "io/hashbase.h"
 #include "io/logline.h"
-#include "plugin/libtamrelcore.h"
 
 std::atomic<bool> verifyAbort{false};
 
@@ -67,8 +69,18 @@ std::string md5OfFile(std::FILE* file, progress_fn const& progress) {
 
 }  // namespace
 
-bool libtamrelcore::verifyArtifact(
-    hawkbit_query_t::deployment_t::chunk_t::artifact_t const& artifact) const {
+unsigned int verify_percent(std::uint64_t total, std::uint64_t size) {
+  double const percent = static_cast<float>(total) / static_cast<float>(size) * 100.0;
+  // Converting a value beyond the unsigned range is undefined.
+  if (percent >= static_cast<double>(UINT_MAX)) return UINT_MAX;
+  return static_cast<unsigned int>(percent);
+}
+
+void cancel_verify_artifact() { verifyAbort.store(true); }
+
+bool verify_artifact(hawkbit_query_t::deployment_t::chunk_t::artifact_t const& artifact,
+                     simple_signal::signal<std::string, unsigned int> const& progress,
+                     simple_signal::signal<unsigned int> const& bytes) {
   if (artifact.destination.empty()) {
     logLine("[E] libtamrelcore -> No destination path specified. Aborting...\n");
     return false;
@@ -107,19 +119,18 @@ bool libtamrelcore::verifyArtifact(
   }
 
   unsigned int lastPercent = 0;
-  progress_fn const progress = [&](unsigned int n, std::uint64_t total) {
-    verifyBytes(n);
+  progress_fn const report = [&](unsigned int n, std::uint64_t total) {
+    bytes(n);
     if (artifact.size == 0) return;
-    auto const percent = static_cast<unsigned int>(static_cast<float>(total) /
-                                                   static_cast<float>(artifact.size) * 100.0);
+    unsigned int const percent = verify_percent(total, artifact.size);
     if (percent > lastPercent) {
       lastPercent = percent;
-      verifyProgress(artifact.filename, percent);
+      progress(artifact.filename, percent);
     }
   };
 
   std::string const computed =
-      useSha1 ? sha1OfFile(file.get(), progress) : md5OfFile(file.get(), progress);
+      useSha1 ? sha1OfFile(file.get(), report) : md5OfFile(file.get(), report);
   file.reset();
   if (computed != (useSha1 ? sha1->second : md5->second)) {
     logLine(useSha1 ? "[W] libtamrelcore -> SHA-1 does not match\n"

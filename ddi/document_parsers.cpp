@@ -1,10 +1,11 @@
 // Reading the server's documents: the poll answer, deploymentBase and
 // cancelAction. Every member is matched by the beginning of its name.
+#include "ddi/document_parsers.h"
+
 #include <string>
 
 #include "ddi/json_reader.h"
 #include "io/logline.h"
-#include "plugin/libtamrelcore.h"
 
 namespace {
 
@@ -40,16 +41,16 @@ std::vector<std::string> splitPieces(std::string const& text) {
 
 }  // namespace
 
-hawkbit_query_t libtamrelcore::parseStatusResponse(std::string const& json) const {
+hawkbit_query_t parse_status_response(std::string const& json) {
   hawkbit_query_t result;
   cjson_tree const tree = parseDocument(json, parse_echo::whole_text);
   if (!tree || tree.get()->child == nullptr) return result;
   for (cJSON const* member = tree.get()->child; member != nullptr; member = member->next) {
     if (keyMatches(member, "config")) {
-      if (member->child != nullptr) result.config = parseConfig(member->child);
+      if (member->child != nullptr) result.config = parse_config(member->child);
     } else if (keyMatches(member, "_links")) {
       if (member->child != nullptr) {
-        hawkbit_query_t const found = parseLinks(member->child);
+        hawkbit_query_t const found = parse_links(member->child);
         result.deployment.url = found.deployment.url;
         result.config_data.url = found.config_data.url;
         result.cancel_action.url = found.cancel_action.url;
@@ -59,7 +60,7 @@ hawkbit_query_t libtamrelcore::parseStatusResponse(std::string const& json) cons
   return result;
 }
 
-hawkbit_query_t libtamrelcore::parseLinks(cJSON const* first) const {
+hawkbit_query_t parse_links(cJSON const* first) {
   hawkbit_query_t result;
   for (cJSON const* link = first; link != nullptr; link = link->next) {
     cJSON const* href = link->child;
@@ -75,7 +76,7 @@ hawkbit_query_t libtamrelcore::parseLinks(cJSON const* first) const {
   return result;
 }
 
-hawkbit_query_t::config_t libtamrelcore::parseConfig(cJSON const* first) const {
+hawkbit_query_t::config_t parse_config(cJSON const* first) {
   hawkbit_query_t::config_t config;
   for (cJSON const* polling = first; polling != nullptr; polling = polling->next) {
     if (!keyMatches(polling, "polling") || !cJSON_IsObject(polling)) continue;
@@ -94,7 +95,7 @@ hawkbit_query_t::config_t libtamrelcore::parseConfig(cJSON const* first) const {
   return config;
 }
 
-bool libtamrelcore::parseDeploymentBase(std::string const& json, deployment_t& deployment) const {
+bool parse_deployment_base(std::string const& json, deployment_t& deployment) {
   if (json.empty()) {
     logLine("[E] libtamrelcore -> Unable to parse empty JSON string\n");
     return false;
@@ -110,13 +111,13 @@ bool libtamrelcore::parseDeploymentBase(std::string const& json, deployment_t& d
     if (keyMatches(member, "id")) {
       takeString(member, deployment.id);
     } else if (keyMatches(member, "deployment")) {
-      if (member->child != nullptr) deployment.chunks = parseDeployment(member->child);
+      if (member->child != nullptr) deployment.chunks = parse_deployment(member->child);
     }
   }
   return true;
 }
 
-std::vector<chunk_t> libtamrelcore::parseDeployment(cJSON const* first) const {
+std::vector<chunk_t> parse_deployment(cJSON const* first) {
   std::vector<chunk_t> chunks;
   for (cJSON const* member = first; member != nullptr; member = member->next) {
     if (!keyMatches(member, "chunks") || (member->type & 0xFF) != cJSON_Array) continue;
@@ -130,9 +131,9 @@ std::vector<chunk_t> libtamrelcore::parseDeployment(cJSON const* first) const {
         } else if (keyMatches(field, "name")) {
           takeString(field, chunk.name);
         } else if (keyMatches(field, "artifacts")) {
-          chunk.artifacts = parseArtifacts(field);
+          chunk.artifacts = parse_artifacts(field);
         } else if (keyMatches(field, "metadata")) {
-          chunk.metadata = parseMetadata(field);
+          chunk.metadata = parse_metadata(field);
         }
       }
       chunks.push_back(std::move(chunk));
@@ -141,7 +142,7 @@ std::vector<chunk_t> libtamrelcore::parseDeployment(cJSON const* first) const {
   return chunks;
 }
 
-std::vector<artifact_t> libtamrelcore::parseArtifacts(cJSON const* node) const {
+std::vector<artifact_t> parse_artifacts(cJSON const* node) {
   std::vector<artifact_t> artifacts;
   if (!readableObjectArray(node)) return artifacts;
   // An element without members ends the list.
@@ -176,7 +177,7 @@ std::vector<artifact_t> libtamrelcore::parseArtifacts(cJSON const* node) const {
   return artifacts;
 }
 
-std::vector<metadata_entry_t> libtamrelcore::parseMetadata(cJSON const* node) const {
+std::vector<metadata_entry_t> parse_metadata(cJSON const* node) {
   std::vector<metadata_entry_t> entries;
   if (!readableObjectArray(node)) return entries;
   for (cJSON const* element = node->child; element != nullptr && element->child != nullptr;
@@ -194,8 +195,7 @@ std::vector<metadata_entry_t> libtamrelcore::parseMetadata(cJSON const* node) co
   return entries;
 }
 
-bool libtamrelcore::parseCancelAction(std::string const& json,
-                                      hawkbit_query_t::cancel_action_t& cancelAction) const {
+bool parse_cancel_action(std::string const& json, hawkbit_query_t::cancel_action_t& cancelAction) {
   if (json.empty()) {
     logLine("[E] libtamrelcore -> Unable to parse empty JSON string\n");
     return false;

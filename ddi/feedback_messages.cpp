@@ -1,10 +1,11 @@
-// Messages from the device: update feedback, config data, cancel feedback.
+#include "ddi/feedback_messages.h"
+
 #include "ddi/cjson_owner.h"
+#include "ddi/controller_url.h"
 #include "ddi/feedback_time.h"
 #include "io/logline.h"
 #include "io/memoryio.h"
 #include "io/nullhash.h"
-#include "plugin/libtamrelcore.h"
 #include "transport/curlmanager.h"
 
 namespace {
@@ -61,25 +62,8 @@ std::shared_ptr<curlbuffer> bodyBuffer(std::string const& text) {
 
 }  // namespace
 
-bool libtamrelcore::sendUpdateFeedback(hawkbit_query_t::deployment_t const& deployment) {
-  if (deployment.chunks.empty()) return false;
-  std::shared_ptr<lookup> const table = properties.lock();
-  if (!table) {
-    logLine(
-        "[E] libtamrelcore -> Unable to find configuration. Cannot proceed with update "
-        "feedback\n");
-    return false;
-  }
-  char const* const missing = "[E] libtamrelcore -> Cannot find %s or %s\n";
-  std::string address, tenant, controller;
-  if (!settingPair(*table, "address", missing, address) ||
-      !settingPair(*table, "tenant-id", missing, tenant) ||
-      !settingPair(*table, "controller-id", missing, controller)) {
-    return false;
-  }
-  std::string const url = address + "/" + tenant + "/controller/v1/" + controller +
-                          "/deploymentBase/" + deployment.id + "/feedback";
-
+bool update_feedback_body(hawkbit_query_t::deployment_t const& deployment, std::string const& time,
+                          std::string& body) {
   char const* const finished = finishedWord(deployment.finished);
   if (finished == nullptr) {
     logLine("[E] libtamrelcore -> Unsupported software finishing status!\n");
@@ -96,7 +80,7 @@ bool libtamrelcore::sendUpdateFeedback(hawkbit_query_t::deployment_t const& depl
 
   cjson_tree root(cJSON_CreateObject());
   cJSON_AddItemToObject(root.get(), "id", cJSON_CreateString(deployment.id.c_str()));
-  cJSON_AddItemToObject(root.get(), "time", cJSON_CreateString(feedbackTime().c_str()));
+  cJSON_AddItemToObject(root.get(), "time", cJSON_CreateString(time.c_str()));
   cJSON* result = cJSON_CreateObject();
   cJSON* progress = cJSON_CreateObject();
   cJSON_AddItemToObject(result, "progress", progress);
@@ -108,23 +92,12 @@ bool libtamrelcore::sendUpdateFeedback(hawkbit_query_t::deployment_t const& depl
       cJSON_AddItemToArray(details, cJSON_CreateString(line.c_str()));
     }
   }
-  std::string const text = printUnformatted(root);
-  root.reset();
-  return transport->post(url, bodyBuffer(text));
+  body = printUnformatted(root);
+  return true;
 }
 
-bool libtamrelcore::sendConfigData(std::vector<tamrel::value_pair_t> const& attributes) {
-  auto const link = links.find("configData");
-  if (link == links.end()) {
-    logLine("[E] libtamrelcore -> %s not retrieved by the server\n", "configData");
-    return false;
-  }
-  std::string const url = link->second;
-  if (url.empty()) {
-    logLine("[E] libtamrelcore -> Cannot send config data - URL is missing\n");
-    return false;
-  }
-
+std::string config_data_body(std::vector<tamrel::value_pair_t> const& attributes,
+                             std::string const& time) {
   cjson_tree root(cJSON_CreateObject());
   cJSON_AddItemToObject(root.get(), "mode", cJSON_CreateString("merge"));
   cJSON* data = cJSON_CreateObject();
@@ -133,27 +106,56 @@ bool libtamrelcore::sendConfigData(std::vector<tamrel::value_pair_t> const& attr
     cJSON_AddItemToObject(data, pair.key.c_str(), cJSON_CreateString(pair.value.c_str()));
   }
   cJSON_AddItemToObject(root.get(), "id", cJSON_CreateString(""));
-  cJSON_AddItemToObject(root.get(), "time", cJSON_CreateString(feedbackTime().c_str()));
+  cJSON_AddItemToObject(root.get(), "time", cJSON_CreateString(time.c_str()));
   addStatus(root.get(), cJSON_CreateObject(), "success", "closed");
-  std::string const text = printUnformatted(root);
-  root.reset();
-  return transport->put(url, bodyBuffer(text));
+  return printUnformatted(root);
 }
 
-bool libtamrelcore::sendCancelActionFeedback(std::string const& url, std::string const& actionId,
-                                             std::string const& execution,
-                                             std::string const& finished,
-                                             std::string const& details) {
+std::string cancel_feedback_body(std::string const& actionId, std::string const& execution,
+                                 std::string const& finished, std::string const& details,
+                                 std::string const& time) {
+  cjson_tree root(cJSON_CreateObject());
+  cJSON_AddItemToObject(root.get(), "id", cJSON_CreateString(actionId.c_str()));
+  cJSON_AddItemToObject(root.get(), "time", cJSON_CreateString(time.c_str()));
+  cJSON* lines = addStatus(root.get(), cJSON_CreateObject(), finished.c_str(), execution.c_str());
+  cJSON_AddItemToArray(lines, cJSON_CreateString(details.c_str()));
+  return printUnformatted(root);
+}
+
+bool send_update_feedback(CurlManager& transport, std::weak_ptr<lookup> const& properties,
+                          hawkbit_query_t::deployment_t const& deployment) {
+  if (deployment.chunks.empty()) return false;
+  std::string const url = build_feedback_url(properties, deployment.id);
+  if (url.empty()) return false;
+  std::string text;
+  if (!update_feedback_body(deployment, feedbackTime(), text)) return false;
+  return transport.post(url, bodyBuffer(text));
+}
+
+bool send_config_data(CurlManager& transport,
+                      std::unordered_map<std::string, std::string> const& links,
+                      std::vector<tamrel::value_pair_t> const& attributes) {
+  auto const link = links.find("configData");
+  if (link == links.end()) {
+    logLine("[E] libtamrelcore -> %s not retrieved by the server\n", "configData");
+    return false;
+  }
+  std::string const& url = link->second;
+  if (url.empty()) {
+    logLine("[E] libtamrelcore -> Cannot send config data - URL is missing\n");
+    return false;
+  }
+  return transport.put(url, bodyBuffer(config_data_body(attributes, feedbackTime())));
+}
+
+bool send_cancel_action_feedback(CurlManager& transport, std::string const& url,
+                                 std::string const& actionId, std::string const& execution,
+                                 std::string const& finished, std::string const& details) {
   if (url.empty()) {
     logLine("[W] libtamrelcore -> Cannot send cancel action feedback - URL is missing\n");
     return false;
   }
-  cjson_tree root(cJSON_CreateObject());
-  cJSON_AddItemToObject(root.get(), "id", cJSON_CreateString(actionId.c_str()));
-  cJSON_AddItemToObject(root.get(), "time", cJSON_CreateString(feedbackTime().c_str()));
-  cJSON* lines = addStatus(root.get(), cJSON_CreateObject(), finished.c_str(), execution.c_str());
-  cJSON_AddItemToArray(lines, cJSON_CreateString(details.c_str()));
-  std::string const text = printUnformatted(root);
-  root.reset();
-  return transport->post(url + "/feedback", bodyBuffer(text));
+  return transport.post(
+      url + "/feedback",
+      bodyBuffer(cancel_feedback_body(actionId, execution, finished, details, feedbackTime())));
 }

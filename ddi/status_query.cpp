@@ -1,10 +1,12 @@
-// Polling: the controller base resource and the resources it links to.
+#include "ddi/status_query.h"
+
 #include <curl/curl.h>
 
+#include "ddi/controller_url.h"
+#include "ddi/document_parsers.h"
 #include "io/logline.h"
 #include "io/memoryio.h"
 #include "io/nullhash.h"
-#include "plugin/libtamrelcore.h"
 #include "transport/curlmanager.h"
 
 namespace {
@@ -15,33 +17,18 @@ std::shared_ptr<curlbuffer> jsonBuffer() {
 
 }  // namespace
 
-std::string libtamrelcore::buildQueryUrl() const {
-  std::shared_ptr<lookup> const table = properties.lock();
-  if (!table) {
-    logLine("[E] libtamrelcore -> No server config found\n");
-    return std::string();
-  }
-  char const* const missing = "[E] libtamrelcore -> No %s or %s specified\n";
-  std::string address, tenant, controller;
-  if (!settingPair(*table, "address", missing, address) || address.empty()) return std::string();
-  if (!settingPair(*table, "tenant-id", missing, tenant) || tenant.empty()) return std::string();
-  if (!settingPair(*table, "controller-id", missing, controller) || controller.empty()) {
-    return std::string();
-  }
-  return address + "/" + tenant + "/controller/v1/" + controller;
-}
-
-hawkbit_query_t libtamrelcore::queryOnlineStatus() {
+hawkbit_query_t query_online_status(CurlManager& transport, std::weak_ptr<lookup> const& properties,
+                                    std::unordered_map<std::string, std::string>& links) {
   hawkbit_query_t result;
   logLine("[I] libtamrelcore -> Querying server status\n");
-  std::string const url = buildQueryUrl();
+  std::string const url = build_query_url(properties);
   if (url.empty()) return result;
   logLine("[I] libtamrelcore -> Querying %s\n", url.c_str());
 
   std::string body;
   {
     std::shared_ptr<curlbuffer> const buffer = jsonBuffer();
-    transport->download(url, buffer);
+    transport.download(url, buffer);
     if (buffer->result != 0) {
       logLine("[E] libtamrelcore -> Failed: %s\n",
               curl_easy_strerror(static_cast<CURLcode>(buffer->result)));
@@ -54,7 +41,7 @@ hawkbit_query_t libtamrelcore::queryOnlineStatus() {
     return result;
   }
 
-  result = parseStatusResponse(body);
+  result = parse_status_response(body);
   if (!is_valid(result.config) && result.config_data.url.empty() &&
       result.cancel_action.url.empty() && result.deployment.url.empty()) {
     logLine("[E] libtamrelcore -> Failed to parse response!\n");
@@ -63,12 +50,12 @@ hawkbit_query_t libtamrelcore::queryOnlineStatus() {
 
   if (!result.deployment.url.empty()) {
     std::shared_ptr<curlbuffer> const buffer = jsonBuffer();
-    transport->download(result.deployment.url, buffer);
+    transport.download(result.deployment.url, buffer);
     logLine("[I] libtamrelcore -> Detected update - fetching update data\n");
     if (buffer->result == 0) {
       std::string const text = buffer->sink->data();
       if (!text.empty()) {
-        parseDeploymentBase(text, result.deployment);
+        parse_deployment_base(text, result.deployment);
         result.deployment.json = text;
       }
     }
@@ -76,10 +63,10 @@ hawkbit_query_t libtamrelcore::queryOnlineStatus() {
 
   if (!result.cancel_action.url.empty()) {
     std::shared_ptr<curlbuffer> const buffer = jsonBuffer();
-    transport->download(result.cancel_action.url, buffer);
+    transport.download(result.cancel_action.url, buffer);
     if (buffer->result == 0) {
       std::string const text = buffer->sink->data();
-      if (!text.empty()) parseCancelAction(text, result.cancel_action);
+      if (!text.empty()) parse_cancel_action(text, result.cancel_action);
     }
   }
 

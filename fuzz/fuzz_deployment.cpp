@@ -4,14 +4,13 @@
 #include <cstdlib>
 #include <string>
 
-#include "plugin/libtamrelcore.h"
+#include "ddi/document_parsers.h"
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
-  static libtamrelcore client(nullptr);
   std::string const text(reinterpret_cast<char const*>(data), size);
   hawkbit_query_t::deployment_t deployment;
   deployment.url = "http://fuzz/deploymentBase/1";
-  client.parseDeploymentBase(text, deployment);
+  parse_deployment_base(text, deployment);
   // The text is kept before parsing, whatever the parser makes of it; the
   // link URL is never touched.
   if (!text.empty() && deployment.json != text) std::abort();

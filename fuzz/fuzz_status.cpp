@@ -4,13 +4,12 @@
 #include <stdexcept>
 #include <string>
 
-#include "plugin/libtamrelcore.h"
+#include "ddi/document_parsers.h"
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
-  static libtamrelcore client(nullptr);
   std::string const text(reinterpret_cast<char const*>(data), size);
   try {
-    hawkbit_query_t const result = client.parseStatusResponse(text);
+    hawkbit_query_t const result = parse_status_response(text);
     (void)is_valid(result);
   } catch (std::invalid_argument const&) {
     // A polling interval piece without digits: the documented conversion error.

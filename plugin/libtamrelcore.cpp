@@ -1,6 +1,11 @@
 #include "plugin/libtamrelcore.h"
 
-#include "ddi/verify_abort.h"
+#include "ddi/artifact_download.h"
+#include "ddi/artifact_verification.h"
+#include "ddi/controller_url.h"
+#include "ddi/document_parsers.h"
+#include "ddi/feedback_messages.h"
+#include "ddi/status_query.h"
 #include "io/logline.h"
 #include "transport/curlmanager.h"
 
@@ -44,24 +49,79 @@ bool libtamrelcore::connectProperties(std::shared_ptr<lookup> const& table) {
   return true;
 }
 
-bool libtamrelcore::settingPair(lookup& table, std::string const& name, char const* missingFormat,
-                                std::string& value) const {
-  std::string const fileName = name + "-file";
-  std::shared_ptr<value_container> const plain = table[name];
-  std::shared_ptr<value_container> const file = table[fileName];
-  if (!plain->valid() && !file->valid()) {
-    logLine(missingFormat, name.c_str(), fileName.c_str());
-    return false;
-  }
-  value = (file->valid() && file->is_link()) ? file->link().text : plain->string();
-  return true;
-}
-
 void libtamrelcore::cancelTransfer() { transport->cancelTransfer(); }
 
-void libtamrelcore::cancelVerifyArtifact() const { verifyAbort.store(true); }
+hawkbit_query_t libtamrelcore::queryOnlineStatus() {
+  return query_online_status(*transport, properties, links);
+}
+
+download_errors_t libtamrelcore::downloadArtifact(
+    std::string const& label, hawkbit_query_t::deployment_t::chunk_t::artifact_t const& artifact) {
+  download_signals const signals{downloadStarted, downloadFinished, downloadProgress,
+                                 downloadBytes};
+  return download_artifact(*transport, downloadLock, signals, label, artifact);
+}
+
+bool libtamrelcore::sendUpdateFeedback(hawkbit_query_t::deployment_t const& deployment) {
+  return send_update_feedback(*transport, properties, deployment);
+}
+
+bool libtamrelcore::sendConfigData(std::vector<tamrel::value_pair_t> const& attributes) {
+  return send_config_data(*transport, links, attributes);
+}
+
+bool libtamrelcore::sendCancelActionFeedback(std::string const& url, std::string const& actionId,
+                                             std::string const& execution,
+                                             std::string const& finished,
+                                             std::string const& details) {
+  return send_cancel_action_feedback(*transport, url, actionId, execution, finished, details);
+}
+
+bool libtamrelcore::verifyArtifact(
+    hawkbit_query_t::deployment_t::chunk_t::artifact_t const& artifact) const {
+  return verify_artifact(artifact, verifyProgress, verifyBytes);
+}
+
+void libtamrelcore::cancelVerifyArtifact() const { cancel_verify_artifact(); }
 
 std::string libtamrelcore::uuid() const { return "f5f95dd"; }
+
+bool libtamrelcore::parseDeploymentBase(std::string const& json,
+                                        hawkbit_query_t::deployment_t& deployment) const {
+  return parse_deployment_base(json, deployment);
+}
+
+std::string libtamrelcore::buildQueryUrl() const { return build_query_url(properties); }
+
+hawkbit_query_t libtamrelcore::parseStatusResponse(std::string const& json) const {
+  return parse_status_response(json);
+}
+
+hawkbit_query_t libtamrelcore::parseLinks(cJSON const* first) const { return parse_links(first); }
+
+hawkbit_query_t::config_t libtamrelcore::parseConfig(cJSON const* first) const {
+  return parse_config(first);
+}
+
+bool libtamrelcore::parseCancelAction(std::string const& json,
+                                      hawkbit_query_t::cancel_action_t& cancelAction) const {
+  return parse_cancel_action(json, cancelAction);
+}
+
+std::vector<hawkbit_query_t::deployment_t::chunk_t> libtamrelcore::parseDeployment(
+    cJSON const* first) const {
+  return parse_deployment(first);
+}
+
+std::vector<hawkbit_query_t::deployment_t::chunk_t::artifact_t> libtamrelcore::parseArtifacts(
+    cJSON const* node) const {
+  return parse_artifacts(node);
+}
+
+std::vector<hawkbit_query_t::deployment_t::chunk_t::metadata_entry_t> libtamrelcore::parseMetadata(
+    cJSON const* node) const {
+  return parse_metadata(node);
+}
 
 extern "C" {
 

@@ -65,7 +65,9 @@ class libtamrelcore {
   virtual bool parseDeploymentBase(std::string const& json,
                                    hawkbit_query_t::deployment_t& deployment) const;
 
-  // Helpers of the operations above, public for hosts and tests.
+  // Helpers of the operations above. They forward to the free functions of
+  // ddi/ and are not exported from the plug-in: only code linked with the
+  // static library (tests, tools) can call them.
   std::string buildQueryUrl() const;
   hawkbit_query_t parseStatusResponse(std::string const& json) const;
   hawkbit_query_t parseLinks(cJSON const* first) const;
@@ -93,12 +95,6 @@ class libtamrelcore {
   simple_signal::signal<unsigned int> verifyBytes;
 
  private:
-  // Reads setting `name` by the setting-pair rule (`name`, then `name`-file
-  // as a link). False, after logging `missingFormat` with both names, when
-  // neither is valid.
-  bool settingPair(lookup& table, std::string const& name, char const* missingFormat,
-                   std::string& value) const;
-
   // A transport this client created, released with it.
   std::unique_ptr<CurlManager, void (*)(CurlManager*)> ownedTransport_;
 };

@@ -1,18 +1,27 @@
 #!/usr/bin/env bash
-# The plug-in exports its two entry points and the documented free functions,
-# and nothing of its internal classes.
+# The plug-in exports exactly what the linker version script names: every
+# name listed under "global:" (a trailing * makes it a prefix) is there, and
+# nothing else is.
 set -euo pipefail
 lib=$1
 nm=${2:-nm}
+map=${3:-$(dirname "$0")/../cmake/tamrel.map}
 symbols=$("$nm" -D --defined-only "$lib" | awk '$2 ~ /^[TWVDBR]$/ {print $3}' | sort)
+listed=$(sed -n '/global:/,/local:/p' "$map" | grep -oE '^[[:space:]]*[A-Za-z_][A-Za-z0-9_]*\*?;' |
+  tr -d ' \t;')
+[ -n "$listed" ] || { echo "no global names in $map"; exit 1; }
 fail=0
-for needed in create_object destroy_object; do
-  grep -qx "$needed" <<<"$symbols" || { echo "missing export: $needed"; fail=1; }
+pattern=""
+for name in $listed; do
+  if [[ $name == *'*' ]]; then
+    regex="^${name%\*}"
+  else
+    regex="^${name}\$"
+  fi
+  grep -qE "$regex" <<<"$symbols" || { echo "missing export: $name"; fail=1; }
+  pattern+="${pattern:+|}$regex"
 done
-for prefix in _Z8is_valid _Zeq _Zne _Z22get_full_artifact_path _Z27get_full_artifact_file_path; do
-  grep -q "^$prefix" <<<"$symbols" || { echo "missing export: $prefix*"; fail=1; }
-done
-unexpected=$(grep -vE '^(create_object|destroy_object|_Z8is_valid|_Zeq|_Zne|_Z22get_full_artifact_path|_Z27get_full_artifact_file_path)' <<<"$symbols" || true)
+unexpected=$(grep -vE "$pattern" <<<"$symbols" || true)
 if [ -n "$unexpected" ]; then
   echo "unexpected exports:"; echo "$unexpected"; fail=1
 fi

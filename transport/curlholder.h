@@ -4,7 +4,8 @@
 #include <curl/curl.h>
 
 // Owns the libcurl resources of one transfer: the easy handle and the request
-// header list, freed in that order on every way out. Move-only.
+// header list, freed in that order on every way out. Neither copied nor
+// moved: it lives on the stack of the transfer it serves.
 class curlholder {
  public:
   curlholder() : easy_(curl_easy_init()) {}
