@@ -29,12 +29,6 @@ std::shared_ptr<curlbuffer> memoryBuffer(std::string const& content = std::strin
                                       std::make_unique<nullhash>());
 }
 
-std::string sha1Of(std::string const& content) {
-  sha1sum sum;
-  sum.write(content.data(), static_cast<unsigned int>(content.size()));
-  return sum.hash();
-}
-
 class Transport : public ::testing::Test {
  protected:
   DdiTestServer server;
@@ -52,39 +46,36 @@ TEST(TransportHeaders, ExactLinesInOrder) {
   EXPECT_TRUE(manager.put(raw.baseUrl() + "/put", memoryBuffer("")));
   ASSERT_TRUE(raw.waitForRequests(3, 5000));
   auto const seen = raw.requests();
-  std::string const host = "Host: 127.0.0.1:" + std::to_string(raw.port());
-  std::string const agent =
-      "User-Agent: libcurl/" + std::string(curl_version_info(CURLVERSION_NOW)->version);
-  EXPECT_EQ(seen[0].requestLine, "GET /get HTTP/1.1");
-  EXPECT_EQ(seen[0].headerLines,
-            (std::vector<std::string>{host, agent, "Content-Type: application/json",
-                                      "Accept: application/json", "charsets: utf-8",
-                                      "Authorization: TargetToken "}));
-  std::vector<std::string> const sent{"Accept: application/json",
-                                      "Content-Type: application/json;charset=UTF-8",
-                                      "Authorization: TargetToken tok"};
-  EXPECT_EQ(seen[1].requestLine, "POST /post HTTP/1.1");
-  EXPECT_EQ(seen[1].headerLines, (std::vector<std::string>{host, agent, sent[0], sent[1], sent[2],
-                                                           "Content-Length: 7"}));
-  EXPECT_EQ(seen[1].body, "{\"a\":1}");
-  EXPECT_EQ(seen[2].requestLine, "PUT /put HTTP/1.1");
-  EXPECT_EQ(seen[2].headerLines, (std::vector<std::string>{host, agent, sent[0], sent[1], sent[2],
-                                                           "Content-Length: 0"}));
+  auto const text = [](tamrel::testing::RawRequest const& request) {
+    std::string all = request.requestLine;
+    for (std::string const& line : request.headerLines) all += "|" + line;
+    return all + "|" + request.body;
+  };
+  std::string const common = "|Host: 127.0.0.1:" + std::to_string(raw.port()) +
+                             "|User-Agent: libcurl/" + curl_version_info(CURLVERSION_NOW)->version;
+  std::string const json = "|Accept: application/json|Content-Type: application/json;charset=UTF-8";
+  EXPECT_EQ(text(seen[0]), "GET /get HTTP/1.1" + common +
+                               "|Content-Type: application/json|Accept: application/json"
+                               "|charsets: utf-8|Authorization: TargetToken |");
+  EXPECT_EQ(text(seen[1]), "POST /post HTTP/1.1" + common + json +
+                               "|Authorization: TargetToken tok|Content-Length: 7|{\"a\":1}");
+  EXPECT_EQ(text(seen[2]), "PUT /put HTTP/1.1" + common + json +
+                               "|Authorization: TargetToken tok|Content-Length: 0|");
 }
 
-TEST_F(Transport, ErrorStatusIsDataNotFailure) {
+TEST_F(Transport, ErrorStatusIsDataAndPostRedirectsStayPost) {
   server.serve("/missing", R"({"errorCode":"entitiyNotFound"})", 404);
   auto buffer = memoryBuffer();
   EXPECT_TRUE(manager.download(server.baseUrl() + "/missing", buffer));
   EXPECT_EQ(buffer->result, 0);
   EXPECT_EQ(buffer->httpCode, 404);
   EXPECT_EQ(buffer->sink->data(), R"({"errorCode":"entitiyNotFound"})");
-  Fault denied;
-  denied.status = 500;
-  denied.withBody = false;
-  server.setFault("/feedback", denied);
+  Fault moved;  // a POST stays a POST, with its body, after a 302
+  moved.redirectTo = "/moved";
+  server.setFault("/feedback", moved);
   EXPECT_TRUE(manager.post(server.baseUrl() + "/feedback", memoryBuffer("{}")));
-  EXPECT_TRUE(manager.put(server.baseUrl() + "/feedback", memoryBuffer("{}")));
+  auto const last = server.requests().back();
+  EXPECT_EQ(last.method + " " + last.path + " " + last.body, "POST /moved {}");
 }
 
 TEST_F(Transport, ResumesFromTheSinkSize) {
@@ -97,13 +88,6 @@ TEST_F(Transport, ResumesFromTheSinkSize) {
   EXPECT_EQ(capture.text(), "[I] libtamrelcore -> Resuming file from 1000 bytes\n");
   EXPECT_EQ(server.requests().back().header("Range"), "bytes=1000-");
   EXPECT_EQ(buffer->sink->data(), content);
-
-  auto fresh = memoryBuffer();
-  int total = 0;
-  fresh->written.connect([&](int n) { total += n; });
-  EXPECT_TRUE(manager.download(url, fresh));
-  EXPECT_EQ(server.requests().back().header("Range"), "");
-  EXPECT_EQ(total, 3000);
 }
 
 TEST_F(Transport, ConcurrencyCancelOnlyReachesARunningDownload) {
@@ -169,26 +153,25 @@ TEST_F(Transport, OnlyHttpAndHttpsAreSpoken) {
 // transfer, a short body fails only when flushed, and neither is reported as
 // a good download although every byte reached the hasher of the short one.
 TEST_F(Transport, FullDiskIsAFailedDownload) {
-  struct Row {
-    std::size_t size;
-    char const* line;
-  } const rows[] = {
+  std::pair<std::size_t, char const*> const rows[] = {
       {100000, "[E] libtamrelcore -> Unable to write "},
       {600, "[E] libtamrelcore -> Unable to write buffered data to file: /dev/full\n"},
   };
   libtamrelcore client(&manager);
-  for (Row const& row : rows) {
-    std::string const content(row.size, 'f');
+  for (auto const& [size, line] : rows) {
+    std::string const content(size, 'f');
+    sha1sum digest;
+    digest.write(content.data(), static_cast<unsigned int>(size));
     hawkbit_query_t::deployment_t::chunk_t::artifact_t artifact;
     artifact.filename = "full";
     artifact.destination = "/dev";
-    artifact.size = row.size;
-    artifact.hashes["sha1"] = sha1Of(content);
-    artifact.links["download-http"] = server.addArtifact("/f" + std::to_string(row.size), content);
+    artifact.size = size;
+    artifact.hashes["sha1"] = digest.hash();
+    artifact.links["download-http"] = server.addArtifact("/f" + std::to_string(size), content);
     CaptureStderr capture;
-    EXPECT_EQ(client.downloadArtifact("x", artifact), download_failed) << row.size;
+    EXPECT_EQ(client.downloadArtifact("x", artifact), download_failed) << size;
     std::string const log = capture.text();
-    EXPECT_NE(log.find(row.line), std::string::npos) << log;
+    EXPECT_NE(log.find(line), std::string::npos) << log;
     EXPECT_NE(log.find("Failed to download: full ([23] "), std::string::npos) << log;
   }
 }
