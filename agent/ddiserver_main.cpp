@@ -31,9 +31,11 @@ char const kUsage[] =
     "    --fail-first STATUS   answer the first artifact request with STATUS and an error page\n"
     "    --ignore-range        answer range requests with the whole file\n"
     "    --slow MS             send artifacts in 64 KiB pieces, MS apart\n"
-    "    --fault WHERE=WHAT    WHERE: poll, feedback (of deployment 1) or artifact; WHAT:\n"
-    "                          stall (no answer), trickle (1 byte per 100 ms), endless\n"
-    "                          (the body, then bytes without end, no Content-Length)\n"
+    "    --fault WHERE=WHAT    WHERE: poll, config (the configData PUT), feedback (of\n"
+    "                          deployment 1) or artifact; WHAT:\n"
+    "                          stall (no answer), trickle (1 byte per 100 ms), overlong\n"
+    "                          (the body and 1 MiB more) or endless (the body, then\n"
+    "                          bytes without end), both without Content-Length,\n"
     "                          or an HTTP status with an error document\n";
 
 std::string hex(unsigned char const* bytes, std::size_t n) {
@@ -66,9 +68,9 @@ std::string jsonString(std::string const& text) {
 struct Settings {
   int port = 0;
   std::string token, artifactDir, sleep = "00:00:10", chunk = "firmware", corrupt;
-  std::map<std::string, std::string> names;  // file -> name offered to the device
-  tamrel::testing::Fault always, first;      // faults on every / the first artifact answer
-  tamrel::testing::Fault poll, feedback;     // --fault poll=... / feedback=...
+  std::map<std::string, std::string> names;       // file -> name offered to the device
+  tamrel::testing::Fault always, first;           // faults on every / the first artifact answer
+  tamrel::testing::Fault poll, config, feedback;  // --fault poll=, config=, feedback=
 };
 
 // --fault WHERE=WHAT into the settings; false when not understood.
@@ -82,8 +84,8 @@ bool parseFault(std::string const& value, Settings& settings) {
   } else if (what == "trickle") {
     fault.chunkBytes = 1;
     fault.delayMs = 100;
-  } else if (what == "endless") {
-    fault.trailingBytes = -1;
+  } else if (what == "overlong" || what == "endless") {
+    fault.trailingBytes = what == "endless" ? -1 : 1 << 20;
   } else if (!what.empty() && what.find_first_not_of("0123456789") == std::string::npos) {
     fault.status = std::stoi(what);
   } else {
@@ -91,6 +93,8 @@ bool parseFault(std::string const& value, Settings& settings) {
   }
   if (where == "poll") {
     settings.poll = fault;
+  } else if (where == "config") {
+    settings.config = fault;
   } else if (where == "feedback") {
     settings.feedback = fault;
   } else if (where == "artifact") {
@@ -228,6 +232,9 @@ int main(int argc, char** argv) {
   server.setControllerBase(tamrel::testing::controllerBaseJson(
       base, server.controllerPath(), settings.sleep, deployment ? "1" : "", "", true));
   if (isFault(settings.poll)) server.setFault(server.controllerPath(), settings.poll);
+  if (isFault(settings.config)) {
+    server.setFault(server.controllerPath() + "/configData", settings.config);
+  }
   if (isFault(settings.feedback)) {
     server.setFault(server.controllerPath() + "/deploymentBase/1/feedback", settings.feedback);
   }

@@ -229,7 +229,8 @@ std::string UpdateAgent::post(std::function<bool()> const& request) {
       [seconds](Watchdog::Verdict verdict) {
         if (verdict == Watchdog::Verdict::kDeadline) {
           std::printf(
-              "feedback: no answer within %d s (feedback-timeout-s); exiting with status %d\n",
+              "server: no answer to a POST/PUT within %d s (feedback-timeout-s); exiting with "
+              "status %d\n",
               seconds, kExitFeedbackDeadline);
         } else {
           std::printf("stopping: the server does not answer; the action stays open\n");
