@@ -69,6 +69,13 @@ else
   echo "skipped: endless artifact on a small disk (no private mount namespace here)"
 fi
 
+# On a terminal the bar of a resumed download counts the bytes on disk once.
+serve --drop-after 50000
+printf '%s\n' "$ok" >> "$conf"
+script -qec "'$agent' --once --config '$conf'" /dev/null > "$(alog)" 2>&1
+check "resumed download: the bar ends at the artifact's size" \
+  bash -c "tr '\r' '\n' < '$(alog)' | grep -a 'image.bin ' | tail -1 | grep -q '100 %  *625 KiB'"
+
 # POST/PUT (here the config data): never answered -> status 4 at the
 # deadline; SIGTERM ends a stuck one within 5 s and leaves the action open;
 # an error document is reported, the server's text kept out of the output.
