@@ -30,6 +30,7 @@ char const kUsage[] =
     "    --drop-after BYTES    close the first artifact answer after BYTES bytes\n"
     "    --fail-first STATUS   answer the first artifact request with STATUS and an error page\n"
     "    --ignore-range        answer range requests with the whole file\n"
+    "    --https               serve over TLS with a self-signed certificate\n"
     "    --slow MS             send artifacts in 64 KiB pieces, MS apart\n"
     "    --fault WHERE=WHAT    WHERE: poll, config (the configData PUT), feedback (of\n"
     "                          deployment 1) or artifact; WHAT:\n"
@@ -67,6 +68,7 @@ std::string jsonString(std::string const& text) {
 
 struct Settings {
   int port = 0;
+  bool https = false;
   std::string token, artifactDir, sleep = "00:00:10", chunk = "firmware", corrupt;
   std::map<std::string, std::string> names;       // file -> name offered to the device
   tamrel::testing::Fault always, first;           // faults on every / the first artifact answer
@@ -108,6 +110,10 @@ bool parseFault(std::string const& value, Settings& settings) {
 bool parse(int argc, char** argv, Settings& settings) {
   for (int i = 1; i < argc; ++i) {
     std::string const arg = argv[i];
+    if (arg == "--https") {
+      settings.https = true;
+      continue;
+    }
     if (arg == "--ignore-range") {
       settings.always.ignoreRange = settings.first.ignoreRange = true;
       continue;
@@ -174,6 +180,7 @@ int main(int argc, char** argv) {
   bool artifactRequested = false, deploymentClosed = false, quit = false;
   tamrel::testing::DdiTestServer::Options options;
   options.port = settings.port;
+  options.https = settings.https;
   options.onRequest = [&](tamrel::testing::RecordedRequest const& request) {
     std::lock_guard<std::mutex> guard(lock);
     std::string const range = request.header("Range");
