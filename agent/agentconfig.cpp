@@ -88,7 +88,7 @@ std::string AgentConfig::keysHelp() {
          "  KEY-file = PATH                     any of the four above read from a file\n"
          "                                      (one line; one line ending is removed)\n"
          "  download-dir                        where artifacts are stored (required)\n"
-         "  state-dir                           pending-reboot record [download-dir]\n"
+         "  state-dir                           where the pending-reboot record is kept\n"
          "  install-command                     sh -c command, the files as $1, $2, ...\n"
          "  reboot-exit-code                    install exit status meaning reboot needed\n"
          "  reboot-command, confirm-command     run for and after that reboot\n"
@@ -99,7 +99,8 @@ std::string AgentConfig::keysHelp() {
          "  poll-timeout-s [60]                 deadline of one poll\n"
          "  feedback-timeout-s [60]             deadline of one POST/PUT; past it: exit 4\n"
          "  max-document-mib [64]               memory one poll answer may take\n"
-         "  poll-interval-s [300]               when the server names no usable interval\n"
+         "  poll-interval-s [300]               after a failed poll, or when the server\n"
+         "                                      names no interval the agent can read\n"
          "  max-poll-interval-s [86400]         longest wait between polls\n";
 }
 
