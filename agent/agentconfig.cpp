@@ -2,6 +2,7 @@
 
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <set>
 
 namespace {
@@ -13,29 +14,109 @@ std::string trim(std::string const& text) {
   return text.substr(first, last - first + 1);
 }
 
-bool parseCount(std::string const& text, int& value) {
+bool parseNumber(std::string const& text, long long& value) {
   if (text.empty() || text.size() > 9 ||
       text.find_first_not_of("0123456789") != std::string::npos) {
     return false;
   }
-  value = std::stoi(text);
+  value = std::stoll(text);
   return true;
 }
 
+// A value that ends up in a request line or header must be one line: a CR or
+// LF would let it add headers of its own.
+bool hasControl(std::string const& text) {
+  for (char c : text) {
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) return true;
+  }
+  return false;
+}
+
+// Whole-number keys: name, smallest and largest value, where it goes.
+struct NumberKey {
+  char const* name;
+  long long min, max;
+  void (*store)(AgentConfig&, long long);
+};
+
+NumberKey const kNumbers[] = {
+    {"download-retries", 0, 100, [](AgentConfig& c, long long v) { c.retries = int(v); }},
+    {"download-timeout-s", 0, 86400,
+     [](AgentConfig& c, long long v) { c.timeoutSeconds = int(v); }},
+    {"download-min-rate", 0, 999999999, [](AgentConfig& c, long long v) { c.downloadMinRate = v; }},
+    {"poll-timeout-s", 1, 86400,
+     [](AgentConfig& c, long long v) { c.pollTimeoutSeconds = int(v); }},
+    {"feedback-timeout-s", 1, 86400,
+     [](AgentConfig& c, long long v) { c.feedbackTimeoutSeconds = int(v); }},
+    {"max-document-mib", 1, 4096, [](AgentConfig& c, long long v) { c.maxDocumentMib = v; }},
+    {"poll-interval-s", 1, 31 * 86400,
+     [](AgentConfig& c, long long v) { c.pollIntervalSeconds = v; }},
+    {"max-poll-interval-s", 1, 31 * 86400,
+     [](AgentConfig& c, long long v) { c.maxPollIntervalSeconds = v; }},
+    {"reboot-exit-code", 1, 255, [](AgentConfig& c, long long v) { c.rebootExitCode = int(v); }},
+};
+
+std::string* textField(AgentConfig& config, std::string const& key) {
+  if (key == "download-dir") return &config.downloadDir;
+  if (key == "state-dir") return &config.stateDir;
+  if (key == "install-command") return &config.installCommand;
+  if (key == "reboot-command") return &config.rebootCommand;
+  if (key == "confirm-command") return &config.confirmCommand;
+  return nullptr;
+}
+
+std::size_t const kMaxAttribute = 128;  // hawkBit refuses longer keys and values
+
+// The server refuses paths with "//", and the library appends "/" to the
+// address; a query or fragment would end up inside every path.
+std::string normaliseAddress(std::string address, std::string& problem) {
+  if (address.find_first_of("?#") != std::string::npos) {
+    problem = "address must not carry a query or fragment";
+  } else if (address.rfind("http://", 0) != 0 && address.rfind("https://", 0) != 0) {
+    problem = "address must start with http:// or https://";
+  }
+  while (!address.empty() && address.back() == '/') address.pop_back();
+  return address;
+}
+
 }  // namespace
+
+std::string AgentConfig::keysHelp() {
+  return "configuration keys (key = value; # starts a comment after a blank):\n"
+         "  address, tenant-id, controller-id   the server and this device (required)\n"
+         "  token                               target security token, one line (required)\n"
+         "  KEY-file = PATH                     any of the four above read from a file\n"
+         "                                      (one line; one line ending is removed)\n"
+         "  download-dir                        where artifacts are stored (required)\n"
+         "  state-dir                           where the pending-reboot record is kept\n"
+         "  install-command                     sh -c command, the files as $1, $2, ...\n"
+         "  reboot-exit-code                    install exit status meaning reboot needed\n"
+         "  reboot-command, confirm-command     run for and after that reboot\n"
+         "  attribute.NAME = VALUE              sent as config data (<= 128 characters)\n"
+         "  download-retries [3]                further attempts per artifact\n"
+         "  download-timeout-s [60]             window in which download-min-rate must arrive\n"
+         "  download-min-rate [1024]            bytes/s; below it a download is cancelled\n"
+         "  poll-timeout-s [60]                 deadline of one poll\n"
+         "  feedback-timeout-s [60]             deadline of one POST/PUT; past it: exit 4\n"
+         "  max-document-mib [64]               memory one poll answer may take\n"
+         "  poll-interval-s [300]               after a failed poll, or when the server\n"
+         "                                      names no interval the agent can read\n"
+         "  max-poll-interval-s [86400]         longest wait between polls\n";
+}
 
 AgentConfig AgentConfig::fromFile(std::string const& path) {
   std::ifstream in(path);
   if (!in) throw ConfigError(path + ": cannot read the configuration file");
   static std::set<std::string> const settings = {"address", "tenant-id", "controller-id", "token"};
   AgentConfig config;
+  std::map<std::string, int> seen;  // key (a "-file" key under its base name) -> line
   std::string line;
   for (int number = 1; std::getline(in, line); ++number) {
     auto const fail = [&](std::string const& message) {
       throw ConfigError(path + ":" + std::to_string(number) + ": " + message);
     };
     // A comment starts a line or follows a blank; a '#' inside a value (a
-    // token, a URL fragment) is kept.
+    // token) is kept.
     std::string content = trim(line);
     if (content.empty() || content[0] == '#') continue;
     for (std::size_t hash = content.find('#'); hash != std::string::npos;
@@ -48,45 +129,73 @@ AgentConfig AgentConfig::fromFile(std::string const& path) {
     std::size_t const equals = content.find('=');
     if (equals == std::string::npos) fail("expected 'key = value'");
     std::string const key = trim(content.substr(0, equals));
-    std::string const value = trim(content.substr(equals + 1));
+    std::string value = trim(content.substr(equals + 1));
     if (key.empty()) fail("missing key before '='");
 
     std::string const base = key.size() > 5 && key.compare(key.size() - 5, 5, "-file") == 0
                                  ? key.substr(0, key.size() - 5)
                                  : std::string();
-    if (settings.count(key)) {
-      *(*config.properties)[key] = value;
-    } else if (settings.count(base)) {
-      std::ifstream file(value, std::ios::binary);
-      if (!file) fail("cannot read '" + value + "' for " + key);
-      std::string text((std::istreambuf_iterator<char>(file)), {});
-      if (!text.empty() && text.back() == '\n') text.pop_back();
-      *(*config.properties)[key] = link_t{value, text};
-    } else if (key == "download-retries" || key == "download-timeout-s") {
-      int count = 0;
-      if (!parseCount(value, count)) fail(key + " must be a whole number");
-      *(*config.properties)[key] = count;
-      (key == "download-retries" ? config.retries : config.timeoutSeconds) = count;
+    std::string const slot = settings.count(base) ? base : key;
+    auto const earlier = seen.find(slot);
+    if (earlier != seen.end()) {
+      fail("'" + key + "' repeats the setting of line " + std::to_string(earlier->second));
+    }
+    seen[slot] = number;
+
+    NumberKey const* numeric = nullptr;
+    for (auto const& candidate : kNumbers) {
+      if (key == candidate.name) numeric = &candidate;
+    }
+    if (settings.count(key) || settings.count(base)) {
+      std::string const filePath = value;
+      if (!base.empty()) {
+        std::ifstream file(filePath, std::ios::binary);
+        if (!file) fail("cannot read '" + filePath + "' for " + key);
+        value.assign(std::istreambuf_iterator<char>(file), {});
+        if (!value.empty() && value.back() == '\n') value.pop_back();
+        if (!value.empty() && value.back() == '\r') value.pop_back();
+        if (hasControl(value)) fail(filePath + " must hold one line without control characters");
+      } else if (hasControl(value)) {
+        fail(key + " must not contain control characters");
+      }
+      std::string const setting = base.empty() ? key : base;
+      if (setting == "address") {
+        std::string problem;
+        value = normaliseAddress(value, problem);
+        if (!problem.empty()) fail(problem);
+      }
+      if (base.empty()) {
+        *(*config.properties)[key] = value;
+      } else {
+        *(*config.properties)[key] = link_t{filePath, value};
+      }
+    } else if (numeric != nullptr) {
+      long long count = 0;
+      if (!parseNumber(value, count) || count < numeric->min || count > numeric->max) {
+        fail(key + " must be a whole number from " + std::to_string(numeric->min) + " to " +
+             std::to_string(numeric->max));
+      }
+      numeric->store(config, count);
+      // The library's table carries the download settings too.
+      if (key == "download-retries" || key == "download-timeout-s") {
+        *(*config.properties)[key] = static_cast<int>(count);
+      }
     } else if (key.rfind("attribute.", 0) == 0 && key.size() > 10) {
-      config.attributes.push_back({key.substr(10), value});
-    } else if (key == "download-dir") {
-      config.downloadDir = value;
-    } else if (key == "install-command") {
-      config.installCommand = value;
+      std::string const name = key.substr(10);
+      if (name.size() > kMaxAttribute || value.size() > kMaxAttribute) {
+        fail(key + ": attribute names and values are limited to 128 characters");
+      }
+      config.attributes.push_back({name, value});
+    } else if (std::string* field = textField(config, key)) {
+      *field = value;
     } else {
       fail("unknown key '" + key + "'");
     }
   }
   // The library reports missing server settings only when it polls; a
   // device that cannot poll should not start.
-  auto const isSet = [&config](std::string const& name) {
-    for (auto const& entry : *config.properties) {
-      if (entry.first == name && entry.second->valid()) return true;
-    }
-    return false;
-  };
   for (std::string const& name : settings) {
-    if (!isSet(name) && !isSet(name + "-file"))
+    if (!seen.count(name))
       throw ConfigError(path + ": neither " + name + " nor " + name + "-file is set");
   }
   if (config.downloadDir.empty()) throw ConfigError(path + ": download-dir is not set");

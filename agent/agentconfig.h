@@ -16,10 +16,14 @@ class ConfigError : public std::runtime_error {
 
 // The agent's settings, read from `key = value` lines with `#` comments.
 // Connection settings go into the property table shared with the library;
-// a "-file" key becomes a link whose text is the file's content.
+// a "-file" key becomes a link whose text is the file's content. A key given
+// twice, a server setting with control characters (or a second line in its
+// file) and an attribute over 128 characters are errors.
 class AgentConfig {
  public:
   static AgentConfig fromFile(std::string const& path);  // throws ConfigError
+  // Every key with its default, for --help.
+  static std::string keysHelp();
 
   std::shared_ptr<lookup> properties = std::make_shared<lookup>();
   std::vector<tamrel::value_pair_t> attributes;

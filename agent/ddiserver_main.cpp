@@ -30,7 +30,14 @@ char const kUsage[] =
     "    --drop-after BYTES    close the first artifact answer after BYTES bytes\n"
     "    --fail-first STATUS   answer the first artifact request with STATUS and an error page\n"
     "    --ignore-range        answer range requests with the whole file\n"
-    "    --slow MS             send artifacts in 64 KiB pieces, MS apart\n";
+    "    --https               serve over TLS with a self-signed certificate\n"
+    "    --slow MS             send artifacts in 64 KiB pieces, MS apart\n"
+    "    --fault WHERE=WHAT    WHERE: poll, config (the configData PUT), feedback (of\n"
+    "                          deployment 1) or artifact; WHAT:\n"
+    "                          stall (no answer), trickle (1 byte per 100 ms), overlong\n"
+    "                          (the body and 1 MiB more) or endless (the body, then\n"
+    "                          bytes without end), both without Content-Length,\n"
+    "                          or an HTTP status with an error document\n";
 
 std::string hex(unsigned char const* bytes, std::size_t n) {
   static char const digits[] = "0123456789abcdef";
@@ -61,14 +68,52 @@ std::string jsonString(std::string const& text) {
 
 struct Settings {
   int port = 0;
+  bool https = false;
   std::string token, artifactDir, sleep = "00:00:10", chunk = "firmware", corrupt;
-  std::map<std::string, std::string> names;  // file -> name offered to the device
-  tamrel::testing::Fault always, first;      // faults on every / the first artifact answer
+  std::map<std::string, std::string> names;       // file -> name offered to the device
+  tamrel::testing::Fault always, first;           // faults on every / the first artifact answer
+  tamrel::testing::Fault poll, config, feedback;  // --fault poll=, config=, feedback=
 };
+
+// --fault WHERE=WHAT into the settings; false when not understood.
+bool parseFault(std::string const& value, Settings& settings) {
+  std::size_t const equals = value.find('=');
+  if (equals == std::string::npos) return false;
+  std::string const where = value.substr(0, equals), what = value.substr(equals + 1);
+  tamrel::testing::Fault fault;
+  if (what == "stall") {
+    fault.answerDelayMs = 3600 * 1000;
+  } else if (what == "trickle") {
+    fault.chunkBytes = 1;
+    fault.delayMs = 100;
+  } else if (what == "overlong" || what == "endless") {
+    fault.trailingBytes = what == "endless" ? -1 : 1 << 20;
+  } else if (!what.empty() && what.find_first_not_of("0123456789") == std::string::npos) {
+    fault.status = std::stoi(what);
+  } else {
+    return false;
+  }
+  if (where == "poll") {
+    settings.poll = fault;
+  } else if (where == "config") {
+    settings.config = fault;
+  } else if (where == "feedback") {
+    settings.feedback = fault;
+  } else if (where == "artifact") {
+    settings.always = settings.first = fault;
+  } else {
+    return false;
+  }
+  return true;
+}
 
 bool parse(int argc, char** argv, Settings& settings) {
   for (int i = 1; i < argc; ++i) {
     std::string const arg = argv[i];
+    if (arg == "--https") {
+      settings.https = true;
+      continue;
+    }
     if (arg == "--ignore-range") {
       settings.always.ignoreRange = settings.first.ignoreRange = true;
       continue;
@@ -94,6 +139,8 @@ bool parse(int argc, char** argv, Settings& settings) {
         settings.first.dropAfterBytes = std::stoll(value);
       } else if (arg == "--fail-first") {
         settings.first.status = std::stoi(value);
+      } else if (arg == "--fault") {
+        if (!parseFault(value, settings)) return false;
       } else if (arg == "--slow") {
         settings.always.chunkBytes = settings.first.chunkBytes = 65536;
         settings.always.delayMs = settings.first.delayMs = std::stoi(value);
@@ -109,7 +156,7 @@ bool parse(int argc, char** argv, Settings& settings) {
 
 bool isFault(tamrel::testing::Fault const& fault) {
   return fault.status != 0 || fault.dropAfterBytes >= 0 || fault.ignoreRange ||
-         fault.chunkBytes > 0;
+         fault.chunkBytes > 0 || fault.answerDelayMs > 0 || fault.trailingBytes != 0;
 }
 
 }  // namespace
@@ -133,6 +180,7 @@ int main(int argc, char** argv) {
   bool artifactRequested = false, deploymentClosed = false, quit = false;
   tamrel::testing::DdiTestServer::Options options;
   options.port = settings.port;
+  options.https = settings.https;
   options.onRequest = [&](tamrel::testing::RecordedRequest const& request) {
     std::lock_guard<std::mutex> guard(lock);
     std::string const range = request.header("Range");
@@ -190,6 +238,13 @@ int main(int argc, char** argv) {
   }
   server.setControllerBase(tamrel::testing::controllerBaseJson(
       base, server.controllerPath(), settings.sleep, deployment ? "1" : "", "", true));
+  if (isFault(settings.poll)) server.setFault(server.controllerPath(), settings.poll);
+  if (isFault(settings.config)) {
+    server.setFault(server.controllerPath() + "/configData", settings.config);
+  }
+  if (isFault(settings.feedback)) {
+    server.setFault(server.controllerPath() + "/deploymentBase/1/feedback", settings.feedback);
+  }
   std::printf("DDI server on %s%s (tenant DEFAULT, controller dev01)\n", base.c_str(),
               server.controllerPath().c_str());
   std::fflush(stdout);

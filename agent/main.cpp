@@ -1,6 +1,6 @@
 // tamrel-agent: the reference host of libtamrelcore. Loads the plug-in,
-// binds its settings and runs the update loop; --demo runs a whole cycle
-// against an in-process DDI server.
+// binds its settings, checks the host and runs the update loop; --demo runs
+// a whole cycle against an in-process DDI server.
 #include <ftw.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -18,13 +18,40 @@
 #include <openssl/sha.h>
 
 #include "agent/agentconfig.h"
+#include "agent/console.h"
+#include "agent/exitcode.h"
 #include "agent/pluginloader.h"
+#include "agent/startupcheck.h"
 #include "agent/updateagent.h"
 #include "testserver/dditestserver.h"
 
 namespace {
 
-char const kUsage[] = "usage: tamrel-agent [--plugin PATH] (--config FILE [--once] | --demo)\n";
+#ifndef TAMREL_VERSION
+#define TAMREL_VERSION "unknown"
+#endif
+
+char const kUsage[] =
+    "usage: tamrel-agent [--plugin PATH] --config FILE [--once] [--download-only]\n"
+    "       tamrel-agent --demo | --help | --version\n";
+
+char const kHelp[] =
+    "Polls a hawkBit server (DDI API), downloads, verifies and installs what it deploys.\n"
+    "  --config FILE      the configuration (keys below)\n"
+    "  --plugin PATH      the libtamrelcore plug-in [beside the program, then ../lib]\n"
+    "  --once             poll once, handle what the server asks, exit with the status below\n"
+    "  --download-only    without install-command: download and verify, report \"downloaded\"\n"
+    "  --demo             a whole update against a built-in test server\n"
+    "  --help, --version\n\n";
+
+char const kExitCodes[] =
+    "\nexit status:\n"
+    "  0  nothing went wrong (also after SIGINT/SIGTERM)\n"
+    "  1  a deployment failed or was refused (--once)\n"
+    "  2  configuration error, or the host is not ready (directories, commands, plug-in)\n"
+    "  3  the server could not be reached, refused the token, or a poll timed out (--once)\n"
+    "  4  a POST/PUT to the server passed feedback-timeout-s\n"
+    "Without --once the agent keeps running through 1 and 3.\n";
 
 std::string hex(unsigned char const* bytes, std::size_t n) {
   static char const digits[] = "0123456789abcdef";
@@ -211,7 +238,7 @@ int main(int argc, char** argv) {
   sigset_t const signals = stopSignals();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   std::string pluginPath, configPath;
-  bool once = false, demo = false;
+  bool once = false, demo = false, downloadOnly = false;
   for (int i = 1; i < argc; ++i) {
     std::string const arg = argv[i];
     if (arg == "--plugin" && i + 1 < argc) {
@@ -220,21 +247,26 @@ int main(int argc, char** argv) {
       configPath = argv[++i];
     } else if (arg == "--once") {
       once = true;
+    } else if (arg == "--download-only") {
+      downloadOnly = true;
     } else if (arg == "--demo") {
       demo = true;
     } else if (arg == "--help" || arg == "-h") {
-      std::fputs(kUsage, stdout);
-      return 0;
+      std::printf("%s%s%s%s", kUsage, kHelp, AgentConfig::keysHelp().c_str(), kExitCodes);
+      return kExitOk;
+    } else if (arg == "--version") {
+      std::printf("tamrel-agent %s\n", TAMREL_VERSION);
+      return kExitOk;
     } else {
-      std::fputs(kUsage, stderr);
-      return 2;
+      std::fprintf(stderr, "tamrel-agent: unknown option '%s'\n%s", arg.c_str(), kUsage);
+      return kExitConfig;
     }
   }
   if (demo == !configPath.empty()) {
     std::fputs(kUsage, stderr);
-    return 2;
+    return kExitConfig;
   }
-  setvbuf(stdout, nullptr, _IOLBF, 0);
+  Console::install();
 
   // Declared before the configuration so that it is destroyed after it: the
   // library adds entries to the property table, and their code lives in the
@@ -246,29 +278,41 @@ int main(int argc, char** argv) {
       config = AgentConfig::fromFile(configPath);
     } catch (ConfigError const& error) {
       std::fprintf(stderr, "tamrel-agent: %s\n", error.what());
-      return 2;
+      return kExitConfig;
+    }
+    config.downloadOnly = downloadOnly;
+    std::string const problem = StartupCheck::run(config);
+    if (!problem.empty()) {
+      std::fprintf(stderr, "tamrel-agent: %s: %s\n", configPath.c_str(), problem.c_str());
+      return kExitConfig;
     }
   }
   plugin = std::make_unique<PluginLoader>(pluginPath);
   if (plugin->client() == nullptr) {
     std::fprintf(stderr, "tamrel-agent: %s\n", plugin->error().c_str());
-    return 1;
+    return kExitConfig;
   }
-  std::printf("plug-in %s (%s)\n", plugin->path().c_str(), plugin->client()->uuid().c_str());
+  std::printf("tamrel-agent %s, plug-in %s (%s)\n", TAMREL_VERSION, plugin->path().c_str(),
+              plugin->client()->uuid().c_str());
   if (demo) return runDemo(*plugin->client());
 
   UpdateAgent agent(*plugin->client(), config);
   agent.progress().captureStderr();
   SignalThread stopper(agent);
   if (!agent.connect()) {
-    std::fprintf(stderr, "tamrel-agent: %s: no token or token-file set\n", configPath.c_str());
-    return 2;
+    std::fprintf(stderr, "tamrel-agent: %s: the library refused the settings\n",
+                 configPath.c_str());
+    return kExitConfig;
   }
+  int status = kExitOk;
   while (!agent.stopping()) {
-    std::int64_t const sleep = agent.cycle().sleepSeconds;
-    if (once) break;
-    // The server's interval, at least 5 s; 30 s when it named none.
-    agent.sleep(sleep > 0 ? std::max<std::int64_t>(sleep, 5) : 30);
+    UpdateAgent::Cycle const cycle = agent.cycle();
+    if (once) {
+      status = cycle.status;
+      break;
+    }
+    // Failures (1, 3) are reported and the next poll tries again.
+    agent.sleep(cycle.sleepSeconds);
   }
-  return 0;
+  return agent.stopping() ? kExitOk : status;
 }

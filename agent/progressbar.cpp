@@ -6,6 +6,8 @@
 
 namespace {
 
+int clampPercent(long long value) { return value < 0 ? 0 : value > 100 ? 100 : int(value); }
+
 std::string mebibytes(double bytes) {
   char text[32];
   if (bytes < 1048576.0) {
@@ -81,7 +83,8 @@ void ProgressBar::start(std::string const& name, std::uint64_t size, std::uint64
   name_ = name;
   size_ = size;
   done_ = resumedAt_ = already;
-  percent_ = lastLine_ = size > 0 ? static_cast<int>(already * 100 / size) : 0;
+  // A resumed download starts at the share already on disk.
+  percent_ = lastLine_ = size > 0 ? clampPercent(static_cast<long long>(already * 100 / size)) : 0;
   started_ = drawn_ = std::chrono::steady_clock::now();
   live_ = true;
   if (terminal_) {
@@ -106,6 +109,8 @@ void ProgressBar::bytes(int count) {
 void ProgressBar::percent(int value) {
   std::lock_guard<std::mutex> guard(lock_);
   if (!live_) return;
+  // A body larger than announced would take the bar past its end.
+  value = clampPercent(value);
   percent_ = value;
   if (!terminal_ && value / 10 > lastLine_ / 10) {
     lastLine_ = value;

@@ -7,8 +7,10 @@
 #include <string>
 #include <thread>
 
-// Shows one artifact's download: a live bar (percent, bytes, rate, ETA) on a
-// terminal, otherwise one line per 10 %. Thread-safe.
+// Shows one artifact's download: a live bar (percent of the whole artifact,
+// bytes, rate, ETA) on a terminal, otherwise one line per 10 %. A resumed
+// download starts at the bytes already on disk; percentages are kept within
+// 0..100 whatever the server sends. Thread-safe.
 class ProgressBar {
  public:
   ProgressBar();
@@ -21,6 +23,7 @@ class ProgressBar {
   void captureStderr();
 
   void start(std::string const& name, std::uint64_t size, std::uint64_t already);
+  // Bytes received after start(); the ones already on disk were given there.
   void bytes(int count);
   void percent(int value);
   // Ends the bar's line; later calls until the next start() are ignored.

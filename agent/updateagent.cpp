@@ -1,5 +1,6 @@
 #include "agent/updateagent.h"
 
+#include "agent/console.h"
 #include "agent/exitcode.h"
 
 #include <signal.h>
@@ -7,19 +8,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <sstream>
 #include <thread>
 
 namespace {
-
-std::int64_t nowMs() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
 
 char const* outcomeText(download_errors_t outcome) {
   switch (outcome) {
@@ -60,12 +57,18 @@ bool makeDirectories(std::string const& path) {
 UpdateAgent::UpdateAgent(libtamrelcore& client, AgentConfig const& config)
     : client_(client), config_(config) {
   listen(client_.downloadStarted, [this](std::string, std::string) {
-    lastActivityMs_ = nowMs();
     transferring_ = true;
+    if (Watchdog* watchdog = watchdog_.load()) watchdog->started();
   });
   listen(client_.downloadBytes, [this](int n) {
-    lastActivityMs_ = nowMs();
-    bar_.bytes(n);
+    std::uint64_t const count = n > 0 ? static_cast<std::uint64_t>(n) : 0;
+    std::uint64_t const total = received_ += count;
+    if (Watchdog* watchdog = watchdog_.load()) watchdog->bytes(static_cast<std::int64_t>(count));
+    // Before the start the library reports the bytes already on disk, which
+    // the bar was started with.
+    if (transferring_) bar_.bytes(n);
+    // A body longer than the artifact would otherwise fill the disk.
+    if (total > expected_ && !oversize_.exchange(true)) client_.cancelTransfer();
   });
   listen(client_.downloadProgress, [this](std::string, std::string, int p) { bar_.percent(p); });
   listen(client_.downloadFinished, [this](std::string, std::string, download_errors_t,
@@ -94,13 +97,47 @@ void UpdateAgent::sleep(std::int64_t seconds) {
 
 UpdateAgent::Cycle UpdateAgent::cycle() {
   Cycle result;
+  result.sleepSeconds = config_.pollIntervalSeconds;
   hawkbit_query_t answer;
-  try {
-    answer = client_.queryOnlineStatus();
-  } catch (std::exception const& error) {
-    std::printf("poll: the server sent an unreadable polling interval (%s)\n", error.what());
+  std::string unreadable, libraryLog;
+  Watchdog::Limits limits;
+  limits.deadlineMs = config_.pollTimeoutSeconds * 1000LL;
+  limits.memoryBytes = config_.maxDocumentMib << 20;
+  Watchdog watchdog(
+      limits, [this] { return stopping(); },
+      [this](Watchdog::Verdict) { client_.cancelTransfer(); });
+  {
+    // The library's lines still show; they are kept to tell the operator why.
+    Console::Capture log(Console::Channel::kErr, true, 16384);
+    watchdog.run([&] {
+      try {
+        answer = client_.queryOnlineStatus();
+      } catch (std::exception const& error) {
+        unreadable = error.what();
+      }
+      return true;
+    });
+    libraryLog = log.text();
+  }
+  if (stopping()) return result;
+  bool const empty = answer.config.sleep == 0 && answer.deployment.url.empty() &&
+                     answer.cancel_action.url.empty() && answer.config_data.url.empty();
+  if (!unreadable.empty()) {
+    std::printf("poll: the server sent an unreadable polling interval (%s)\n", unreadable.c_str());
+    result.status = kExitUnreachable;
     return result;
   }
+  if (watchdog.verdict() != Watchdog::Verdict::kNone || empty) {
+    std::printf("poll: %s\n", pollFailure(watchdog.verdict(), libraryLog).c_str());
+    result.status = kExitUnreachable;
+    return result;
+  }
+  // 0 is what the library makes of an interval it cannot read ("PT36H").
+  std::int64_t const named = answer.config.sleep;
+  result.sleepSeconds = std::min<std::int64_t>(
+      named > 0 ? std::max<std::int64_t>(named, 5) : config_.pollIntervalSeconds,
+      config_.maxPollIntervalSeconds);
+
   if (!answer.config_data.url.empty()) {
     std::string const failure = post([&] { return client_.sendConfigData(config_.attributes); });
     std::printf("config data: %zu attributes %s\n", config_.attributes.size(),
@@ -108,21 +145,109 @@ UpdateAgent::Cycle UpdateAgent::cycle() {
   }
   auto const& cancel = answer.cancel_action;
   if (!cancel.url.empty() && !cancel.stop_id.empty()) {
-    bool const sent =
-        client_.sendCancelActionFeedback(cancel.url, cancel.id, "closed", "success",
-                                         "cancellation of action " + cancel.stop_id + " accepted");
-    std::printf("cancel request for action %s: feedback %s\n", cancel.stop_id.c_str(),
-                sent ? "sent" : "NOT sent");
+    std::string const failure = post([&] {
+      return client_.sendCancelActionFeedback(
+          cancel.url, cancel.id, "closed", "success",
+          "cancellation of action " + cancel.stop_id + " accepted");
+    });
+    std::printf("cancel request for action %s: %s\n", cancel.stop_id.c_str(),
+                failure.empty() ? "feedback sent" : failure.c_str());
   }
   if (!answer.deployment.url.empty() && !answer.deployment.chunks.empty() && !stopping()) {
-    if (!deploy(answer.deployment)) result.status = kExitDeploymentFailed;
+    if (!deploy(answer.deployment) && !stopping()) {
+      result.status = kExitDeploymentFailed;
+      // Directories made for a failed deployment go again when empty.
+      for (auto const& chunk : answer.deployment.chunks) {
+        if (safeName(chunk.name)) rmdir((config_.downloadDir + "/" + chunk.name).c_str());
+      }
+    }
   }
-  result.sleepSeconds = answer.config.sleep;
   return result;
 }
 
+std::string UpdateAgent::pollFailure(Watchdog::Verdict verdict,
+                                     std::string const& libraryLog) const {
+  if (verdict == Watchdog::Verdict::kDeadline) {
+    return "no complete answer within " + std::to_string(config_.pollTimeoutSeconds) +
+           " s (poll-timeout-s), cancelled";
+  }
+  if (verdict == Watchdog::Verdict::kTooLarge) {
+    return "the answer took more than " + std::to_string(config_.maxDocumentMib) +
+           " MiB (max-document-mib), cancelled";
+  }
+  if (libraryLog.find("Unauthorized?") != std::string::npos) {
+    return "the server refused the request (HTTP 401?); check token or token-file";
+  }
+  if (libraryLog.find("SSL") != std::string::npos ||
+      libraryLog.find("certificate") != std::string::npos) {
+    return "the TLS connection was refused; if the server's certificate comes from a private "
+           "CA, install that CA into the system store (update-ca-certificates)";
+  }
+  return "the server could not be reached or sent no usable answer";
+}
+
+namespace {
+
+// The "message" (else "errorCode") of a hawkBit error document, "" when the
+// text is not one. Control characters and escapes are shown as '?'.
+std::string errorMessage(std::string const& body) {
+  for (char const* key : {"\"message\"", "\"errorCode\""}) {
+    std::size_t at = body.find(key);
+    if (at == std::string::npos) continue;
+    at = body.find_first_not_of(" \t\r\n", at + std::strlen(key));
+    if (at == std::string::npos || body[at] != ':') continue;
+    at = body.find_first_not_of(" \t\r\n", at + 1);
+    if (at == std::string::npos || body[at] != '"') continue;
+    std::string text;
+    for (++at; at < body.size() && body[at] != '"' && text.size() < 200; ++at) {
+      char const c = body[at];
+      if (c == '\\') {
+        ++at;
+        text += at < body.size() && (body[at] == '"' || body[at] == '\\' || body[at] == '/')
+                    ? body[at]
+                    : '?';
+      } else {
+        text += static_cast<unsigned char>(c) < 0x20 ? '?' : c;
+      }
+    }
+    if (!text.empty()) return text;
+  }
+  return std::string();
+}
+
+}  // namespace
+
 std::string UpdateAgent::post(std::function<bool()> const& request) {
-  return request() ? std::string() : std::string("not sent");
+  // libcurl cannot interrupt a POST/PUT: past its deadline the agent ends
+  // and its supervisor starts it again; a stop gets a few seconds' grace.
+  Watchdog::Limits limits;
+  limits.deadlineMs = config_.feedbackTimeoutSeconds * 1000LL;
+  limits.stopGraceMs = 3000;
+  int const seconds = config_.feedbackTimeoutSeconds;
+  Watchdog watchdog(
+      limits, [this] { return stopping(); },
+      [seconds](Watchdog::Verdict verdict) {
+        if (verdict == Watchdog::Verdict::kDeadline) {
+          std::printf(
+              "server: no answer to a POST/PUT within %d s (feedback-timeout-s); exiting with "
+              "status %d\n",
+              seconds, kExitFeedbackDeadline);
+        } else {
+          std::printf("stopping: the server does not answer; the action stays open\n");
+        }
+        std::fflush(nullptr);
+        _exit(verdict == Watchdog::Verdict::kDeadline ? kExitFeedbackDeadline : kExitOk);
+      });
+  std::string answer;
+  bool sent = false;
+  {
+    Console::Capture capture(Console::Channel::kOut);
+    sent = watchdog.run(request);
+    answer = capture.text();
+  }
+  if (!sent) return "not sent";
+  std::string const message = errorMessage(answer);
+  return message.empty() ? std::string() : "refused by the server: " + message;
 }
 
 bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
@@ -192,33 +317,48 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
 }
 
 bool UpdateAgent::watched(bool transfer, std::function<bool()> const& work) {
-  std::mutex lock;
-  std::condition_variable wake;
-  bool done = false;
-  transferring_ = false;
-  std::thread watchdog([&] {
-    std::unique_lock<std::mutex> guard(lock);
-    while (!wake.wait_for(guard, std::chrono::milliseconds(50), [&] { return done; })) {
-      if (stopping()) {
+  Watchdog::Limits limits;
+  std::int64_t const window = transfer ? config_.timeoutSeconds : 0;
+  limits.windowMs = window * 1000;
+  limits.windowBytes = std::max<std::int64_t>(1, window * config_.downloadMinRate);
+  Watchdog watchdog(
+      limits, [this] { return stopping(); },
+      [this, transfer](Watchdog::Verdict) {
         transfer ? client_.cancelTransfer() : client_.cancelVerifyArtifact();
-      } else if (transfer && transferring_ && config_.timeoutSeconds > 0 &&
-                 nowMs() - lastActivityMs_ > config_.timeoutSeconds * 1000LL &&
-                 !stalled_.exchange(true)) {
-        client_.cancelTransfer();
-      }
-    }
-  });
-  bool const result = work();
-  {
-    std::lock_guard<std::mutex> guard(lock);
-    done = true;
+      });
+  transferring_ = false;
+  received_ = 0;
+  oversize_ = false;
+  watchdog_ = transfer ? &watchdog : nullptr;
+  bool const result = watchdog.run(work);
+  watchdog_ = nullptr;
+  if (watchdog.verdict() == Watchdog::Verdict::kTooSlow) {
+    stalled_ = true;
+    std::printf("  download: fewer than %lld bytes in %lld s (download-min-rate), cancelled\n",
+                static_cast<long long>(limits.windowBytes), static_cast<long long>(window));
   }
-  wake.notify_one();
-  watchdog.join();
+  if (transfer && oversize_) {
+    std::remove(artifactFile_.c_str());
+    std::printf("  %s: more bytes than the announced %llu, cancelled and removed\n",
+                artifactFile_.c_str(), static_cast<unsigned long long>(expected_));
+  }
   return result;
 }
 
 bool UpdateAgent::fetch(std::string const& label, artifact_t& artifact, std::string& detail) {
+  // The bounds of this download; a complete file left by an earlier run is
+  // kept when it verifies.
+  artifactFile_ = artifactPath(artifact);
+  expected_ = artifact.size;
+  if (artifact.size > 0 && fileSize(artifactFile_) == artifact.size) {
+    if (watched(false, [&] { return client_.verifyArtifact(artifact); })) {
+      std::printf("  %s: complete on disk and verified, not downloaded again\n",
+                  artifact.filename.c_str());
+      detail = artifact.filename + ": already on disk, verified";
+      return true;
+    }
+    if (!stopping()) std::remove(artifactFile_.c_str());
+  }
   if (!artifact.hashes.count("sha1") && !artifact.hashes.count("md5")) {
     detail = artifact.filename + ": refused, the server lists no SHA-1 or MD5 digest";
     return false;

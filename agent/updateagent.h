@@ -12,6 +12,7 @@
 
 #include "agent/agentconfig.h"
 #include "agent/progressbar.h"
+#include "agent/watchdog.h"
 #include "plugin/libtamrelcore.h"
 
 // The update loop of a device: poll, answer what the server asks for, fetch,
@@ -29,7 +30,9 @@ class UpdateAgent {
     std::int64_t sleepSeconds = 0;  // 0: the server named none
     int status = 0;
   };
-  // One poll and whatever it asks for.
+  // One poll under the poll deadline and memory bound, and whatever it asks
+  // for. sleepSeconds is the server's interval (poll-interval-s when it named
+  // none, capped by max-poll-interval-s), or poll-interval-s after a failure.
   Cycle cycle();
   // Waits up to `seconds`, returning early once stop() was called.
   void sleep(std::int64_t seconds);
@@ -54,8 +57,12 @@ class UpdateAgent {
   bool install(std::vector<std::string> const& files, std::string& detail);
   // Runs `work` with a watchdog beside it that passes a stop request on to
   // the library (which forgets a cancel that comes before the work begins)
-  // and, for a transfer, cancels it once no byte came for the timeout.
+  // and, for a transfer, cancels it once fewer than download-min-rate bytes/s
+  // came over download-timeout-s, or once it brought more bytes than the
+  // artifact's size (its file is then removed).
   bool watched(bool transfer, std::function<bool()> const& work);
+  // Why the last poll failed, with a hint for the operator.
+  std::string pollFailure(Watchdog::Verdict verdict, std::string const& libraryLog) const;
 
   // Connects a slot that lives as long as this agent (a weak connection: the
   // client outlives the agent).
@@ -70,11 +77,15 @@ class UpdateAgent {
   AgentConfig const& config_;
   ProgressBar bar_;
   std::atomic<bool> stop_{false};
-  // Set by the library's signals on the downloading thread, read by the
-  // watchdog.
+  // Set by the library's signals on the downloading thread.
   std::atomic<bool> transferring_{false};
-  std::atomic<bool> stalled_{false};
-  std::atomic<std::int64_t> lastActivityMs_{0};
+  std::atomic<bool> stalled_{false};        // the watchdog found the transfer too slow
+  std::atomic<bool> oversize_{false};       // more bytes than the artifact's size came
+  std::atomic<std::uint64_t> received_{0};  // this attempt's file size so far
+  std::atomic<Watchdog*> watchdog_{nullptr};
+  // The artifact fetch() works on: its file and announced size.
+  std::string artifactFile_;
+  std::uint64_t expected_ = 0;
   unsigned int lastStatus_ = 0;
   std::vector<std::shared_ptr<void>> slots_;
   std::mutex sleepLock_;

@@ -285,6 +285,7 @@ void DdiTestServer::handle(httplib::Request const& req, httplib::Response& res) 
     res.status = 401;
     return;
   }
+  if (hasFault && fault.answerDelayMs > 0) sleepUnlessStopping(fault.answerDelayMs);
   if (hasFault && !fault.redirectTo.empty()) {
     res.set_redirect(fault.redirectTo, 302);
     return;
@@ -353,6 +354,10 @@ void DdiTestServer::answerResource(httplib::Request const& req, httplib::Respons
 void DdiTestServer::sendBody(httplib::Response& res, std::shared_ptr<std::string const> data,
                              size_t offset, size_t length, std::string const& contentType,
                              Fault const* fault) {
+  if (fault && fault->trailingBytes != 0) {
+    sendOverlong(res, std::move(data), offset, length, contentType, *fault);
+    return;
+  }
   if (length == 0) {
     res.set_content("", contentType);
     return;
@@ -374,6 +379,29 @@ void DdiTestServer::sendBody(httplib::Response& res, std::shared_ptr<std::string
                              size_t const n = std::min({left, limit - sent, piece});
                              return sink.write(data->data() + offset + sent, n);
                            });
+}
+
+void DdiTestServer::sendOverlong(httplib::Response& res, std::shared_ptr<std::string const> data,
+                                 size_t offset, size_t length, std::string const& contentType,
+                                 Fault const& fault) {
+  size_t const piece = fault.chunkBytes > 0 ? static_cast<size_t>(fault.chunkBytes) : 65536;
+  long long const total =
+      fault.trailingBytes < 0 ? -1 : static_cast<long long>(length) + fault.trailingBytes;
+  int const delayMs = fault.delayMs;
+  auto const filler = std::make_shared<std::string const>(piece, 'x');
+  res.set_chunked_content_provider(contentType, [this, data, offset, length, piece, total, delayMs,
+                                                 filler](size_t sent, httplib::DataSink& sink) {
+    if (total >= 0 && static_cast<long long>(sent) >= total) {
+      sink.done();
+      return true;
+    }
+    if (delayMs > 0) sleepUnlessStopping(delayMs);
+    if (stopping_) return false;
+    size_t n = piece;
+    if (total >= 0) n = std::min<size_t>(n, static_cast<size_t>(total) - sent);
+    if (sent < length) return sink.write(data->data() + offset + sent, std::min(n, length - sent));
+    return sink.write(filler->data(), n);
+  });
 }
 
 void DdiTestServer::sleepUnlessStopping(int ms) const {

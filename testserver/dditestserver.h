@@ -50,6 +50,10 @@ struct Fault {
   int delayMs = 0;           // ...sleeping this long before each piece
   std::string redirectTo;    // answer 302 with this Location (path or full URL)
   bool ignoreRange = false;  // answer a Range request with 200 and the whole body
+  int answerDelayMs = 0;     // wait this long before answering at all (any method)
+  // After the body this many more bytes, -1: endlessly; the answer then goes
+  // without Content-Length (chunked).
+  long long trailingBytes = 0;
 };
 
 class DdiTestServer {
@@ -116,6 +120,8 @@ class DdiTestServer {
                       Fault const* fault);
   void sendBody(httplib::Response& res, std::shared_ptr<std::string const> data, size_t offset,
                 size_t length, std::string const& contentType, Fault const* fault);
+  void sendOverlong(httplib::Response& res, std::shared_ptr<std::string const> data, size_t offset,
+                    size_t length, std::string const& contentType, Fault const& fault);
   void sleepUnlessStopping(int ms) const;
   void endIdleConnections() const;
 

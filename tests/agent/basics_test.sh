@@ -6,6 +6,11 @@
 # usage: basics_test.sh BUILD_DIR   (KEEP=1 keeps the work directory)
 set -uo pipefail
 . "$(dirname "$0")/lib.sh"
+# The agent refuses to run without an install command; this one accepts all.
+run_agent() {
+  printf '%s\n' 'install-command = true' "$@" >> "$conf"
+  "$agent" --once --config "$conf" > "$work/agent$n.log" 2>&1
+}
 mkdir -p "$work/art"
 head -c 640000 /dev/urandom > "$work/art/image.bin"
 same() { cmp -s "$work/art/image.bin" "$dl/firmware/image.bin"; }
@@ -47,7 +52,7 @@ chunk_refused() { grep -q 'refused: unsafe chunk name' "$log" && [ -z "$(find "$
 check "unsafe chunk name: refused, nothing written" chunk_refused
 
 serve --slow 200
-printf 'download-retries = 3\n' >> "$conf"
+printf 'download-retries = 3\ninstall-command = true\n' >> "$conf"
 "$agent" --config "$conf" > "$work/agent-int.log" 2>&1 &
 agent_pid=$!
 wait_for 'GET /artifacts' "$log" && sleep 0.5
@@ -59,7 +64,7 @@ check "interrupt: clean exit 0 within 3 s" test $code -eq 0 -a $(($(date +%s) - 
 left_open() { grep -q 'interrupted on the device' "$log" && [ -z "$(closing)" ] && [ -s "$dl/firmware/image.bin" ]; }
 check "interrupt: deployment left open, partial file kept" left_open
 
-printf 'address = x\n\nthis line is wrong\n' > "$work/bad.conf"
+printf 'address = http://x\n\nthis line is wrong\n' > "$work/bad.conf"
 "$agent" --once --config "$work/bad.conf" > "$work/bad.log" 2>&1
 check "config error: exit 2" test $? -eq 2
 check "config error: names file and line" grep -q "bad.conf:3: expected 'key = value'" "$work/bad.log"

@@ -1,0 +1,79 @@
+#include "agent/startupcheck.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <sstream>
+
+namespace {
+
+bool executable(std::string const& path) {
+  struct stat info {};
+  return stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) && access(path.c_str(), X_OK) == 0;
+}
+
+}  // namespace
+
+std::string StartupCheck::program(std::string const& commandLine) {
+  std::istringstream words(commandLine);
+  std::string first;
+  words >> first;
+  if (first.empty()) return std::string();
+  if (first.find('/') != std::string::npos) return executable(first) ? first : std::string();
+  char const* path = std::getenv("PATH");
+  std::istringstream dirs(path != nullptr ? path : "/usr/bin:/bin");
+  for (std::string dir; std::getline(dirs, dir, ':');) {
+    std::string const candidate = (dir.empty() ? "." : dir) + "/" + first;
+    if (executable(candidate)) return candidate;
+  }
+  return std::string();
+}
+
+std::string StartupCheck::directory(char const* key, std::string const& path) {
+  for (std::size_t slash = path.find('/', 1);; slash = path.find('/', slash + 1)) {
+    std::string const part = path.substr(0, slash);
+    if (!part.empty() && mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) {
+      return std::string(key) + " " + path + ": cannot create " + part + ": " +
+             std::strerror(errno);
+    }
+    if (slash == std::string::npos) break;
+  }
+  struct stat info {};
+  if (stat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
+    return std::string(key) + " " + path + " is not a directory";
+  }
+  // A file made and removed again: access() would pass for root on a
+  // read-only file system.
+  std::string probe = path + "/.tamrel-probe-XXXXXX";
+  int const fd = mkstemp(&probe[0]);
+  if (fd < 0) return std::string(key) + " " + path + " is not writable: " + std::strerror(errno);
+  close(fd);
+  unlink(probe.c_str());
+  return std::string();
+}
+
+std::string StartupCheck::run(AgentConfig const& config) {
+  std::string problem = directory("download-dir", config.downloadDir);
+  if (problem.empty() && !config.stateDir.empty())
+    problem = directory("state-dir", config.stateDir);
+  if (!problem.empty()) return problem;
+  if (config.installCommand.empty() && !config.downloadOnly && !config.demo) {
+    return "install-command is not set; start with --download-only to download and verify "
+           "without installing";
+  }
+  struct {
+    char const* key;
+    std::string const& command;
+  } const commands[] = {{"install-command", config.installCommand},
+                        {"reboot-command", config.rebootCommand},
+                        {"confirm-command", config.confirmCommand}};
+  for (auto const& entry : commands) {
+    if (!entry.command.empty() && program(entry.command).empty()) {
+      return std::string(entry.key) + ": no executable program for '" + entry.command + "'";
+    }
+  }
+  return std::string();
+}

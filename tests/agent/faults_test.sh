@@ -1,0 +1,184 @@
+#!/usr/bin/env bash
+# The agent against a hostile or broken server and a wrong configuration:
+# poll and feedback deadlines, slow and overlong downloads, memory bound,
+# tokens, a complete file kept across a restart, exit statuses, start-up
+# checks and the polling interval in loop mode.
+# usage: faults_test.sh BUILD_DIR   (KEEP=1 keeps the work directory)
+set -uo pipefail
+. "$(dirname "$0")/lib.sh"
+mkdir -p "$work/art"
+head -c 640000 /dev/urandom > "$work/art/image.bin"
+alog() { echo "$work/agent$n.log"; }
+# Runs the agent once with extra settings ("key=value"; one that serve wrote
+# is replaced), then options after "--"; sets $code and $took (seconds).
+once() {
+  local opts=() given; given=$(sed 's/ *=.*//' "$conf")
+  while [ $# -gt 0 ] && [ "$1" != -- ]; do
+    if grep -qx -- "${1%%[ =]*}" <<<"$given"; then sed -i "s|^${1%%[ =]*} *=.*|$1|" "$conf"
+    else printf '%s\n' "$1" >> "$conf"; fi
+    shift
+  done
+  [ $# -gt 0 ] && shift && opts=("$@")
+  local start; start=$(date +%s)
+  "$agent" --once "${opts[@]}" --config "$conf" > "$(alog)" 2>&1
+  code=$?; took=$(($(date +%s) - start))
+}
+expect() {  # what, exit status, longest run in s, pattern in the agent's log
+  check "$1: exit $2" test "$code" -eq "$2"
+  check "$1: within $3 s" test "$took" -le "$3"
+  [ -z "$4" ] || check "$1: says '$4'" grep -q -- "$4" "$(alog)"
+}
+ok='install-command = true'
+
+# Poll faults: the deadline or the memory bound ends the poll, status 3.
+while IFS='|' read -r what fault settings longest pattern; do
+  serve $fault
+  port=$(sed -n 's|^DDI server on https://[0-9.]*:\([0-9]*\).*|\1|p' "$log")
+  once "$ok" ${settings/:0/:$port}
+  expect "$what" 3 "$longest" "$pattern"
+done <<'EOF'
+poll never answered|--fault poll=stall|poll-timeout-s=2|8|no complete answer within 2 s
+poll trickled|--fault poll=trickle|poll-timeout-s=2|8|no complete answer within 2 s
+endless poll answer|--fault poll=endless|max-document-mib=8|20|more than 8 MiB
+token refused|--token other|poll-timeout-s=5|8|check token or token-file
+TLS certificate not trusted|--https|address=https://127.0.0.1:0|8|install that CA
+EOF
+serve
+sed -i 's|^address = .*|address = http://127.0.0.1:1|' "$conf"
+once "$ok"
+expect "server unreachable" 3 8 "could not be reached"
+
+# Downloads: a trickle falls below the minimum rate; an endless body stops
+# at the artifact's size and leaves nothing behind, even on a full disk.
+serve --fault artifact=trickle
+once "$ok" 'download-timeout-s = 1' 'download-retries = 0'
+expect "artifact trickled" 1 10 "fewer than 1024 bytes in 1 s"
+check "artifact trickled: failure reported" closed_with failure
+serve --fault artifact=overlong
+once "$ok" 'download-retries = 1'
+expect "overlong artifact" 1 20 "more bytes than the announced 640000"
+check "overlong artifact: nothing left" test -z "$(find "$dl" -mindepth 1)"
+serve --fault artifact=endless
+printf '%s\n' "$ok" >> "$conf"; mkdir -p "$dl"
+if unshare -m true 2>/dev/null; then
+  start=$(date +%s)
+  unshare -m sh -c 'mount -t tmpfs -o size=2m tmpfs "$1" && "$2" --once --config "$3" > "$4" 2>&1
+    code=$?; find "$1" -mindepth 1 > "$5"; exit $code' _ "$dl" "$agent" "$conf" "$(alog)" "$work/left"
+  code=$?; took=$(($(date +%s) - start))
+  expect "endless artifact on a 2 MiB disk" 1 20 "more bytes than the announced"
+  check "endless artifact on a 2 MiB disk: nothing left" test ! -s "$work/left"
+else
+  echo "skipped: endless artifact on a small disk (no private mount namespace here)"
+fi
+
+# On a terminal the bar of a resumed download counts the bytes on disk once.
+serve --drop-after 50000
+printf '%s\n' "$ok" >> "$conf"
+script -qec "'$agent' --once --config '$conf'" /dev/null > "$(alog)" 2>&1
+check "resumed download: the bar ends at the artifact's size" \
+  bash -c "tr '\r' '\n' < '$(alog)' | grep -a 'image.bin ' | tail -1 | grep -q '100 %  *625 KiB'"
+
+# POST/PUT (here the config data): never answered -> status 4 at the
+# deadline; SIGTERM ends a stuck one within 5 s and leaves the action open;
+# an error document is reported, the server's text kept out of the output.
+serve --fault config=stall
+once "$ok" 'feedback-timeout-s = 2'
+expect "PUT never answered" 4 8 "exiting with status 4"
+# SIGTERM ends the agent within 5 s whatever it waits for, status 0.
+while IFS='|' read -r what fault event says; do
+  serve --fault $fault
+  printf '%s\n' "$ok" >> "$conf"
+  "$agent" --config "$conf" > "$(alog)" 2>&1 &
+  pid=$!
+  wait_for "$event" "$log"
+  start=$(date +%s); kill -TERM $pid; wait $pid
+  code=$?; took=$(($(date +%s) - start))
+  expect "$what" 0 5 "$says"
+done <<'EOF'
+SIGTERM during a stalled poll|poll=stall|GET /DEFAULT/controller/v1/dev01|
+SIGTERM during a trickled download|artifact=trickle|GET /artifacts|
+SIGTERM during a stuck PUT|config=stall|PUT .*/configData|the action stays open
+EOF
+check "SIGTERM during a stuck PUT: action not closed" test -z "$(closing)"
+serve --fault config=410
+once "$ok"
+expect "PUT refused" 0 10 "refused by the server: Injected status 410"
+check "PUT refused: server text not printed" bash -c "! grep -q exceptionClass '$(alog)'"
+
+# Tokens: one line ending is removed; a second line or a control character
+# is a configuration error.
+while IFS='|' read -r what content status; do
+  serve
+  sed -i '/^token = /d' "$conf"
+  printf "$content" > "$work/token$n"
+  once "$ok" "token-file = $work/token$n"
+  expect "$what" "$status" 10 ""
+done <<'EOF'
+token file with LF|t0k#1\n|0
+token file with CRLF|t0k#1\r\n|0
+token file with a second line|t0k#1\nX-Injected: 1\n|2
+token file with a tab|t0k\t#1|2
+EOF
+check "token file with a second line: says why" grep -q 'must hold one line' "$work/agent$((n - 1)).log"
+
+# A complete file left by an earlier run is verified and kept; a damaged
+# one of the same size is fetched again.
+for damaged in no yes; do
+  serve
+  mkdir -p "$dl/firmware"; cp "$work/art/image.bin" "$dl/firmware/"
+  [ $damaged = yes ] && printf 'X' | dd of="$dl/firmware/image.bin" conv=notrunc 2>/dev/null
+  once "$ok"
+  fetched=$(grep -c 'GET /artifacts' "$log")
+  check "complete file on disk (damaged: $damaged): success" closed_with success
+  check "complete file on disk (damaged: $damaged): fetched $fetched time(s)" \
+    test "$fetched" -eq "$([ $damaged = yes ] && echo 1 || echo 0)"
+done
+
+# Start-up checks and configuration errors: status 2 with the reason.
+touch "$work/plain-file"
+while IFS='|' read -r what settings options pattern; do
+  serve
+  once $settings -- $options
+  expect "$what" 2 10 "$pattern"
+done <<EOF
+no install command|download-retries=1||install-command is not set
+install command missing|install-command=/nonexistent/x||no executable program
+download dir under a file|install-command=true download-dir=/dev/null/x||cannot create /dev/null
+key given twice|install-command=true install-command=true||conf:[0-9]*: 'install-command' repeats the setting of line [0-9]
+address with a query|install-command=true address=http://h/?x=1||query or fragment
+token with a control character|install-command=true token=t$(printf '\001')k||control characters
+attribute over 128 characters|install-command=true attribute.a=$(printf %0129d 0)||limited to 128
+EOF
+serve
+sed -i 's|^\(address = .*\)$|\1//|' "$conf"
+once -- --download-only
+expect "download only, address with trailing slashes" 0 10 ""
+check "address with trailing slashes: no '//' in paths" bash -c "! grep -q '^[A-Z]* //' '$log'"
+check "download only: deployment closed" test -n "$(closing)"
+"$agent" --help > "$work/help" 2>&1
+check "--help: exit 0, every key and status" bash -c "grep -q max-poll-interval-s '$work/help' &&
+  grep -q 'feedback-timeout-s' '$work/help' && grep -q '^  4 ' '$work/help'"
+
+second_poll() {
+  for _ in $(seq 150); do
+    [ "$(grep -c 'controller/v1/dev01$' "$log")" -ge 2 ] && return 0; sleep 0.1
+  done; return 1
+}
+# Loop mode: an interval the library reads as 0, a capped one and a refused
+# token each lead to the next poll soon; SIGTERM then ends the agent, 0.
+while IFS='|' read -r what options settings; do
+  serve $options
+  printf '%s\n' "$ok" $settings >> "$conf"
+  "$agent" --config "$conf" > "$(alog)" 2>&1 &
+  pid=$!
+  check "$what: polled again" second_poll
+  kill -TERM $pid; wait $pid
+  check "$what: SIGTERM, exit 0" test $? -eq 0
+done <<'EOF'
+interval not understood|--sleep PT36H|poll-interval-s=1
+interval capped|--sleep 99:00:00|max-poll-interval-s=1
+token refused in loop mode|--token other|poll-interval-s=1
+EOF
+
+[ $fail -eq 0 ] && echo "agent fault tests: all passed"
+exit $fail
