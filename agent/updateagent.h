@@ -11,6 +11,8 @@
 #include <vector>
 
 #include "agent/agentconfig.h"
+#include "agent/deploymentplan.h"
+#include "agent/installstate.h"
 #include "agent/progressbar.h"
 #include "plugin/libtamrelcore.h"
 
@@ -21,8 +23,13 @@ class UpdateAgent {
  public:
   UpdateAgent(libtamrelcore& client, AgentConfig const& config);
 
-  // Binds the settings; false when the library refuses them.
+  // Binds the settings; false when the library refuses them. Then confirms
+  // an action left waiting for a reboot by an earlier run.
   bool connect();
+  // Runs confirm-command for the action recorded in state-dir, reports its
+  // result and clears the record once the server has it. False when the
+  // action was reported as failed.
+  bool confirmPending();
   // What one poll came to: the interval to sleep and the exit status
   // (ExitCode) it would give in --once mode.
   struct Cycle {
@@ -45,13 +52,25 @@ class UpdateAgent {
   using artifact_t = hawkbit_query_t::deployment_t::chunk_t::artifact_t;
 
   bool deploy(hawkbit_query_t::deployment_t deployment);
-  // Downloads with retries and a stall watchdog; `detail` says what happened.
-  bool fetch(std::string const& label, artifact_t& artifact, std::string& detail);
+  // Downloads with retries and a stall watchdog, then verifies (the
+  // library's digest, then SHA-256 when listed); a complete file already on
+  // disk that verifies is kept. `detail` says what happened.
+  bool fetch(std::string const& label, artifact_t& artifact, std::string const& sha256,
+             std::string& detail);
+  bool verify(artifact_t const& artifact, std::string const& sha256, std::string& detail);
+  // Closes the deployment and says so; false when it could not be sent.
+  void close(hawkbit_query_t::deployment_t& deployment, bool success);
+  // A download-only action: closed with "downloaded".
+  void closeDownloaded(hawkbit_query_t::deployment_t const& deployment);
+  // Records the action as waiting for a reboot, reports "proceeding" and
+  // runs reboot-command.
+  bool awaitReboot(hawkbit_query_t::deployment_t& deployment);
   // Runs one POST/PUT of the library under the feedback deadline, keeping
   // the server's answer out of the agent's output. "" when it was sent,
   // otherwise the reason ("refused by the server: <message>", "not sent").
   std::string post(std::function<bool()> const& request);
-  bool install(std::vector<std::string> const& files, std::string& detail);
+  enum class Installed { kDone, kReboot, kFailed };
+  Installed install(std::vector<std::string> const& files, std::vector<std::string>& details);
   // Runs `work` with a watchdog beside it that passes a stop request on to
   // the library (which forgets a cancel that comes before the work begins)
   // and, for a transfer, cancels it once no byte came for the timeout.
@@ -76,6 +95,12 @@ class UpdateAgent {
   std::atomic<bool> stalled_{false};
   std::atomic<std::int64_t> lastActivityMs_{0};
   unsigned int lastStatus_ = 0;
+  std::vector<tamrel::value_pair_t> attributes_;  // sent as configuration data
+  InstallState state_;
+  // An action downloaded and waiting for its maintenance window, and one
+  // installed and waiting for the reboot, in this run.
+  std::string waitingAction_;
+  std::string rebootAction_;
   std::vector<std::shared_ptr<void>> slots_;
   std::mutex sleepLock_;
   std::condition_variable wake_;

@@ -21,7 +21,7 @@ wait_for() {  # pattern, file: up to 10 s
   return 1
 }
 
-"$agent" --demo > "$work/demo.log" 2>&1
+"$build/tamrel-demo" > "$work/demo.log" 2>&1
 check "demo exits 0" test $? -eq 0
 check "demo: deployment and cancel closed/success" \
   grep -q 'deployment 1 closed/success, cancel request 2 closed/success' "$work/demo.log"

@@ -1,0 +1,71 @@
+#include "agent/installer.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <deque>
+
+std::string Installer::Result::describe() const {
+  if (!started) return "could not be started";
+  return exitCode >= 0 ? "exit " + std::to_string(exitCode) : "killed by a signal";
+}
+
+Installer::Result Installer::run(std::string const& command, std::vector<std::string> const& args) {
+  Result result;
+  std::vector<std::string> words = {"/bin/sh", "-c", command, "tamrel-install"};
+  words.insert(words.end(), args.begin(), args.end());
+  std::vector<char*> argv;
+  for (auto& word : words) argv.push_back(&word[0]);
+  argv.push_back(nullptr);
+
+  int pipeFds[2];
+  if (pipe2(pipeFds, O_CLOEXEC) != 0) return result;
+  std::fflush(stdout);
+  pid_t const child = fork();
+  if (child == 0) {
+    // The agent blocks its stop signals; the command gets them back.
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    dup2(pipeFds[1], STDERR_FILENO);
+    execv(argv[0], argv.data());
+    _exit(127);
+  }
+  close(pipeFds[1]);
+  if (child < 0) {
+    close(pipeFds[0]);
+    return result;
+  }
+  // Only the last lines are kept, each cut to a bounded length, so a
+  // chatty command cannot grow the agent's memory.
+  std::deque<std::string> tail(1);
+  char buffer[4096];
+  for (;;) {
+    ssize_t const n = read(pipeFds[0], buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    for (ssize_t i = 0; i < n; ++i) {
+      if (buffer[i] == '\n') {
+        tail.emplace_back();
+        if (tail.size() > kTailLines + 1) tail.pop_front();
+      } else if (tail.back().size() < kLineBytes) {
+        tail.back() += buffer[i] == '\r' || buffer[i] == '\t' ? ' ' : buffer[i];
+      }
+    }
+  }
+  close(pipeFds[0]);
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0) {
+    if (errno != EINTR) return result;
+  }
+  result.started = true;
+  result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  if (tail.back().empty()) tail.pop_back();
+  while (tail.size() > kTailLines) tail.pop_front();
+  result.stderrTail.assign(tail.begin(), tail.end());
+  return result;
+}

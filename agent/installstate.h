@@ -1,0 +1,36 @@
+#ifndef TAMREL_AGENT_INSTALLSTATE_H_
+#define TAMREL_AGENT_INSTALLSTATE_H_
+
+#include <string>
+#include <vector>
+
+// The record of an action installed and waiting for a reboot, kept as
+// `<state-dir>/pending` so that the next start can confirm it. Every change
+// is written to a temporary file, flushed, renamed over the record and the
+// directory flushed: a crash leaves either the old or the new record.
+class InstallState {
+ public:
+  struct Pending {
+    std::string actionId;
+    std::vector<std::string> chunks;  // chunk names, for the feedback's progress
+    // "" while waiting for the reboot; "success" or "failure" once the
+    // confirm command ran and its result is waiting to be reported.
+    std::string result;
+    std::vector<std::string> details;
+  };
+
+  explicit InstallState(std::string dir) : dir_(std::move(dir)) {}
+
+  bool enabled() const { return !dir_.empty(); }
+  // False when there is no record (or no state-dir); `error` says why a
+  // record exists but cannot be read.
+  bool load(Pending& pending, std::string& error) const;
+  bool save(Pending const& pending, std::string& error) const;
+  bool clear(std::string& error) const;
+
+ private:
+  std::string path() const { return dir_ + "/pending"; }
+  std::string dir_;
+};
+
+#endif  // TAMREL_AGENT_INSTALLSTATE_H_
