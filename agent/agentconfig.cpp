@@ -73,6 +73,15 @@ AgentConfig AgentConfig::fromFile(std::string const& path) {
       config.downloadDir = value;
     } else if (key == "install-command") {
       config.installCommand = value;
+    } else if (key == "state-dir") {
+      config.stateDir = value;
+    } else if (key == "reboot-command") {
+      config.rebootCommand = value;
+    } else if (key == "confirm-command") {
+      config.confirmCommand = value;
+    } else if (key == "reboot-exit-code") {
+      if (!parseCount(value, config.rebootExitCode) || config.rebootExitCode > 255)
+        fail(key + " must be an exit status from 0 to 255");
     } else {
       fail("unknown key '" + key + "'");
     }
