@@ -146,6 +146,11 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
     std::printf("deployment %s: installed, waiting for the reboot\n", deployment.id.c_str());
     return true;
   }
+  if (deployment.id == confirmedAction_) {
+    // The server may offer it once more before it has taken the result in.
+    std::printf("deployment %s: confirmed after the reboot already\n", deployment.id.c_str());
+    return true;
+  }
   InstallState::Pending pending;
   std::string error;
   if (state_.load(pending, error) && pending.actionId == deployment.id) return confirmPending();
@@ -341,6 +346,7 @@ bool UpdateAgent::confirmPending() {
   }
   deployment.chunks.front().details = pending.details;
   bool const success = pending.result == "success";
+  confirmedAction_ = pending.actionId;
   deployment.execution = execution_t::closed;
   deployment.finished = success ? finished_t::success : finished_t::failure;
   std::string const failure = post([&] { return client_.sendUpdateFeedback(deployment); });

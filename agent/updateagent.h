@@ -97,10 +97,11 @@ class UpdateAgent {
   unsigned int lastStatus_ = 0;
   std::vector<tamrel::value_pair_t> attributes_;  // sent as configuration data
   InstallState state_;
-  // An action downloaded and waiting for its maintenance window, and one
-  // installed and waiting for the reboot, in this run.
+  // In this run: an action downloaded and waiting for its maintenance
+  // window, one installed and waiting for the reboot, one confirmed.
   std::string waitingAction_;
   std::string rebootAction_;
+  std::string confirmedAction_;
   std::vector<std::shared_ptr<void>> slots_;
   std::mutex sleepLock_;
   std::condition_variable wake_;
