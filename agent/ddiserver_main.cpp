@@ -195,8 +195,7 @@ int main(int argc, char** argv) {
     std::fflush(stdout);
     artifactRequested |= request.path.rfind("/artifacts/", 0) == 0;
     bool const feedback = request.path.find(actionPath + "/feedback") != std::string::npos;
-    std::string const execution = testing::readFeedback(request.body).execution;
-    deploymentClosed |= feedback && (execution == "closed" || execution == "downloaded");
+    deploymentClosed |= feedback && testing::readFeedback(request.body).closesAction();
     bool const document = request.method == "GET" && request.path.size() >= actionPath.size() &&
                           request.path.compare(request.path.size() - actionPath.size(),
                                                actionPath.size(), actionPath) == 0;

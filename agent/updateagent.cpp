@@ -146,14 +146,16 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
     std::printf("deployment %s: installed, waiting for the reboot\n", deployment.id.c_str());
     return true;
   }
+  // A result not yet delivered is reported again (the confirm command does
+  // not run twice).
+  InstallState::Pending pending;
+  std::string error;
+  if (state_.load(pending, error) && pending.actionId == deployment.id) return confirmPending();
   if (deployment.id == confirmedAction_) {
     // The server may offer it once more before it has taken the result in.
     std::printf("deployment %s: confirmed after the reboot already\n", deployment.id.c_str());
     return true;
   }
-  InstallState::Pending pending;
-  std::string error;
-  if (state_.load(pending, error) && pending.actionId == deployment.id) return confirmPending();
 
   DeploymentPlan const plan = DeploymentPlan::read(deployment);
   if (plan.download() == DeploymentPlan::Handling::kSkip && plan.problems().empty()) {

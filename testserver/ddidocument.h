@@ -49,6 +49,8 @@ struct Feedback {
   bool valid = false;
   std::string execution, finished;
   std::vector<std::string> details;
+  // "closed", or "downloaded" for a download-only action, ends the action.
+  bool closesAction() const { return execution == "closed" || execution == "downloaded"; }
 };
 Feedback readFeedback(std::string const& body);
 

@@ -459,10 +459,7 @@ bool DdiTestServer::refuse(RecordedRequest const& record, httplib::Response& res
       closedActions_.end()) {
     return answer(410, "hawkbit.server.error.action.notActive", "Action is not active anymore");
   }
-  Feedback const feedback = readFeedback(record.body);
-  if (feedback.execution == "closed" || feedback.execution == "downloaded") {
-    closedActions_.push_back(record.path);
-  }
+  if (readFeedback(record.body).closesAction()) closedActions_.push_back(record.path);
   return false;
 }
 
