@@ -1,6 +1,7 @@
 #include "agent/installer.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -41,26 +42,40 @@ Installer::Result Installer::run(std::string const& command, std::vector<std::st
     return result;
   }
   // Only the last lines are kept, each cut to a bounded length, so a
-  // chatty command cannot grow the agent's memory.
+  // chatty command cannot grow the agent's memory. Reading ends when the
+  // command has exited and nothing more is waiting, even if something it
+  // started in the background still holds its standard error.
   std::deque<std::string> tail(1);
   char buffer[4096];
+  int status = 0;
+  bool exited = false;
   for (;;) {
-    ssize_t const n = read(pipeFds[0], buffer, sizeof buffer);
+    pollfd ready{pipeFds[0], POLLIN, 0};
+    int const events = poll(&ready, 1, exited ? 0 : 100);
+    if (events < 0 && errno == EINTR) continue;
+    ssize_t const n = events > 0 ? read(pipeFds[0], buffer, sizeof buffer) : 0;
     if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    for (ssize_t i = 0; i < n; ++i) {
-      if (buffer[i] == '\n') {
-        tail.emplace_back();
-        if (tail.size() > kTailLines + 1) tail.pop_front();
-      } else if (tail.back().size() < kLineBytes) {
-        tail.back() += buffer[i] == '\r' || buffer[i] == '\t' ? ' ' : buffer[i];
+    if (n > 0) {
+      for (ssize_t i = 0; i < n; ++i) {
+        if (buffer[i] == '\n') {
+          tail.emplace_back();
+          if (tail.size() > kTailLines + 1) tail.pop_front();
+        } else if (tail.back().size() < kLineBytes) {
+          tail.back() += buffer[i] == '\r' || buffer[i] == '\t' ? ' ' : buffer[i];
+        }
       }
+      continue;
     }
+    if (events > 0 || exited) break;  // end of the pipe, or drained after the exit
+    pid_t const done = waitpid(child, &status, WNOHANG);
+    if (done < 0 && errno != EINTR) break;
+    exited = done == child;
   }
   close(pipeFds[0]);
-  int status = 0;
-  while (waitpid(child, &status, 0) < 0) {
-    if (errno != EINTR) return result;
+  while (!exited) {
+    pid_t const done = waitpid(child, &status, 0);
+    if (done < 0 && errno != EINTR) return result;
+    exited = done == child;
   }
   result.started = true;
   result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;

@@ -1,5 +1,7 @@
 #include "agent/installstate.h"
 
+#include "agent/installer.h"
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -93,4 +95,35 @@ bool InstallState::clear(std::string& error) const {
   }
   syncPath(directoryOf(path()), O_RDONLY | O_DIRECTORY);
   return true;
+}
+
+bool InstallState::confirm(std::string const& confirmCommand, Pending& pending,
+                           std::string& error) const {
+  if (!load(pending, error)) return false;
+  if (!pending.result.empty()) return true;
+  if (confirmCommand.empty()) {
+    pending.result = "success";
+    pending.details.push_back("restarted after the reboot; no confirm-command configured");
+  } else {
+    Installer::Result const result = Installer::run(confirmCommand);
+    pending.result = result.exitCode == 0 ? "success" : "failure";
+    pending.details.push_back("confirm command: " + result.describe());
+    for (auto const& line : result.stderrTail) pending.details.push_back("confirm: " + line);
+  }
+  save(pending, error);
+  return true;
+}
+
+hawkbit_query_t::deployment_t InstallState::closingFeedback(Pending const& pending) {
+  hawkbit_query_t::deployment_t deployment;
+  deployment.id = pending.actionId;
+  for (auto const& name : pending.chunks) {
+    deployment.chunks.emplace_back();
+    deployment.chunks.back().name = name;
+    deployment.chunks.back().completed = true;
+  }
+  deployment.chunks.front().details = pending.details;
+  deployment.execution = execution_t::closed;
+  deployment.finished = pending.result == "success" ? finished_t::success : finished_t::failure;
+  return deployment;
 }

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "ddi/hawkbit_query.h"
+
 // The record of an action installed and waiting for a reboot, kept as
 // `<state-dir>/pending` so that the next start can confirm it. Every change
 // is written to a temporary file, flushed, renamed over the record and the
@@ -27,6 +29,14 @@ class InstallState {
   bool load(Pending& pending, std::string& error) const;
   bool save(Pending const& pending, std::string& error) const;
   bool clear(std::string& error) const;
+
+  // After the restart: loads the record and, unless a result is recorded
+  // already, runs `confirmCommand` (exit 0: success; none configured: the
+  // restart is success) and records its result before anything is
+  // reported, so the command runs once. False when there is no record.
+  bool confirm(std::string const& confirmCommand, Pending& pending, std::string& error) const;
+  // The closing feedback for a confirmed action.
+  static hawkbit_query_t::deployment_t closingFeedback(Pending const& pending);
 
  private:
   std::string path() const { return dir_ + "/pending"; }

@@ -321,36 +321,13 @@ bool UpdateAgent::awaitReboot(hawkbit_query_t::deployment_t& deployment) {
 bool UpdateAgent::confirmPending() {
   InstallState::Pending pending;
   std::string error;
-  if (!state_.load(pending, error)) {
+  if (!state_.confirm(config_.confirmCommand, pending, error)) {
     if (!error.empty()) std::printf("state: %s\n", error.c_str());
     return error.empty();
   }
-  if (pending.result.empty()) {
-    // The result is recorded before it is reported, so the confirm command
-    // runs once even when the agent stops before the server has it.
-    if (config_.confirmCommand.empty()) {
-      pending.result = "success";
-      pending.details.push_back("restarted after the reboot; no confirm-command configured");
-    } else {
-      Installer::Result const result = Installer::run(config_.confirmCommand);
-      pending.result = result.exitCode == 0 ? "success" : "failure";
-      pending.details.push_back("confirm command: " + result.describe());
-      for (auto const& line : result.stderrTail) pending.details.push_back("confirm: " + line);
-    }
-    if (!state_.save(pending, error)) std::printf("state: %s\n", error.c_str());
-  }
-  hawkbit_query_t::deployment_t deployment;
-  deployment.id = pending.actionId;
-  for (auto const& name : pending.chunks) {
-    deployment.chunks.emplace_back();
-    deployment.chunks.back().name = name;
-    deployment.chunks.back().completed = true;
-  }
-  deployment.chunks.front().details = pending.details;
-  bool const success = pending.result == "success";
+  if (!error.empty()) std::printf("state: %s\n", error.c_str());
+  hawkbit_query_t::deployment_t deployment = InstallState::closingFeedback(pending);
   confirmedAction_ = pending.actionId;
-  deployment.execution = execution_t::closed;
-  deployment.finished = success ? finished_t::success : finished_t::failure;
   std::string const failure = post([&] { return client_.sendUpdateFeedback(deployment); });
   std::printf("deployment %s: confirmed after the reboot: %s, feedback %s\n", deployment.id.c_str(),
               pending.result.c_str(), failure.empty() ? "sent" : failure.c_str());
@@ -359,7 +336,7 @@ bool UpdateAgent::confirmPending() {
   if (failure.empty() || failure.find("not active") != std::string::npos) {
     if (!state_.clear(error)) std::printf("state: %s\n", error.c_str());
   }
-  return success;
+  return deployment.finished == finished_t::success;
 }
 
 bool UpdateAgent::watched(bool transfer, std::function<bool()> const& work) {
@@ -486,8 +463,8 @@ UpdateAgent::Installed UpdateAgent::install(std::vector<std::string> const& file
                                             std::vector<std::string>& details) {
   Installer::Result const result = Installer::run(config_.installCommand, files);
   Installed const installed =
-      result.started && result.exitCode == 0 ? Installed::kDone
-      : result.started && config_.rebootExitCode >= 0 && result.exitCode == config_.rebootExitCode
+      result.exitCode == 0 ? Installed::kDone
+      : config_.rebootExitCode >= 0 && result.exitCode == config_.rebootExitCode
           ? Installed::kReboot
           : Installed::kFailed;
   details.push_back(

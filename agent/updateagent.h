@@ -58,7 +58,7 @@ class UpdateAgent {
   bool fetch(std::string const& label, artifact_t& artifact, std::string const& sha256,
              std::string& detail);
   bool verify(artifact_t const& artifact, std::string const& sha256, std::string& detail);
-  // Closes the deployment and says so; false when it could not be sent.
+  // Closes the deployment with success or failure and says so.
   void close(hawkbit_query_t::deployment_t& deployment, bool success);
   // A download-only action: closed with "downloaded".
   void closeDownloaded(hawkbit_query_t::deployment_t const& deployment);

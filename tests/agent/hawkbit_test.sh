@@ -12,7 +12,8 @@ mkdir -p "$work/art" "$work/two" "$work/state"
 head -c 300000 /dev/urandom > "$work/art/image.bin"
 head -c 1000 /dev/urandom > "$work/two/a.bin"; head -c 1000 /dev/urandom > "$work/two/b.bin"
 inst=$work/installed
-install='install-command = printf "%s\n" "$#" "$@" > '"$inst"'; echo "last words" >&2; exit 0'
+# A background child keeps the command's standard error open: not waited for.
+install='install-command = sleep 20 & printf "%s\n" "$#" "$@" > '"$inst"'; echo "last words" >&2; exit 0'
 details_have() { closing | grep -q -- "$1"; }
 no_feedback() { ! grep -q '^POST' "$log"; }
 fetched() { test "$(grep -c 'GET /artifacts' "$log")" -eq "$1"; }
