@@ -63,7 +63,11 @@ bool makeDirectories(std::string const& path) {
 }  // namespace
 
 UpdateAgent::UpdateAgent(libtamrelcore& client, AgentConfig const& config)
-    : client_(client), config_(config), attributes_(config.attributes), state_(config.stateDir) {
+    : client_(client),
+      config_(config),
+      attributes_(config.attributes),
+      reboot_(client, config,
+              [this](std::function<bool()> const& request) { return post(request); }) {
   // hawkBit refuses configuration data without attributes.
   if (attributes_.empty()) attributes_.push_back({"tamrel-agent.version", TAMREL_AGENT_VERSION});
   listen(client_.downloadStarted, [this](std::string, std::string) {
@@ -86,7 +90,7 @@ bool UpdateAgent::safeName(std::string const& name) {
 
 bool UpdateAgent::connect() {
   if (!client_.connectProperties(config_.properties)) return false;
-  confirmPending();
+  reboot_.confirm();
   return true;
 }
 
@@ -142,20 +146,8 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
     std::printf("deployment: refused, action id is not a decimal number; nothing sent\n");
     return false;
   }
-  if (deployment.id == rebootAction_) {
-    std::printf("deployment %s: installed, waiting for the reboot\n", deployment.id.c_str());
-    return true;
-  }
-  // A result not yet delivered is reported again (the confirm command does
-  // not run twice).
-  InstallState::Pending pending;
-  std::string error;
-  if (state_.load(pending, error) && pending.actionId == deployment.id) return confirmPending();
-  if (deployment.id == confirmedAction_) {
-    // The server may offer it once more before it has taken the result in.
-    std::printf("deployment %s: confirmed after the reboot already\n", deployment.id.c_str());
-    return true;
-  }
+  bool handled = true;
+  if (reboot_.handles(deployment.id, handled)) return handled;
 
   DeploymentPlan const plan = DeploymentPlan::read(deployment);
   if (plan.download() == DeploymentPlan::Handling::kSkip && plan.problems().empty()) {
@@ -259,7 +251,8 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
     success = result != Installed::kFailed;
     reboot = reboot || result == Installed::kReboot;
   }
-  if (success && reboot) return awaitReboot(deployment);
+  if (success && reboot && reboot_.begin(deployment)) return true;
+  success = success && !reboot;
   close(deployment, success);
   return success;
 }
@@ -286,57 +279,6 @@ void UpdateAgent::closeDownloaded(hawkbit_query_t::deployment_t const& deploymen
   });
   std::printf("deployment %s: downloaded, feedback %s\n", deployment.id.c_str(),
               failure.empty() ? "sent" : failure.c_str());
-}
-
-bool UpdateAgent::awaitReboot(hawkbit_query_t::deployment_t& deployment) {
-  InstallState::Pending pending;
-  pending.actionId = deployment.id;
-  for (auto const& chunk : deployment.chunks) pending.chunks.push_back(chunk.name);
-  std::string error;
-  if (!state_.enabled()) error = "no state-dir configured to confirm it after the reboot";
-  // Recorded before anything is reported: a crash from here on is confirmed
-  // at the next start.
-  if (!error.empty() || !state_.save(pending, error)) {
-    deployment.chunks.front().details.push_back("installed, needs a reboot, but " + error);
-    close(deployment, false);
-    return false;
-  }
-  rebootAction_ = deployment.id;
-  deployment.chunks.front().details.push_back("installed, rebooting to confirm");
-  deployment.execution = execution_t::proceeding;
-  deployment.finished = finished_t::none;
-  std::string const failure = post([&] { return client_.sendUpdateFeedback(deployment); });
-  std::printf("deployment %s: installed, needs a reboot, feedback %s\n", deployment.id.c_str(),
-              failure.empty() ? "sent" : failure.c_str());
-  if (config_.rebootCommand.empty()) {
-    std::printf("deployment %s: no reboot-command configured; confirmed after the next start\n",
-                deployment.id.c_str());
-  } else {
-    Installer::Result const result = Installer::run(config_.rebootCommand);
-    std::printf("reboot command: %s\n", result.describe().c_str());
-  }
-  return true;
-}
-
-bool UpdateAgent::confirmPending() {
-  InstallState::Pending pending;
-  std::string error;
-  if (!state_.confirm(config_.confirmCommand, pending, error)) {
-    if (!error.empty()) std::printf("state: %s\n", error.c_str());
-    return error.empty();
-  }
-  if (!error.empty()) std::printf("state: %s\n", error.c_str());
-  hawkbit_query_t::deployment_t deployment = InstallState::closingFeedback(pending);
-  confirmedAction_ = pending.actionId;
-  std::string const failure = post([&] { return client_.sendUpdateFeedback(deployment); });
-  std::printf("deployment %s: confirmed after the reboot: %s, feedback %s\n", deployment.id.c_str(),
-              pending.result.c_str(), failure.empty() ? "sent" : failure.c_str());
-  // Kept for the next start unless the server has the result, or answered
-  // that the action is closed already (it was reported before a crash).
-  if (failure.empty() || failure.find("not active") != std::string::npos) {
-    if (!state_.clear(error)) std::printf("state: %s\n", error.c_str());
-  }
-  return deployment.finished == finished_t::success;
 }
 
 bool UpdateAgent::watched(bool transfer, std::function<bool()> const& work) {

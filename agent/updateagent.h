@@ -12,8 +12,8 @@
 
 #include "agent/agentconfig.h"
 #include "agent/deploymentplan.h"
-#include "agent/installstate.h"
 #include "agent/progressbar.h"
+#include "agent/rebootconfirmation.h"
 #include "plugin/libtamrelcore.h"
 
 // The update loop of a device: poll, answer what the server asks for, fetch,
@@ -26,10 +26,6 @@ class UpdateAgent {
   // Binds the settings; false when the library refuses them. Then confirms
   // an action left waiting for a reboot by an earlier run.
   bool connect();
-  // Runs confirm-command for the action recorded in state-dir, reports its
-  // result and clears the record once the server has it. False when the
-  // action was reported as failed.
-  bool confirmPending();
   // What one poll came to: the interval to sleep and the exit status
   // (ExitCode) it would give in --once mode.
   struct Cycle {
@@ -62,9 +58,6 @@ class UpdateAgent {
   void close(hawkbit_query_t::deployment_t& deployment, bool success);
   // A download-only action: closed with "downloaded".
   void closeDownloaded(hawkbit_query_t::deployment_t const& deployment);
-  // Records the action as waiting for a reboot, reports "proceeding" and
-  // runs reboot-command.
-  bool awaitReboot(hawkbit_query_t::deployment_t& deployment);
   // Runs one POST/PUT of the library under the feedback deadline, keeping
   // the server's answer out of the agent's output. "" when it was sent,
   // otherwise the reason ("refused by the server: <message>", "not sent").
@@ -96,12 +89,9 @@ class UpdateAgent {
   std::atomic<std::int64_t> lastActivityMs_{0};
   unsigned int lastStatus_ = 0;
   std::vector<tamrel::value_pair_t> attributes_;  // sent as configuration data
-  InstallState state_;
-  // In this run: an action downloaded and waiting for its maintenance
-  // window, one installed and waiting for the reboot, one confirmed.
+  RebootConfirmation reboot_;
+  // An action downloaded in this run and waiting for its maintenance window.
   std::string waitingAction_;
-  std::string rebootAction_;
-  std::string confirmedAction_;
   std::vector<std::shared_ptr<void>> slots_;
   std::mutex sleepLock_;
   std::condition_variable wake_;
