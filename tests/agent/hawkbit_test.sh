@@ -101,8 +101,13 @@ address=$(sed -n 's/^address = //p' "$conf")
 status() { curl -s -o "$work/answer" -w '%{http_code}' -H 'Authorization: TargetToken t0k#1' "$@"; }
 check 'server: "//" in a path is 400' \
   test "$(status "$address//DEFAULT/controller/v1/dev01")" = 400
-check "server: configData without attributes is 400" \
-  test "$(status -X PUT -d '{"data":{}}' "$address/DEFAULT/controller/v1/dev01/configData")" = 400
+long=$(printf 'k%.0s' $(seq 129))
+for row in 'no attribute|{}' "a key over 128|{\"$long\":\"v\"}" "a value over 128|{\"k\":\"$long\"}"; do
+  check "server: configData with ${row%%|*} is 400" test "$(status -X PUT \
+    -d "{\"data\":${row#*|}}" "$address/DEFAULT/controller/v1/dev01/configData")" = 400
+done
+check "server: configData with one short attribute is 200" \
+  test "$(status -X PUT -d '{"data":{"k":"v"}}' "$address/DEFAULT/controller/v1/dev01/configData")" = 200
 check "server: feedback to a closed action is 410 with an error document" eval \
   'test "$(status -d "{}" "$address/DEFAULT/controller/v1/dev01/deploymentBase/1/feedback")" = 410 &&
    grep -q exceptionClass "$work/answer"'
