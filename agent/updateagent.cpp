@@ -179,39 +179,8 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
     return false;
   }
 
-  bool success = true;
   std::vector<std::vector<std::string>> files(deployment.chunks.size());
-  for (std::size_t c = 0; c < deployment.chunks.size(); ++c) {
-    auto& chunk = deployment.chunks[c];
-    if (!safeName(chunk.name)) {
-      chunk.details.push_back("refused: unsafe chunk name \"" + chunk.name + "\"");
-      success = false;
-      continue;
-    }
-    std::string const dir = config_.downloadDir + "/" + chunk.name;
-    if (!makeDirectories(dir)) {
-      chunk.details.push_back("cannot create " + dir);
-      success = false;
-      continue;
-    }
-    for (auto& artifact : chunk.artifacts) {
-      std::string detail;
-      if (!safeName(artifact.filename)) {
-        detail = "refused: unsafe artifact name \"" + artifact.filename + "\"";
-        success = false;
-      } else {
-        artifact.destination = dir;
-        artifact.subdirectory.clear();
-        if (fetch(chunk.name, artifact, plan.sha256(chunk.name, artifact.filename), detail)) {
-          files[c].push_back(artifactPath(artifact));
-        } else {
-          success = false;
-        }
-      }
-      chunk.details.push_back(detail);
-    }
-    if (stopping()) break;
-  }
+  bool success = download(deployment, plan, files);
   if (stopping()) {
     // Left open: the server offers the action again and the next run
     // resumes the partial files.
@@ -254,6 +223,43 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
   if (success && reboot && reboot_.begin(deployment)) return true;
   success = success && !reboot;
   close(deployment, success);
+  return success;
+}
+
+bool UpdateAgent::download(hawkbit_query_t::deployment_t& deployment, DeploymentPlan const& plan,
+                           std::vector<std::vector<std::string>>& files) {
+  bool success = true;
+  for (std::size_t c = 0; c < deployment.chunks.size(); ++c) {
+    auto& chunk = deployment.chunks[c];
+    if (!safeName(chunk.name)) {
+      chunk.details.push_back("refused: unsafe chunk name \"" + chunk.name + "\"");
+      success = false;
+      continue;
+    }
+    std::string const dir = config_.downloadDir + "/" + chunk.name;
+    if (!makeDirectories(dir)) {
+      chunk.details.push_back("cannot create " + dir);
+      success = false;
+      continue;
+    }
+    for (auto& artifact : chunk.artifacts) {
+      std::string detail;
+      if (!safeName(artifact.filename)) {
+        detail = "refused: unsafe artifact name \"" + artifact.filename + "\"";
+        success = false;
+      } else {
+        artifact.destination = dir;
+        artifact.subdirectory.clear();
+        if (fetch(chunk.name, artifact, plan.sha256(chunk.name, artifact.filename), detail)) {
+          files[c].push_back(artifactPath(artifact));
+        } else {
+          success = false;
+        }
+      }
+      chunk.details.push_back(detail);
+    }
+    if (stopping()) break;
+  }
   return success;
 }
 

@@ -48,6 +48,10 @@ class UpdateAgent {
   using artifact_t = hawkbit_query_t::deployment_t::chunk_t::artifact_t;
 
   bool deploy(hawkbit_query_t::deployment_t deployment);
+  // Downloads and verifies every chunk's artifacts into download-dir/<chunk>;
+  // `files` gets each chunk's paths. False when any artifact failed.
+  bool download(hawkbit_query_t::deployment_t& deployment, DeploymentPlan const& plan,
+                std::vector<std::vector<std::string>>& files);
   // Downloads with retries and a stall watchdog, then verifies (the
   // library's digest, then SHA-256 when listed); a complete file already on
   // disk that verifies is kept. `detail` says what happened.
