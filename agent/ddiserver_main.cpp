@@ -39,6 +39,7 @@ char const kUsage[] =
     "    --window-opens-at N   the window is \"available\" from the Nth deployment request on\n"
     "    --download-only       update \"skip\", no window: the device closes with \"downloaded\"\n"
     "    --tls-links           offer only \"download\" links, as a server set up for TLS only\n"
+    "    --both-links          offer \"download\" and \"download-http\" (its URL ends in ?http)\n"
     "    --upper-digests       digests in upper-case hex\n"
     "    --wrong-sha256 FILE   list a wrong SHA-256 digest for FILE\n"
     "    --empty-artifact      an artifact element without members first in the list\n"
@@ -54,7 +55,7 @@ struct Settings {
   std::string token, artifactDir, sleep = "00:00:10", chunk = "firmware", corrupt, action = "1";
   std::string download = "forced", update = "forced", window, wrongSha256;
   int windowOpensAt = 0;
-  bool tlsLinks = false, upperDigests = false, emptyArtifact = false;
+  bool tlsLinks = false, bothLinks = false, upperDigests = false, emptyArtifact = false;
   std::map<std::string, std::string> names;  // file -> name offered to the device
   testing::Fault always, first;              // faults on every / the first artifact answer
 };
@@ -63,6 +64,7 @@ bool parse(int argc, char** argv, Settings& settings) {
   for (int i = 1; i < argc; ++i) {
     std::string const arg = argv[i];
     bool* const flag = arg == "--tls-links"        ? &settings.tlsLinks
+                       : arg == "--both-links"     ? &settings.bothLinks
                        : arg == "--upper-digests"  ? &settings.upperDigests
                        : arg == "--empty-artifact" ? &settings.emptyArtifact
                                                    : nullptr;
@@ -252,8 +254,10 @@ int main(int argc, char** argv) {
         url = server.addFileArtifact(paths.back(), path);
       }
       if (isFault(settings.first)) server.setFault(paths.back(), settings.first);
-      artifact.links[settings.tlsLinks ? "download" : "download-http"] = url;
-      artifact.links[settings.tlsLinks ? "md5sum" : "md5sum-http"] = url + ".MD5SUM";
+      bool const tls = settings.tlsLinks || settings.bothLinks;
+      artifact.links[tls ? "download" : "download-http"] = url;
+      artifact.links[tls ? "md5sum" : "md5sum-http"] = url + ".MD5SUM";
+      if (settings.bothLinks) artifact.links["download-http"] = url + "?http";
       deployment.chunks.front().artifacts.push_back(artifact);
     }
   }

@@ -33,6 +33,7 @@ row 'install failure: exit status and stderr tail in the details' \
   'closed_with failure && details_have "(exit 3)" && details_have "install: last words"' \
   '' '"${install/exit 0/exit 3}"'
 row 'TLS-only server: the "download" link is used' 'closed_with success' --tls-links
+row 'both links: "download" preferred' 'closed_with success && ! grep -q "?http" "$log"' --both-links
 row 'upper-case digests accepted' 'closed_with success' --upper-digests
 row 'SHA-256 mismatch is a digest failure' \
   'closed_with failure && details_have "image.bin: digest mismatch (SHA-256)"' \
