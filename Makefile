@@ -59,7 +59,7 @@ fuzz-smoke: fuzz
 	scripts/fuzz-run.sh build-fuzz $(FUZZ_SECONDS)
 
 demo: build
-	./build/tamrel-agent --demo
+	./build/tamrel-demo
 
 format:
 	clang-format -i $$(git ls-files '*.cpp' '*.h')

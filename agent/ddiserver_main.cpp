@@ -1,13 +1,18 @@
-// tamrel-ddi-server: the in-process DDI test server as a program, for testing
-// a host without a hawkBit installation. Every file of --artifacts becomes an
-// artifact of one deployment; every request and its body is printed. Once
-// the deployment's closing feedback arrives it is no longer offered.
+// tamrel-ddi-server: the in-process DDI test server as a program, answering
+// like a current hawkBit server, for testing a host without a hawkBit
+// installation. Every file of --artifacts becomes an artifact of one
+// deployment, served from the file (sparse files of any size work); every
+// request and its body is printed. Once the deployment's closing feedback
+// arrives it is no longer offered.
 #include <dirent.h>
-#include <openssl/md5.h>
-#include <openssl/sha.h>
+#include <fcntl.h>
+#include <openssl/evp.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <condition_variable>
 #include <cstdio>
 #include <fstream>
@@ -18,13 +23,26 @@
 #include <thread>
 #include <vector>
 
+#include "testserver/ddidocument.h"
 #include "testserver/dditestserver.h"
 
 namespace {
 
+namespace testing = tamrel::testing;
+
 char const kUsage[] =
     "usage: tamrel-ddi-server [--port N] [--token T] [--artifacts DIR] [--sleep HH:MM:SS]\n"
-    "                         [--chunk NAME] [--name-as FILE=NAME]\n"
+    "                         [--chunk NAME] [--name-as FILE=NAME] [--action ID]\n"
+    "  the deployment:\n"
+    "    --handling D:U[:W]    download and update handling (skip, attempt, forced) and\n"
+    "                          maintenance window (available, unavailable)\n"
+    "    --window-opens-at N   the window is \"available\" from the Nth deployment request on\n"
+    "    --download-only       update \"skip\", no window: the device closes with \"downloaded\"\n"
+    "    --tls-links           offer only \"download\" links, as a server set up for TLS only\n"
+    "    --both-links          offer \"download\" and \"download-http\" (its URL ends in ?http)\n"
+    "    --upper-digests       digests in upper-case hex\n"
+    "    --wrong-sha256 FILE   list a wrong SHA-256 digest for FILE\n"
+    "    --empty-artifact      an artifact element without members first in the list\n"
     "  faults for testing a host:\n"
     "    --corrupt FILE        serve FILE with one byte flipped (digest mismatch)\n"
     "    --drop-after BYTES    close the first artifact answer after BYTES bytes\n"
@@ -39,40 +57,16 @@ char const kUsage[] =
     "                          bytes without end), both without Content-Length,\n"
     "                          or an HTTP status with an error document\n";
 
-std::string hex(unsigned char const* bytes, std::size_t n) {
-  static char const digits[] = "0123456789abcdef";
-  std::string text;
-  for (std::size_t i = 0; i < n; ++i) {
-    text += digits[bytes[i] >> 4];
-    text += digits[bytes[i] & 15];
-  }
-  return text;
-}
-
-std::string jsonString(std::string const& text) {
-  std::string out = "\"";
-  for (char c : text) {
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += c;
-    } else if (static_cast<unsigned char>(c) < 0x20) {
-      char escape[8];
-      std::snprintf(escape, sizeof escape, "\\u%04x", c);
-      out += escape;
-    } else {
-      out += c;
-    }
-  }
-  return out + "\"";
-}
-
 struct Settings {
   int port = 0;
+  std::string token, artifactDir, sleep = "00:00:10", chunk = "firmware", corrupt, action = "1";
+  std::string download = "forced", update = "forced", window, wrongSha256;
+  int windowOpensAt = 0;
+  bool tlsLinks = false, bothLinks = false, upperDigests = false, emptyArtifact = false;
+  std::map<std::string, std::string> names;  // file -> name offered to the device
+  testing::Fault always, first;              // faults on every / the first artifact answer
   bool https = false;
-  std::string token, artifactDir, sleep = "00:00:10", chunk = "firmware", corrupt;
-  std::map<std::string, std::string> names;       // file -> name offered to the device
-  tamrel::testing::Fault always, first;           // faults on every / the first artifact answer
-  tamrel::testing::Fault poll, config, feedback;  // --fault poll=, config=, feedback=
+  testing::Fault poll, config, feedback;  // --fault poll=, config=, feedback=
 };
 
 // --fault WHERE=WHAT into the settings; false when not understood.
@@ -80,7 +74,7 @@ bool parseFault(std::string const& value, Settings& settings) {
   std::size_t const equals = value.find('=');
   if (equals == std::string::npos) return false;
   std::string const where = value.substr(0, equals), what = value.substr(equals + 1);
-  tamrel::testing::Fault fault;
+  testing::Fault fault;
   if (what == "stall") {
     fault.answerDelayMs = 3600 * 1000;
   } else if (what == "trickle") {
@@ -110,12 +104,22 @@ bool parseFault(std::string const& value, Settings& settings) {
 bool parse(int argc, char** argv, Settings& settings) {
   for (int i = 1; i < argc; ++i) {
     std::string const arg = argv[i];
-    if (arg == "--https") {
-      settings.https = true;
+    bool* const flag = arg == "--https"            ? &settings.https
+                       : arg == "--tls-links"      ? &settings.tlsLinks
+                       : arg == "--both-links"     ? &settings.bothLinks
+                       : arg == "--upper-digests"  ? &settings.upperDigests
+                       : arg == "--empty-artifact" ? &settings.emptyArtifact
+                                                   : nullptr;
+    if (flag != nullptr) {
+      *flag = true;
       continue;
     }
     if (arg == "--ignore-range") {
       settings.always.ignoreRange = settings.first.ignoreRange = true;
+      continue;
+    }
+    if (arg == "--download-only") {
+      settings.update = "skip";
       continue;
     }
     if (i + 1 >= argc) return false;
@@ -131,8 +135,24 @@ bool parse(int argc, char** argv, Settings& settings) {
         settings.sleep = value;
       } else if (arg == "--chunk") {
         settings.chunk = value;
+      } else if (arg == "--action") {
+        settings.action = value;
       } else if (arg == "--name-as" && value.find('=') != std::string::npos) {
         settings.names[value.substr(0, value.find('='))] = value.substr(value.find('=') + 1);
+      } else if (arg == "--handling") {
+        std::size_t const colon = value.find(':');
+        if (colon == std::string::npos) return false;
+        settings.download = value.substr(0, colon);
+        settings.update = value.substr(colon + 1);
+        std::size_t const second = settings.update.find(':');
+        if (second != std::string::npos) {
+          settings.window = settings.update.substr(second + 1);
+          settings.update.resize(second);
+        }
+      } else if (arg == "--window-opens-at") {
+        settings.windowOpensAt = std::stoi(value);
+      } else if (arg == "--wrong-sha256") {
+        settings.wrongSha256 = value;
       } else if (arg == "--corrupt") {
         settings.corrupt = value;
       } else if (arg == "--drop-after") {
@@ -154,9 +174,37 @@ bool parse(int argc, char** argv, Settings& settings) {
   return true;
 }
 
-bool isFault(tamrel::testing::Fault const& fault) {
+bool isFault(testing::Fault const& fault) {
   return fault.status != 0 || fault.dropAfterBytes >= 0 || fault.ignoreRange ||
          fault.chunkBytes > 0 || fault.answerDelayMs > 0 || fault.trailingBytes != 0;
+}
+
+// SHA-1, MD5 and SHA-256 of a file in one streamed pass.
+bool digests(std::string const& path, std::map<std::string, std::string>& hashes) {
+  std::ifstream in(path, std::ios::binary);
+  std::pair<char const*, EVP_MD const*> const kinds[] = {
+      {"sha1", EVP_sha1()}, {"md5", EVP_md5()}, {"sha256", EVP_sha256()}};
+  std::vector<EVP_MD_CTX*> contexts;
+  for (auto const& kind : kinds) {
+    contexts.push_back(EVP_MD_CTX_new());
+    EVP_DigestInit_ex(contexts.back(), kind.second, nullptr);
+  }
+  std::vector<char> block(1 << 20);
+  while (in) {
+    in.read(block.data(), static_cast<std::streamsize>(block.size()));
+    for (EVP_MD_CTX* context : contexts) {
+      EVP_DigestUpdate(context, block.data(), static_cast<std::size_t>(in.gcount()));
+    }
+  }
+  bool const ok = in.eof();
+  for (std::size_t i = 0; i < contexts.size(); ++i) {
+    unsigned char value[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    EVP_DigestFinal_ex(contexts[i], value, &length);
+    EVP_MD_CTX_free(contexts[i]);
+    hashes[kinds[i].first] = testing::hex(value, length);
+  }
+  return ok;
 }
 
 }  // namespace
@@ -177,11 +225,14 @@ int main(int argc, char** argv) {
   // is acted on by the reactor thread below.
   std::mutex lock;
   std::condition_variable wake;
-  bool artifactRequested = false, deploymentClosed = false, quit = false;
-  tamrel::testing::DdiTestServer::Options options;
+  bool artifactRequested = false, deploymentClosed = false, openWindow = false, quit = false;
+  int deploymentRequests = 0;
+  std::string const actionPath = "/deploymentBase/" + settings.action;
+  testing::DdiTestServer::Options options;
   options.port = settings.port;
   options.https = settings.https;
-  options.onRequest = [&](tamrel::testing::RecordedRequest const& request) {
+  options.hawkbitRules = true;
+  options.onRequest = [&](testing::RecordedRequest const& request) {
     std::lock_guard<std::mutex> guard(lock);
     std::string const range = request.header("Range");
     std::printf("%s %s%s%s%s\n", request.method.c_str(), request.path.c_str(),
@@ -190,60 +241,82 @@ int main(int argc, char** argv) {
     if (!request.body.empty()) std::printf("    %s\n", request.body.c_str());
     std::fflush(stdout);
     artifactRequested |= request.path.rfind("/artifacts/", 0) == 0;
-    deploymentClosed |= request.path.find("/deploymentBase/1/feedback") != std::string::npos &&
-                        request.body.find("\"execution\":\"closed\"") != std::string::npos;
+    bool const feedback = request.path.find(actionPath + "/feedback") != std::string::npos;
+    deploymentClosed |= feedback && testing::readFeedback(request.body).closesAction();
+    bool const document = request.method == "GET" && request.path.size() >= actionPath.size() &&
+                          request.path.compare(request.path.size() - actionPath.size(),
+                                               actionPath.size(), actionPath) == 0;
+    // Counted when the request arrives; the window opens for the next one.
+    if (document && ++deploymentRequests + 1 == settings.windowOpensAt) openWindow = true;
     wake.notify_all();
   };
-  tamrel::testing::DdiTestServer server(options);
+  testing::DdiTestServer server(options);
   if (!settings.token.empty()) server.setRequireToken(settings.token);
   std::string const base = server.baseUrl();
 
+  testing::DeploymentDocument deployment;
+  deployment.id = settings.action;
+  deployment.download = settings.download;
+  deployment.update = settings.update;
+  deployment.maintenanceWindow = settings.window;
+  deployment.chunks.push_back({"os", "1.0", settings.chunk, {}, settings.emptyArtifact});
   std::vector<std::string> paths;
-  std::string artifacts;
   if (!settings.artifactDir.empty()) {
     DIR* dir = opendir(settings.artifactDir.c_str());
     if (dir == nullptr) {
       std::fprintf(stderr, "tamrel-ddi-server: cannot read %s\n", settings.artifactDir.c_str());
       return 2;
     }
-    while (dirent* entry = readdir(dir)) {
-      std::string const file = entry->d_name;
+    std::vector<std::string> files;
+    while (dirent* entry = readdir(dir)) files.push_back(entry->d_name);
+    closedir(dir);
+    std::sort(files.begin(), files.end());
+    for (std::string const& file : files) {
       std::string const path = settings.artifactDir + "/" + file;
       struct stat info {};
       if (stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) continue;
-      std::ifstream in(path, std::ios::binary);
-      std::string content((std::istreambuf_iterator<char>(in)), {});
-      unsigned char sha[SHA_DIGEST_LENGTH], md5[MD5_DIGEST_LENGTH];
-      SHA1(reinterpret_cast<unsigned char const*>(content.data()), content.size(), sha);
-      MD5(reinterpret_cast<unsigned char const*>(content.data()), content.size(), md5);
-      if (file == settings.corrupt && !content.empty()) content[0] = static_cast<char>(~content[0]);
-      std::string const url = server.addArtifact("/artifacts/" + file, content);
+      testing::ArtifactDocument artifact;
+      artifact.filename = settings.names.count(file) ? settings.names[file] : file;
+      artifact.size = static_cast<std::uint64_t>(info.st_size);
+      if (!digests(path, artifact.hashes)) {
+        std::fprintf(stderr, "tamrel-ddi-server: cannot read %s\n", path.c_str());
+        return 2;
+      }
+      if (file == settings.wrongSha256) artifact.hashes["sha256"] = std::string(64, '0');
+      if (settings.upperDigests) {
+        for (auto& entry : artifact.hashes) {
+          for (char& c : entry.second) c = static_cast<char>(std::toupper(c));
+        }
+      }
       paths.push_back("/artifacts/" + file);
+      std::string url;
+      if (file == settings.corrupt && info.st_size > 0) {
+        std::ifstream in(path, std::ios::binary);
+        std::string content((std::istreambuf_iterator<char>(in)), {});
+        content[0] = static_cast<char>(~content[0]);
+        url = server.addArtifact(paths.back(), content);
+      } else {
+        url = server.addFileArtifact(paths.back(), path);
+      }
       if (isFault(settings.first)) server.setFault(paths.back(), settings.first);
-      std::string const name = settings.names.count(file) ? settings.names[file] : file;
-      artifacts += std::string(artifacts.empty() ? "" : ",") + "{\"filename\":" + jsonString(name) +
-                   ",\"hashes\":{\"sha1\":\"" + hex(sha, sizeof sha) + "\",\"md5\":\"" +
-                   hex(md5, sizeof md5) + "\"},\"size\":" + std::to_string(content.size()) +
-                   ",\"_links\":{\"download-http\":{\"href\":\"" + url + "\"}}}";
+      bool const tls = settings.tlsLinks || settings.bothLinks;
+      artifact.links[tls ? "download" : "download-http"] = url;
+      artifact.links[tls ? "md5sum" : "md5sum-http"] = url + ".MD5SUM";
+      if (settings.bothLinks) artifact.links["download-http"] = url + "?http";
+      deployment.chunks.front().artifacts.push_back(artifact);
     }
-    closedir(dir);
   }
-  bool const deployment = !artifacts.empty();
-  if (deployment) {
-    server.setDeploymentBase(
-        "1",
-        "{\"id\":\"1\",\"deployment\":{\"download\":\"forced\",\"update\":\"forced\","
-        "\"chunks\":[{\"part\":\"os\",\"version\":\"1.0\",\"name\":" +
-            jsonString(settings.chunk) + ",\"artifacts\":[" + artifacts + "]}]}}");
-  }
-  server.setControllerBase(tamrel::testing::controllerBaseJson(
-      base, server.controllerPath(), settings.sleep, deployment ? "1" : "", "", true));
+  bool const offered = !deployment.chunks.front().artifacts.empty();
+  if (offered) server.setDeploymentBase(settings.action, testing::deploymentBaseJson(deployment));
+  server.setControllerBase(testing::controllerBaseJson(
+      base, server.controllerPath(), settings.sleep, offered ? settings.action : "", "", true));
   if (isFault(settings.poll)) server.setFault(server.controllerPath(), settings.poll);
   if (isFault(settings.config)) {
     server.setFault(server.controllerPath() + "/configData", settings.config);
   }
   if (isFault(settings.feedback)) {
-    server.setFault(server.controllerPath() + "/deploymentBase/1/feedback", settings.feedback);
+    server.setFault(server.controllerPath() + "/deploymentBase/" + settings.action + "/feedback",
+                    settings.feedback);
   }
   std::printf("DDI server on %s%s (tenant DEFAULT, controller dev01)\n", base.c_str(),
               server.controllerPath().c_str());
@@ -251,16 +324,19 @@ int main(int argc, char** argv) {
 
   std::thread reactor([&] {
     std::unique_lock<std::mutex> guard(lock);
-    bool firstDone = false, closedDone = false;
+    bool firstDone = false, closedDone = false, windowDone = false;
     for (;;) {
       wake.wait(guard, [&] {
-        return quit || (artifactRequested && !firstDone) || (deploymentClosed && !closedDone);
+        return quit || (artifactRequested && !firstDone) || (deploymentClosed && !closedDone) ||
+               (openWindow && !windowDone);
       });
       if (quit) return;
       bool const liftFirst = artifactRequested && !firstDone;
       bool const withdraw = deploymentClosed && !closedDone;
+      bool const open = openWindow && !windowDone;
       firstDone |= liftFirst;
       closedDone |= withdraw;
+      windowDone |= open;
       guard.unlock();
       if (liftFirst) {
         // Lifted as soon as the first answer has taken its copy, long
@@ -273,9 +349,14 @@ int main(int argc, char** argv) {
           }
         }
       }
+      if (open) {
+        deployment.maintenanceWindow = "available";
+        deployment.update = "forced";
+        server.setDeploymentBase(settings.action, testing::deploymentBaseJson(deployment));
+      }
       if (withdraw) {
-        server.setControllerBase(tamrel::testing::controllerBaseJson(
-            base, server.controllerPath(), settings.sleep, "", "", false));
+        server.setControllerBase(testing::controllerBaseJson(base, server.controllerPath(),
+                                                             settings.sleep, "", "", true));
       }
       guard.lock();
     }

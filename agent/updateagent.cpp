@@ -2,10 +2,11 @@
 
 #include "agent/console.h"
 #include "agent/exitcode.h"
+#include "agent/installer.h"
+#include "agent/sha256file.h"
 
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +16,10 @@
 #include <cstring>
 #include <sstream>
 #include <thread>
+
+#ifndef TAMREL_AGENT_VERSION
+#define TAMREL_AGENT_VERSION "unknown"
+#endif
 
 namespace {
 
@@ -55,7 +60,13 @@ bool makeDirectories(std::string const& path) {
 }  // namespace
 
 UpdateAgent::UpdateAgent(libtamrelcore& client, AgentConfig const& config)
-    : client_(client), config_(config) {
+    : client_(client),
+      config_(config),
+      attributes_(config.attributes),
+      reboot_(client, config,
+              [this](std::function<bool()> const& request) { return post(request); }) {
+  // hawkBit refuses configuration data without attributes.
+  if (attributes_.empty()) attributes_.push_back({"tamrel-agent.version", TAMREL_AGENT_VERSION});
   listen(client_.downloadStarted, [this](std::string, std::string) {
     transferring_ = true;
     if (Watchdog* watchdog = watchdog_.load()) watchdog->started();
@@ -80,7 +91,11 @@ bool UpdateAgent::safeName(std::string const& name) {
          name.find("..") == std::string::npos && name.find('\0') == std::string::npos;
 }
 
-bool UpdateAgent::connect() { return client_.connectProperties(config_.properties); }
+bool UpdateAgent::connect() {
+  if (!client_.connectProperties(config_.properties)) return false;
+  reboot_.confirm();
+  return true;
+}
 
 void UpdateAgent::stop() {
   stop_ = true;
@@ -139,8 +154,8 @@ UpdateAgent::Cycle UpdateAgent::cycle() {
       config_.maxPollIntervalSeconds);
 
   if (!answer.config_data.url.empty()) {
-    std::string const failure = post([&] { return client_.sendConfigData(config_.attributes); });
-    std::printf("config data: %zu attributes %s\n", config_.attributes.size(),
+    std::string const failure = post([&] { return client_.sendConfigData(attributes_); });
+    std::printf("config data: %zu attributes %s\n", attributes_.size(),
                 failure.empty() ? "sent" : failure.c_str());
   }
   auto const& cancel = answer.cancel_action;
@@ -251,14 +266,96 @@ std::string UpdateAgent::post(std::function<bool()> const& request) {
 }
 
 bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
-  std::printf("deployment %s: %zu chunk(s)\n", deployment.id.c_str(), deployment.chunks.size());
-  deployment.execution = execution_t::proceeding;
-  deployment.finished = finished_t::none;
-  client_.sendUpdateFeedback(deployment);
+  if (!DeploymentPlan::decimalId(deployment.id)) {
+    // Nothing is built from an id that is not a number, not even a feedback URL.
+    std::printf("deployment: refused, action id is not a decimal number; nothing sent\n");
+    return false;
+  }
+  bool handled = true;
+  if (reboot_.handles(deployment.id, handled)) return handled;
 
-  bool success = true;
-  for (auto& chunk : deployment.chunks) {
+  DeploymentPlan const plan = DeploymentPlan::read(deployment);
+  if (plan.download() == DeploymentPlan::Handling::kSkip && plan.problems().empty()) {
+    std::printf("deployment %s: the server asks to skip the download for now\n",
+                deployment.id.c_str());
+    return true;
+  }
+  bool const downloadOnly = config_.downloadOnly || plan.downloadOnly();
+  bool const installNow = !downloadOnly && plan.mayInstall();
+  bool const waited = deployment.id == waitingAction_;
+  if (waited && !installNow) {
+    std::printf("deployment %s: still waiting for the maintenance window\n", deployment.id.c_str());
+    return true;
+  }
+  std::printf("deployment %s: %zu chunk(s)%s\n", deployment.id.c_str(), deployment.chunks.size(),
+              downloadOnly ? ", download only" : "");
+  if (!waited) {
+    deployment.execution = execution_t::proceeding;
+    deployment.finished = finished_t::none;
+    std::string const failure = post([&] { return client_.sendUpdateFeedback(deployment); });
+    if (!failure.empty())
+      std::printf("deployment %s: proceeding %s\n", deployment.id.c_str(), failure.c_str());
+  }
+  if (!plan.problems().empty()) {
+    auto& details = deployment.chunks.front().details;
+    details.insert(details.end(), plan.problems().begin(), plan.problems().end());
+    for (auto const& line : plan.problems()) std::printf("  refused: %s\n", line.c_str());
+    close(deployment, false);
+    return false;
+  }
+
+  std::vector<std::vector<std::string>> files(deployment.chunks.size());
+  bool success = download(deployment, plan, files);
+  if (stopping()) {
+    // Left open: the server offers the action again and the next run
+    // resumes the partial files.
+    deployment.chunks.front().details.push_back(
+        "interrupted on the device; the download resumes on the next start");
+    deployment.execution = execution_t::proceeding;
+    deployment.finished = finished_t::none;
+    post([&] { return client_.sendUpdateFeedback(deployment); });
+    std::printf("deployment %s: interrupted, left open\n", deployment.id.c_str());
+    return false;
+  }
+  if (!success) {
+    close(deployment, false);
+    return false;
+  }
+  if (downloadOnly) {
+    closeDownloaded(deployment);
+    return true;
+  }
+  if (!installNow) {
+    deployment.chunks.front().details.push_back("downloaded, waiting for maintenance window");
+    deployment.execution = execution_t::proceeding;
+    deployment.finished = finished_t::none;
+    std::string const failure = post([&] { return client_.sendUpdateFeedback(deployment); });
+    std::printf("deployment %s: downloaded, waiting for the maintenance window, feedback %s\n",
+                deployment.id.c_str(), failure.empty() ? "sent" : failure.c_str());
+    waitingAction_ = deployment.id;
+    return true;
+  }
+  waitingAction_.clear();
+  bool reboot = false;
+  for (std::size_t c = 0; c < deployment.chunks.size() && success; ++c) {
+    auto& chunk = deployment.chunks[c];
     chunk.completed = true;
+    if (config_.installCommand.empty() || files[c].empty()) continue;
+    Installed const result = install(files[c], chunk.details);
+    success = result != Installed::kFailed;
+    reboot = reboot || result == Installed::kReboot;
+  }
+  if (success && reboot && reboot_.begin(deployment)) return true;
+  success = success && !reboot;
+  close(deployment, success);
+  return success;
+}
+
+bool UpdateAgent::download(hawkbit_query_t::deployment_t& deployment, DeploymentPlan const& plan,
+                           std::vector<std::vector<std::string>>& files) {
+  bool success = true;
+  for (std::size_t c = 0; c < deployment.chunks.size(); ++c) {
+    auto& chunk = deployment.chunks[c];
     if (!safeName(chunk.name)) {
       chunk.details.push_back("refused: unsafe chunk name \"" + chunk.name + "\"");
       success = false;
@@ -270,50 +367,49 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
       success = false;
       continue;
     }
-    std::vector<std::string> files;
-    bool chunkOk = true;
     for (auto& artifact : chunk.artifacts) {
       std::string detail;
       if (!safeName(artifact.filename)) {
         detail = "refused: unsafe artifact name \"" + artifact.filename + "\"";
-        chunkOk = false;
+        success = false;
       } else {
         artifact.destination = dir;
         artifact.subdirectory.clear();
-        if (!fetch(chunk.name, artifact, detail)) {
-          chunkOk = false;
-        } else if (!watched(false, [&] { return client_.verifyArtifact(artifact); })) {
-          detail = artifact.filename + (stopping() ? ": interrupted" : ": verification failed");
-          chunkOk = false;
+        if (fetch(chunk.name, artifact, plan.sha256(chunk.name, artifact.filename), detail)) {
+          files[c].push_back(artifactPath(artifact));
         } else {
-          detail = artifact.filename + ": downloaded and verified";
-          files.push_back(artifactPath(artifact));
+          success = false;
         }
       }
       chunk.details.push_back(detail);
     }
-    if (chunkOk && !config_.installCommand.empty() && !files.empty() && !stopping()) {
-      std::string detail;
-      chunkOk = install(files, detail);
-      chunk.details.push_back(detail);
-    }
-    success = success && chunkOk;
+    if (stopping()) break;
   }
-  if (stopping()) {
-    // Left open: the server offers the action again and the next run
-    // resumes the partial files.
-    deployment.chunks.front().details.push_back(
-        "interrupted on the device; the download resumes on the next start");
-    client_.sendUpdateFeedback(deployment);
-    std::printf("deployment %s: interrupted, left open\n", deployment.id.c_str());
-    return false;
-  }
+  return success;
+}
+
+void UpdateAgent::close(hawkbit_query_t::deployment_t& deployment, bool success) {
+  for (auto& chunk : deployment.chunks) chunk.completed = true;
   deployment.execution = execution_t::closed;
   deployment.finished = success ? finished_t::success : finished_t::failure;
-  bool const sent = client_.sendUpdateFeedback(deployment);
+  std::string const failure = post([&] { return client_.sendUpdateFeedback(deployment); });
   std::printf("deployment %s: %s, feedback %s\n", deployment.id.c_str(),
-              success ? "success" : "failure", sent ? "sent" : "NOT sent");
-  return success;
+              success ? "success" : "failure", failure.empty() ? "sent" : failure.c_str());
+}
+
+void UpdateAgent::closeDownloaded(hawkbit_query_t::deployment_t const& deployment) {
+  // hawkBit's deploymentBase link carries a query ("?c=..."); the feedback
+  // resource is below the path.
+  std::string const url = deployment.url.substr(0, deployment.url.find('?'));
+  std::string details;
+  for (auto const& chunk : deployment.chunks) {
+    for (auto const& line : chunk.details) details += (details.empty() ? "" : "; ") + line;
+  }
+  std::string const failure = post([&] {
+    return client_.sendCancelActionFeedback(url, deployment.id, "downloaded", "none", details);
+  });
+  std::printf("deployment %s: downloaded, feedback %s\n", deployment.id.c_str(),
+              failure.empty() ? "sent" : failure.c_str());
 }
 
 bool UpdateAgent::watched(bool transfer, std::function<bool()> const& work) {
@@ -345,31 +441,55 @@ bool UpdateAgent::watched(bool transfer, std::function<bool()> const& work) {
   return result;
 }
 
-bool UpdateAgent::fetch(std::string const& label, artifact_t& artifact, std::string& detail) {
-  // The bounds of this download; a complete file left by an earlier run is
-  // kept when it verifies.
-  artifactFile_ = artifactPath(artifact);
-  expected_ = artifact.size;
-  if (artifact.size > 0 && fileSize(artifactFile_) == artifact.size) {
-    if (watched(false, [&] { return client_.verifyArtifact(artifact); })) {
-      std::printf("  %s: complete on disk and verified, not downloaded again\n",
-                  artifact.filename.c_str());
-      detail = artifact.filename + ": already on disk, verified";
-      return true;
-    }
-    if (!stopping()) std::remove(artifactFile_.c_str());
+bool UpdateAgent::verify(artifact_t const& artifact, std::string const& sha256,
+                         std::string& detail) {
+  if (!watched(false, [&] { return client_.verifyArtifact(artifact); })) {
+    detail = artifact.filename + (stopping() ? ": interrupted" : ": verification failed");
+    return false;
   }
+  if (sha256.empty()) return true;
+  std::string const digest = Sha256File::digest(artifactPath(artifact), stop_);
+  if (digest != sha256) {
+    detail = artifact.filename + (stopping()       ? ": interrupted"
+                                  : digest.empty() ? ": cannot read the file for SHA-256"
+                                                   : ": SHA-256 digest mismatch");
+    return false;
+  }
+  return true;
+}
+
+bool UpdateAgent::fetch(std::string const& label, artifact_t& artifact, std::string const& sha256,
+                        std::string& detail) {
   if (!artifact.hashes.count("sha1") && !artifact.hashes.count("md5")) {
     detail = artifact.filename + ": refused, the server lists no SHA-1 or MD5 digest";
     return false;
   }
   std::string const path = artifactPath(artifact);
+  // The bounds the watchdog holds this download to.
+  artifactFile_ = path;
+  expected_ = artifact.size;
+  // A complete file from an earlier run (a restart, or a deployment that
+  // waited for its maintenance window) is kept when it verifies.
+  if (fileSize(path) == artifact.size && verify(artifact, sha256, detail)) {
+    detail = artifact.filename + ": already on disk and verified";
+    return true;
+  }
+  if (stopping()) return false;
   int const attempts = config_.retries + 1;
   download_errors_t outcome = download_failed;
   int attempt = 0;
+  bool shaMismatch = false;
   while (attempt < attempts && !stopping()) {
     ++attempt;
-    std::uint64_t const onDisk = fileSize(path);
+    std::uint64_t onDisk = fileSize(path);
+    // The library measures a partial file in 32 bits: from 4 GiB on it
+    // would resume at the wrong place, so such a file starts over.
+    if (onDisk >= (std::uint64_t{1} << 32)) {
+      std::printf("%s: partial file of 4 GiB or more cannot be resumed, starting over\n",
+                  artifact.filename.c_str());
+      std::remove(path.c_str());
+      onDisk = 0;
+    }
     // The library resumes a shorter file and restarts a full-length one.
     bool const resuming = onDisk > 0 && onDisk < artifact.size;
     bar_.start(artifact.filename, artifact.size, resuming ? onDisk : 0);
@@ -380,7 +500,19 @@ bool UpdateAgent::fetch(std::string const& label, artifact_t& artifact, std::str
       return outcome == download_ok;
     });
     bar_.finish(stalled_ ? "stalled, cancelled" : outcomeText(outcome));
-    if (outcome == download_ok || outcome == download_invalid) break;
+    if (outcome == download_ok) {
+      if (verify(artifact, sha256, detail)) {
+        detail =
+            artifact.filename + ": downloaded and verified" + (sha256.empty() ? "" : " (SHA-256)");
+        return true;
+      }
+      if (stopping()) return false;
+      // The library's digest matched but the file is not what the server
+      // lists (the SHA-256 differs, or the length).
+      shaMismatch = true;
+      outcome = download_hash_error;
+    }
+    if (outcome == download_invalid) break;
     // The library appends whatever the server sends. Bytes that are not the
     // artifact's must not become the start of the next attempt: an error
     // page (any status but 200/206; 0 means no answer at all), a whole body
@@ -393,45 +525,29 @@ bool UpdateAgent::fetch(std::string const& label, artifact_t& artifact, std::str
   }
   std::ostringstream text;
   text << artifact.filename << ": ";
-  if (outcome == download_ok) {
-    text << "downloaded";
-  } else if (stopping()) {
+  if (stopping()) {
     text << "interrupted";
   } else {
-    text << (stalled_ ? "stalled" : outcomeText(outcome)) << " after " << attempt
-         << " attempt(s), HTTP " << lastStatus_;
+    text << (stalled_      ? "stalled"
+             : shaMismatch ? "digest mismatch (SHA-256)"
+                           : outcomeText(outcome))
+         << " after " << attempt << " attempt(s), HTTP " << lastStatus_;
   }
   detail = text.str();
-  return outcome == download_ok;
+  return false;
 }
 
-bool UpdateAgent::install(std::vector<std::string> const& files, std::string& detail) {
-  // The command is split at blanks and run without a shell; the artifact
-  // paths follow as separate arguments.
-  std::vector<std::string> words;
-  std::istringstream split(config_.installCommand);
-  for (std::string word; split >> word;) words.push_back(word);
-  words.insert(words.end(), files.begin(), files.end());
-  std::vector<char*> argv;
-  for (auto& word : words) argv.push_back(&word[0]);
-  argv.push_back(nullptr);
-  std::fflush(stdout);
-  pid_t const child = fork();
-  if (child == 0) {
-    // The agent blocks its stop signals; the command gets them back.
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    execvp(argv[0], argv.data());
-    _exit(127);
-  }
-  int status = 0;
-  if (child < 0 || waitpid(child, &status, 0) < 0) {
-    detail = "install command could not be started";
-    return false;
-  }
-  bool const ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;
-  detail = "install command " + std::string(ok ? "succeeded" : "failed") + " (exit " +
-           std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : -1) + ")";
-  return ok;
+UpdateAgent::Installed UpdateAgent::install(std::vector<std::string> const& files,
+                                            std::vector<std::string>& details) {
+  Installer::Result const result = Installer::run(config_.installCommand, files);
+  Installed const installed =
+      result.exitCode == 0 ? Installed::kDone
+      : config_.rebootExitCode >= 0 && result.exitCode == config_.rebootExitCode
+          ? Installed::kReboot
+          : Installed::kFailed;
+  details.push_back(
+      std::string("install command ") + (installed == Installed::kFailed ? "failed" : "succeeded") +
+      " (" + result.describe() + (installed == Installed::kReboot ? ", reboot needed" : "") + ")");
+  for (auto const& line : result.stderrTail) details.push_back("install: " + line);
+  return installed;
 }

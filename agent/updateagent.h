@@ -11,7 +11,9 @@
 #include <vector>
 
 #include "agent/agentconfig.h"
+#include "agent/deploymentplan.h"
 #include "agent/progressbar.h"
+#include "agent/rebootconfirmation.h"
 #include "agent/watchdog.h"
 #include "plugin/libtamrelcore.h"
 
@@ -22,7 +24,8 @@ class UpdateAgent {
  public:
   UpdateAgent(libtamrelcore& client, AgentConfig const& config);
 
-  // Binds the settings; false when the library refuses them.
+  // Binds the settings; false when the library refuses them. Then confirms
+  // an action left waiting for a reboot by an earlier run.
   bool connect();
   // What one poll came to: the interval to sleep and the exit status
   // (ExitCode) it would give in --once mode.
@@ -48,13 +51,26 @@ class UpdateAgent {
   using artifact_t = hawkbit_query_t::deployment_t::chunk_t::artifact_t;
 
   bool deploy(hawkbit_query_t::deployment_t deployment);
-  // Downloads with retries and a stall watchdog; `detail` says what happened.
-  bool fetch(std::string const& label, artifact_t& artifact, std::string& detail);
+  // Downloads and verifies every chunk's artifacts into download-dir/<chunk>;
+  // `files` gets each chunk's paths. False when any artifact failed.
+  bool download(hawkbit_query_t::deployment_t& deployment, DeploymentPlan const& plan,
+                std::vector<std::vector<std::string>>& files);
+  // Downloads with retries and a stall watchdog, then verifies (the
+  // library's digest, then SHA-256 when listed); a complete file already on
+  // disk that verifies is kept. `detail` says what happened.
+  bool fetch(std::string const& label, artifact_t& artifact, std::string const& sha256,
+             std::string& detail);
+  bool verify(artifact_t const& artifact, std::string const& sha256, std::string& detail);
+  // Closes the deployment with success or failure and says so.
+  void close(hawkbit_query_t::deployment_t& deployment, bool success);
+  // A download-only action: closed with "downloaded".
+  void closeDownloaded(hawkbit_query_t::deployment_t const& deployment);
   // Runs one POST/PUT of the library under the feedback deadline, keeping
   // the server's answer out of the agent's output. "" when it was sent,
   // otherwise the reason ("refused by the server: <message>", "not sent").
   std::string post(std::function<bool()> const& request);
-  bool install(std::vector<std::string> const& files, std::string& detail);
+  enum class Installed { kDone, kReboot, kFailed };
+  Installed install(std::vector<std::string> const& files, std::vector<std::string>& details);
   // Runs `work` with a watchdog beside it that passes a stop request on to
   // the library (which forgets a cancel that comes before the work begins)
   // and, for a transfer, cancels it once fewer than download-min-rate bytes/s
@@ -87,6 +103,10 @@ class UpdateAgent {
   std::string artifactFile_;
   std::uint64_t expected_ = 0;
   unsigned int lastStatus_ = 0;
+  std::vector<tamrel::value_pair_t> attributes_;  // sent as configuration data
+  RebootConfirmation reboot_;
+  // An action downloaded in this run and waiting for its maintenance window.
+  std::string waitingAction_;
   std::vector<std::shared_ptr<void>> slots_;
   std::mutex sleepLock_;
   std::condition_variable wake_;

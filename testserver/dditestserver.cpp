@@ -9,7 +9,10 @@
 #include <openssl/x509v3.h>
 #include <strings.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <fcntl.h>
 
 #include <algorithm>
 #include <chrono>
@@ -26,30 +29,6 @@ namespace {
 bool addedByHttplib(std::string const& name) {
   return name == "REMOTE_ADDR" || name == "REMOTE_PORT" || name == "LOCAL_ADDR" ||
          name == "LOCAL_PORT";
-}
-
-std::string jsonEscape(std::string const& text) {
-  std::string out;
-  for (char c : text) {
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += c;
-    } else if (static_cast<unsigned char>(c) < 0x20) {
-      char buffer[8];
-      std::snprintf(buffer, sizeof buffer, "\\u%04x", c);
-      out += buffer;
-    } else {
-      out += c;
-    }
-  }
-  return out;
-}
-
-// The error document hawkBit answers with (its ExceptionInfo).
-std::string exceptionInfo(std::string const& exceptionClass, std::string const& errorCode,
-                          std::string const& message) {
-  return R"({"exceptionClass":")" + jsonEscape(exceptionClass) + R"(","errorCode":")" +
-         jsonEscape(errorCode) + R"(","message":")" + jsonEscape(message) + R"(","parameters":[]})";
 }
 
 enum class RangeKind { kNone, kSatisfiable, kUnsatisfiable };
@@ -96,7 +75,7 @@ std::string RecordedRequest::header(std::string const& name) const {
 DdiTestServer::DdiTestServer() : DdiTestServer(Options{}) {}
 
 DdiTestServer::DdiTestServer(Options const& options)
-    : https_(options.https), onRequest_(options.onRequest) {
+    : hawkbitRules_(options.hawkbitRules), https_(options.https), onRequest_(options.onRequest) {
   if (https_) {
     certFile_ = options.certFile;
     std::string keyFile = options.keyFile;
@@ -181,8 +160,12 @@ std::string DdiTestServer::controllerPath() const {
 void DdiTestServer::serve(std::string const& path, std::string body, int status,
                           std::string contentType) {
   std::lock_guard<std::mutex> lock(mutex_);
-  resources_[path] = Resource{std::make_shared<std::string const>(std::move(body)), status,
-                              std::move(contentType), false};
+  resources_[path] = Resource{std::make_shared<std::string const>(std::move(body)),
+                              status,
+                              std::move(contentType),
+                              false,
+                              "",
+                              0};
 }
 
 void DdiTestServer::setControllerBase(std::string json) {
@@ -200,8 +183,27 @@ void DdiTestServer::setCancelAction(std::string const& actionId, std::string jso
 std::string DdiTestServer::addArtifact(std::string const& path, std::string content) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    resources_[path] = Resource{std::make_shared<std::string const>(std::move(content)), 200,
-                                "application/octet-stream", true};
+    resources_[path] = Resource{std::make_shared<std::string const>(std::move(content)),
+                                200,
+                                "application/octet-stream",
+                                true,
+                                "",
+                                0};
+  }
+  return baseUrl() + path;
+}
+
+std::string DdiTestServer::addFileArtifact(std::string const& path, std::string const& file) {
+  struct stat info {};
+  if (stat(file.c_str(), &info) != 0)
+    throw std::runtime_error("DdiTestServer: cannot stat " + file);
+  Resource resource{
+      std::make_shared<std::string const>(), 200, "application/octet-stream", true, "", 0};
+  resource.file = file;
+  resource.fileSize = static_cast<std::size_t>(info.st_size);
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    resources_[path] = resource;
   }
   return baseUrl() + path;
 }
@@ -285,6 +287,7 @@ void DdiTestServer::handle(httplib::Request const& req, httplib::Response& res) 
     res.status = 401;
     return;
   }
+  if (hawkbitRules_ && refuse(record, res)) return;
   if (hasFault && fault.answerDelayMs > 0) sleepUnlessStopping(fault.answerDelayMs);
   if (hasFault && !fault.redirectTo.empty()) {
     res.set_redirect(fault.redirectTo, 302);
@@ -293,9 +296,9 @@ void DdiTestServer::handle(httplib::Request const& req, httplib::Response& res) 
   if (hasFault && fault.status != 0) {
     res.status = fault.status;
     if (fault.withBody) {
-      res.set_content(exceptionInfo("org.eclipse.hawkbit.exception.InjectedFault",
-                                    "hawkbit.server.error.injected",
-                                    "Injected status " + std::to_string(fault.status)),
+      res.set_content(exceptionInfoJson("org.eclipse.hawkbit.exception.InjectedFault",
+                                        "hawkbit.server.error.injected",
+                                        "Injected status " + std::to_string(fault.status)),
                       "application/json");
     }
     return;
@@ -310,10 +313,10 @@ void DdiTestServer::handle(httplib::Request const& req, httplib::Response& res) 
       answerResource(req, res, resource, shaping);
     } else {
       res.status = 404;
-      res.set_content(exceptionInfo("org.eclipse.hawkbit.repository.exception."
-                                    "EntityNotFoundException",
-                                    "hawkbit.server.error.repo.entitiyNotFound",
-                                    "Nothing is served at " + record.path),
+      res.set_content(exceptionInfoJson("org.eclipse.hawkbit.repository.exception."
+                                        "EntityNotFoundException",
+                                        "hawkbit.server.error.repo.entitiyNotFound",
+                                        "Nothing is served at " + record.path),
                       "application/json");
     }
     return;
@@ -323,14 +326,28 @@ void DdiTestServer::handle(httplib::Request const& req, httplib::Response& res) 
 
 void DdiTestServer::answerResource(httplib::Request const& req, httplib::Response& res,
                                    Resource const& resource, Fault const* fault) {
+  std::shared_ptr<std::string const> const data = resource.body;
+  std::string const file = resource.file;
+  Reader const read = [data, file](size_t offset, size_t n, std::string& out) {
+    if (file.empty()) {
+      out.assign(*data, offset, n);
+      return true;
+    }
+    int const fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    out.resize(n);
+    ssize_t const got = pread(fd, &out[0], n, static_cast<off_t>(offset));
+    close(fd);
+    return got == static_cast<ssize_t>(n);
+  };
   if (!resource.artifact) {
     res.status = resource.status;
-    sendBody(res, resource.body, 0, resource.body->size(), resource.contentType, fault);
+    sendBody(res, read, 0, resource.body->size(), resource.contentType, fault);
     return;
   }
   res.set_header("Accept-Ranges", "bytes");
   std::string const range = req.get_header_value("Range");
-  size_t const size = resource.body->size();
+  size_t const size = file.empty() ? resource.body->size() : resource.fileSize;
   size_t first = 0, last = 0;
   RangeKind const kind = range.empty() || (fault && fault->ignoreRange)
                              ? RangeKind::kNone
@@ -344,18 +361,17 @@ void DdiTestServer::answerResource(httplib::Request const& req, httplib::Respons
     res.status = 206;
     res.set_header("Content-Range", "bytes " + std::to_string(first) + "-" + std::to_string(last) +
                                         "/" + std::to_string(size));
-    sendBody(res, resource.body, first, last - first + 1, resource.contentType, fault);
+    sendBody(res, read, first, last - first + 1, resource.contentType, fault);
     return;
   }
   res.status = 200;
-  sendBody(res, resource.body, 0, size, resource.contentType, fault);
+  sendBody(res, read, 0, size, resource.contentType, fault);
 }
 
-void DdiTestServer::sendBody(httplib::Response& res, std::shared_ptr<std::string const> data,
-                             size_t offset, size_t length, std::string const& contentType,
-                             Fault const* fault) {
+void DdiTestServer::sendBody(httplib::Response& res, Reader const& read, size_t offset,
+                             size_t length, std::string const& contentType, Fault const* fault) {
   if (fault && fault->trailingBytes != 0) {
-    sendOverlong(res, std::move(data), offset, length, contentType, *fault);
+    sendOverlong(res, read, offset, length, contentType, *fault);
     return;
   }
   if (length == 0) {
@@ -365,31 +381,34 @@ void DdiTestServer::sendBody(httplib::Response& res, std::shared_ptr<std::string
   size_t const limit = fault && fault->dropAfterBytes >= 0
                            ? std::min<size_t>(length, static_cast<size_t>(fault->dropAfterBytes))
                            : length;
-  size_t const piece =
-      fault && fault->chunkBytes > 0 ? static_cast<size_t>(fault->chunkBytes) : length;
+  // Pieces of at most 1 MiB, so that large bodies are never read whole.
+  size_t const piece = fault && fault->chunkBytes > 0 ? static_cast<size_t>(fault->chunkBytes)
+                                                      : std::min<size_t>(length, 1 << 20);
   int const delayMs = fault ? fault->delayMs : 0;
   // Content-Length announces `length`; returning false makes httplib close
   // the connection, which cuts the body short at `limit`.
   res.set_content_provider(length, contentType,
-                           [this, data, offset, limit, piece, delayMs](size_t sent, size_t left,
+                           [this, read, offset, limit, piece, delayMs](size_t sent, size_t left,
                                                                        httplib::DataSink& sink) {
                              if (sent >= limit) return false;
                              if (delayMs > 0) sleepUnlessStopping(delayMs);
                              if (stopping_) return false;
                              size_t const n = std::min({left, limit - sent, piece});
-                             return sink.write(data->data() + offset + sent, n);
+                             std::string bytes;
+                             return read(offset + sent, n, bytes) &&
+                                    sink.write(bytes.data(), bytes.size());
                            });
 }
 
-void DdiTestServer::sendOverlong(httplib::Response& res, std::shared_ptr<std::string const> data,
-                                 size_t offset, size_t length, std::string const& contentType,
+void DdiTestServer::sendOverlong(httplib::Response& res, Reader const& read, size_t offset,
+                                 size_t length, std::string const& contentType,
                                  Fault const& fault) {
   size_t const piece = fault.chunkBytes > 0 ? static_cast<size_t>(fault.chunkBytes) : 65536;
   long long const total =
       fault.trailingBytes < 0 ? -1 : static_cast<long long>(length) + fault.trailingBytes;
   int const delayMs = fault.delayMs;
   auto const filler = std::make_shared<std::string const>(piece, 'x');
-  res.set_chunked_content_provider(contentType, [this, data, offset, length, piece, total, delayMs,
+  res.set_chunked_content_provider(contentType, [this, read, offset, length, piece, total, delayMs,
                                                  filler](size_t sent, httplib::DataSink& sink) {
     if (total >= 0 && static_cast<long long>(sent) >= total) {
       sink.done();
@@ -399,7 +418,11 @@ void DdiTestServer::sendOverlong(httplib::Response& res, std::shared_ptr<std::st
     if (stopping_) return false;
     size_t n = piece;
     if (total >= 0) n = std::min<size_t>(n, static_cast<size_t>(total) - sent);
-    if (sent < length) return sink.write(data->data() + offset + sent, std::min(n, length - sent));
+    if (sent < length) {
+      std::string bytes;
+      return read(offset + sent, std::min(n, length - sent), bytes) &&
+             sink.write(bytes.data(), bytes.size());
+    }
     return sink.write(filler->data(), n);
   });
 }
@@ -436,29 +459,40 @@ void DdiTestServer::endIdleConnections() const {
   }
 }
 
-std::string controllerBaseJson(std::string const& baseUrl, std::string const& controllerPath,
-                               std::string const& sleep, std::string const& deploymentActionId,
-                               std::string const& cancelActionId, bool configData) {
-  std::string const base = baseUrl + controllerPath;
-  std::vector<std::string> links;
-  if (!deploymentActionId.empty()) {
-    links.push_back(R"("deploymentBase":{"href":")" + jsonEscape(base) + "/deploymentBase/" +
-                    jsonEscape(deploymentActionId) + R"(?c=-2122565939"})");
+bool DdiTestServer::refuse(RecordedRequest const& record, httplib::Response& res) {
+  auto const answer = [&res](int status, std::string const& errorCode, std::string const& message) {
+    res.status = status;
+    res.set_content(
+        exceptionInfoJson("org.eclipse.hawkbit.exception." + errorCode, errorCode, message),
+        "application/json");
+    return true;
+  };
+  if (record.path.find("//") != std::string::npos) {
+    return answer(400, "hawkbit.server.error.rest.param.invalid",
+                  "The request was rejected because the URL contained \"//\"");
   }
-  if (!cancelActionId.empty()) {
-    links.push_back(R"("cancelAction":{"href":")" + jsonEscape(base) + "/cancelAction/" +
-                    jsonEscape(cancelActionId) + R"("})");
+  std::string const controller = controllerPath();
+  if (record.method == "PUT" && record.path == controller + "/configData") {
+    ConfigData const config = readConfigData(record.body);
+    bool fits = config.valid && !config.data.empty();
+    for (auto const& [key, value] : config.data)
+      fits = fits && key.size() <= 128 && value.size() <= 128;
+    if (!fits)
+      return answer(400, "hawkbit.server.error.rest.body.notReadable", "Invalid configData");
+    return false;
   }
-  if (configData) {
-    links.push_back(R"("configData":{"href":")" + jsonEscape(base) + R"(/configData"})");
+  std::string const prefix = controller + "/deploymentBase/";
+  if (record.method != "POST" || record.path.compare(0, prefix.size(), prefix) != 0 ||
+      record.path.size() < 9 || record.path.compare(record.path.size() - 9, 9, "/feedback") != 0) {
+    return false;
   }
-  std::string json = R"({"config":{"polling":{"sleep":")" + jsonEscape(sleep) + R"("}})";
-  if (!links.empty()) {
-    json += R"(,"_links":{)";
-    for (size_t i = 0; i < links.size(); ++i) json += (i ? "," : "") + links[i];
-    json += "}";
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (std::find(closedActions_.begin(), closedActions_.end(), record.path) !=
+      closedActions_.end()) {
+    return answer(410, "hawkbit.server.error.action.notActive", "Action is not active anymore");
   }
-  return json + "}";
+  if (readFeedback(record.body).closesAction()) closedActions_.push_back(record.path);
+  return false;
 }
 
 bool writeSelfSignedCertificate(std::string const& certFile, std::string const& keyFile,

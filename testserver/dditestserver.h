@@ -13,6 +13,8 @@
 #include <utility>
 #include <vector>
 
+#include "testserver/ddidocument.h"
+
 namespace httplib {
 class Server;
 struct Request;
@@ -69,6 +71,11 @@ class DdiTestServer {
     int port = 0;
     // Called for every request as it is recorded (on a server thread).
     std::function<void(RecordedRequest const&)> onRequest;
+    // Refuse what a current hawkBit server refuses: a path with "//" (400),
+    // configData with no attributes or a key or value over 128 characters
+    // (400), feedback to a deployment already closed (410, with an error
+    // document). A deployment is closed by feedback "closed" or "downloaded".
+    bool hawkbitRules = false;
   };
 
   DdiTestServer();
@@ -93,6 +100,9 @@ class DdiTestServer {
   void setCancelAction(std::string const& actionId, std::string json);
   // A binary artifact with single-range support. Returns its full URL.
   std::string addArtifact(std::string const& path, std::string content);
+  // An artifact read from a file at each request (never held in memory),
+  // so sparse files of any size can be served. Returns its full URL.
+  std::string addFileArtifact(std::string const& path, std::string const& file);
 
   void setFault(std::string const& path, Fault const& fault);
   void clearFault(std::string const& path);
@@ -113,15 +123,20 @@ class DdiTestServer {
     int status = 200;
     std::string contentType;
     bool artifact = false;
+    std::string file;  // a file-backed artifact: read from here
+    std::size_t fileSize = 0;
   };
+  using Reader = std::function<bool(std::size_t offset, std::size_t n, std::string& out)>;
 
   void handle(httplib::Request const& req, httplib::Response& res);
   void answerResource(httplib::Request const& req, httplib::Response& res, Resource const& resource,
                       Fault const* fault);
-  void sendBody(httplib::Response& res, std::shared_ptr<std::string const> data, size_t offset,
-                size_t length, std::string const& contentType, Fault const* fault);
-  void sendOverlong(httplib::Response& res, std::shared_ptr<std::string const> data, size_t offset,
-                    size_t length, std::string const& contentType, Fault const& fault);
+  void sendBody(httplib::Response& res, Reader const& read, size_t offset, size_t length,
+                std::string const& contentType, Fault const* fault);
+  // The hawkBit refusals of Options::hawkbitRules; true when answered.
+  bool refuse(RecordedRequest const& record, httplib::Response& res);
+  void sendOverlong(httplib::Response& res, Reader const& read, size_t offset, size_t length,
+                    std::string const& contentType, Fault const& fault);
   void sleepUnlessStopping(int ms) const;
   void endIdleConnections() const;
 
@@ -131,6 +146,8 @@ class DdiTestServer {
   std::map<std::string, Resource> resources_;
   std::map<std::string, Fault> faults_;
   std::vector<RecordedRequest> requests_;
+  bool hawkbitRules_ = false;
+  std::vector<std::string> closedActions_;  // feedback paths of closed deployments
 
   bool https_ = false;
   std::string certFile_;
@@ -142,13 +159,6 @@ class DdiTestServer {
   std::unique_ptr<httplib::Server> server_;
   std::thread thread_;
 };
-
-// A controller base document in hawkBit's shape: the polling sleep
-// ("HH:MM:SS") and _links to deploymentBase (with a "?c=" query as hawkBit
-// sends it), cancelAction and configData as asked.
-std::string controllerBaseJson(std::string const& baseUrl, std::string const& controllerPath,
-                               std::string const& sleep, std::string const& deploymentActionId,
-                               std::string const& cancelActionId, bool configData);
 
 // Writes a self-signed RSA 2048 certificate (subject CN and subjectAltName
 // commonName, plus IP 127.0.0.1) and its key as PEM files. False on failure.

@@ -6,11 +6,13 @@
 # usage: basics_test.sh BUILD_DIR   (KEEP=1 keeps the work directory)
 set -uo pipefail
 . "$(dirname "$0")/lib.sh"
-# The agent refuses to run without an install command; this one accepts all.
-run_agent() {
-  printf '%s\n' 'install-command = true' "$@" >> "$conf"
-  "$agent" --once --config "$conf" > "$work/agent$n.log" 2>&1
-}
+"$build/tamrel-demo" > "$work/demo.log" 2>&1
+check "demo exits 0" test $? -eq 0
+check "demo: deployment and cancel closed/success" \
+  grep -q 'deployment 1 closed/success, cancel request 2 closed/success' "$work/demo.log"
+check "demo: download dir removed" \
+  test ! -e "$(sed -n 's/.*downloads into \([^ ]*\)$/\1/p' "$work/demo.log")"
+
 mkdir -p "$work/art"
 head -c 640000 /dev/urandom > "$work/art/image.bin"
 same() { cmp -s "$work/art/image.bin" "$dl/firmware/image.bin"; }

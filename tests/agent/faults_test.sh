@@ -154,7 +154,8 @@ sed -i 's|^\(address = .*\)$|\1//|' "$conf"
 once -- --download-only
 expect "download only, address with trailing slashes" 0 10 ""
 check "address with trailing slashes: no '//' in paths" bash -c "! grep -q '^[A-Z]* //' '$log'"
-check "download only: deployment closed" test -n "$(closing)"
+check "download only: closed as downloaded, never installed" bash -c \
+  "grep -A1 'deploymentBase/1/feedback' '$log' | grep -q '\"execution\":\"downloaded\"' && test -z \"$(closing)\""
 "$agent" --help > "$work/help" 2>&1
 check "--help: exit 0, every key and status" bash -c "grep -q max-poll-interval-s '$work/help' &&
   grep -q 'feedback-timeout-s' '$work/help' && grep -q '^  4 ' '$work/help'"

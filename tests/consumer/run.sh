@@ -50,8 +50,10 @@ c++ -std=c++17 "$here/static_host.cpp" $(pkg-config --cflags --libs tamrelcore) 
   -Wl,-rpath,"$(pkg-config --variable=libdir tamrelcore)" -o "$work/pc_host"
 expect "pkg-config --cflags --libs" "$work/pc_host"
 # The installed agent finds the installed plug-in on its own.
-"$prefix/bin/tamrel-agent" --demo > "$prefix/demo.log" 2>&1 \
-  && grep -q "plug-in $libdir/libtamrelcore\.so.* (f5f95dd)" "$prefix/demo.log" \
+printf 'address = http://127.0.0.1:9\ntenant-id = t\ncontroller-id = c\ntoken = x\ndownload-dir = %s/dl\n' \
+  "$prefix" > "$prefix/agent.conf"
+"$prefix/bin/tamrel-agent" --once --config "$prefix/agent.conf" > "$prefix/demo.log" 2>&1
+grep -q "plug-in $libdir/libtamrelcore\.so.* (f5f95dd)" "$prefix/demo.log" \
   || { cat "$prefix/demo.log"; echo "FAILED: installed agent"; exit 1; }
-echo "ok: installed tamrel-agent --demo"
+echo "ok: installed tamrel-agent loads the installed plug-in"
 echo "installed tree works"

@@ -1,0 +1,170 @@
+// tamrel-demo: the agent's classes through a whole cycle against an
+// in-process DDI server: configuration data, a deployment of two chunks and
+// three artifacts, a cancel request, then what the server received.
+#include <ftw.h>
+#include <openssl/md5.h>
+#include <openssl/sha.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <random>
+#include <string>
+
+#include "agent/agentconfig.h"
+#include "agent/pluginloader.h"
+#include "agent/updateagent.h"
+#include "testserver/ddidocument.h"
+#include "testserver/dditestserver.h"
+
+namespace {
+
+namespace testing = tamrel::testing;
+
+char const kUsage[] = "usage: tamrel-demo [--plugin PATH]\n";
+
+void removeTree(char const* dir) {
+  nftw(
+      dir, [](char const* path, struct stat const*, int, FTW*) { return std::remove(path); }, 16,
+      FTW_DEPTH | FTW_PHYS);
+}
+
+// Two chunks, three artifacts of a few MiB, one of them with MD5 only.
+testing::DeploymentDocument offer(testing::DdiTestServer& server) {
+  struct Item {
+    char const *chunk, *name;
+    std::size_t size;
+    bool sha1;
+  } const items[] = {{"rootfs", "rootfs.img", 4u << 20, true},
+                     {"rootfs", "rootfs.sig", 1u << 20, true},
+                     {"app", "app.tar", 3u << 20, false}};
+  std::mt19937 random(42);
+  testing::DeploymentDocument deployment;
+  deployment.id = "1";
+  for (std::string const chunk : {"rootfs", "app"}) {
+    deployment.chunks.push_back({"os", "2.0", chunk, {}, false});
+    for (Item const& item : items) {
+      if (chunk != item.chunk) continue;
+      std::string content(item.size, '\0');
+      for (char& c : content) c = static_cast<char>(random());
+      auto const* bytes = reinterpret_cast<unsigned char const*>(content.data());
+      unsigned char sha[SHA_DIGEST_LENGTH], md5[MD5_DIGEST_LENGTH];
+      SHA1(bytes, content.size(), sha);
+      MD5(bytes, content.size(), md5);
+      std::string const path = std::string("/artifacts/") + item.name;
+      testing::ArtifactDocument artifact;
+      artifact.filename = item.name;
+      artifact.size = item.size;
+      artifact.hashes["md5"] = testing::hex(md5, sizeof md5);
+      if (item.sha1) artifact.hashes["sha1"] = testing::hex(sha, sizeof sha);
+      artifact.links["download-http"] = server.addArtifact(path, content);
+      // Paced (about 8 MiB/s) so that the progress bars can be watched.
+      testing::Fault paced;
+      paced.chunkBytes = 128 << 10;
+      paced.delayMs = 15;
+      server.setFault(path, paced);
+      deployment.chunks.back().artifacts.push_back(artifact);
+    }
+  }
+  return deployment;
+}
+
+// Prints what the server received; true when deployment 1 and cancel
+// request 2 were both closed with success.
+bool report(testing::DdiTestServer const& server) {
+  std::string const controller = server.controllerPath();
+  std::printf("  (~ is %s)\n", controller.c_str());
+  int feedbacks = 0;
+  bool deployed = false, cancelled = false;
+  for (auto const& request : server.requests()) {
+    std::string path = request.path;
+    if (path.compare(0, controller.size(), controller) == 0)
+      path = "~" + path.substr(controller.size());
+    std::string note, details;
+    if (request.path.find("/feedback") != std::string::npos) {
+      testing::Feedback const feedback = testing::readFeedback(request.body);
+      std::string const status = feedback.execution + "/" + feedback.finished;
+      note = "feedback: " + status;
+      ++feedbacks;
+      bool const closed = status == "closed/success";
+      if (request.path.find("/deploymentBase/1/") != std::string::npos) deployed = closed;
+      if (request.path.find("/cancelAction/2/") != std::string::npos) cancelled = closed;
+      for (auto const& line : feedback.details) details += (details.empty() ? "" : " | ") + line;
+    } else if (request.method == "PUT") {
+      for (auto const& [key, value] : testing::readConfigData(request.body).data) {
+        note += (note.empty() ? "attributes " : ", ") + key + "=" + value;
+      }
+    }
+    if (!note.empty()) path.resize(std::max<std::size_t>(path.size(), 34), ' ');
+    std::printf("  %-4s %s%s%s\n", request.method.c_str(), path.c_str(), note.empty() ? "" : " ",
+                note.c_str());
+    if (!details.empty()) std::printf("       details %s\n", details.c_str());
+  }
+  std::printf(
+      "\nsummary: %zu requests, %d feedback messages; deployment 1 %s, cancel request 2 %s\n",
+      server.requests().size(), feedbacks, deployed ? "closed/success" : "NOT closed/success",
+      cancelled ? "closed/success" : "NOT closed/success");
+  return deployed && cancelled;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string pluginPath;
+  for (int i = 1; i < argc; ++i) {
+    std::string const arg = argv[i];
+    if (arg == "--plugin" && i + 1 < argc) {
+      pluginPath = argv[++i];
+    } else {
+      std::fputs(kUsage, arg == "--help" || arg == "-h" ? stdout : stderr);
+      return arg == "--help" || arg == "-h" ? 0 : 2;
+    }
+  }
+  setvbuf(stdout, nullptr, _IOLBF, 0);
+  // Declared before the configuration: the property table must go before
+  // the plug-in whose code its entries use.
+  PluginLoader plugin(pluginPath);
+  if (plugin.client() == nullptr) {
+    std::fprintf(stderr, "tamrel-demo: %s\n", plugin.error().c_str());
+    return 1;
+  }
+  std::printf("plug-in %s (%s)\n", plugin.path().c_str(), plugin.client()->uuid().c_str());
+
+  testing::DdiTestServer server;
+  server.setRequireToken("demo-token");
+  std::string const base = server.baseUrl();
+  server.setDeploymentBase("1", testing::deploymentBaseJson(offer(server)));
+  server.setControllerBase(
+      testing::controllerBaseJson(base, server.controllerPath(), "00:00:30", "1", "", true));
+
+  char dir[] = "/tmp/tamrel-demo-XXXXXX";
+  if (mkdtemp(dir) == nullptr) return 1;
+  AgentConfig config;
+  config.demo = true;
+  config.downloadDir = dir;
+  config.attributes = {{"hw-revision", "2"}, {"serial", "demo-0001"}};
+  auto& table = *config.properties;
+  *table["address"] = base;
+  *table["tenant-id"] = "DEFAULT";
+  *table["controller-id"] = "dev01";
+  *table["token"] = "demo-token";
+
+  bool ok = false;
+  {
+    UpdateAgent agent(*plugin.client(), config);
+    agent.progress().captureStderr();
+    std::printf("DDI test server on %s, downloads into %s\n\n", base.c_str(), dir);
+    if (agent.connect()) {
+      std::printf("== first poll: configuration request and a deployment\n");
+      agent.cycle();
+      std::printf("\n== second poll: a cancel request\n");
+      server.setCancelAction("2", testing::cancelActionJson("2", "1"));
+      server.setControllerBase(
+          testing::controllerBaseJson(base, server.controllerPath(), "00:00:30", "", "2", false));
+      agent.cycle();
+      std::printf("\n== what the server received\n");
+      ok = report(server);
+    }
+  }
+  removeTree(dir);
+  return ok ? 0 : 1;
+}

@@ -1,0 +1,27 @@
+#ifndef TAMREL_AGENT_INSTALLER_H_
+#define TAMREL_AGENT_INSTALLER_H_
+
+#include <string>
+#include <vector>
+
+// Runs a configured command through `/bin/sh -c '<command>' tamrel-install
+// <arg1> <arg2> ...`, so the arguments (the artifact files of a chunk) are
+// $1, $2, ... and "$@" in the command. Its standard output is the agent's;
+// the last lines of its standard error are kept for the feedback details.
+class Installer {
+ public:
+  struct Result {
+    bool started = false;
+    int exitCode = -1;  // -1: ended by a signal
+    std::vector<std::string> stderrTail;
+    // "exit N" / "killed by signal N" / "could not be started".
+    std::string describe() const;
+  };
+
+  static Result run(std::string const& command, std::vector<std::string> const& args = {});
+
+  static constexpr std::size_t kTailLines = 5;
+  static constexpr std::size_t kLineBytes = 200;
+};
+
+#endif  // TAMREL_AGENT_INSTALLER_H_

@@ -1,0 +1,129 @@
+#include "agent/installstate.h"
+
+#include "agent/installer.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+namespace {
+
+// One line per value: line breaks and other control characters become blanks.
+std::string oneLine(std::string text) {
+  for (char& c : text) {
+    if (static_cast<unsigned char>(c) < 0x20) c = ' ';
+  }
+  return text;
+}
+
+bool syncPath(std::string const& path, int flags) {
+  int const fd = open(path.c_str(), flags | O_CLOEXEC);
+  if (fd < 0) return false;
+  bool const ok = fsync(fd) == 0;
+  return close(fd) == 0 && ok;
+}
+
+std::string directoryOf(std::string const& path) { return path.substr(0, path.rfind('/')); }
+
+}  // namespace
+
+bool InstallState::load(Pending& pending, std::string& error) const {
+  if (!enabled()) return false;
+  std::ifstream in(path());
+  if (!in) {
+    if (errno != ENOENT) error = "cannot read " + path() + ": " + std::strerror(errno);
+    return false;
+  }
+  pending = Pending();
+  std::string line;
+  bool complete = false;
+  while (std::getline(in, line)) {
+    std::size_t const space = line.find(' ');
+    std::string const key = line.substr(0, space);
+    std::string const value = space == std::string::npos ? "" : line.substr(space + 1);
+    if (key == "action") pending.actionId = value;
+    if (key == "chunk") pending.chunks.push_back(value);
+    if (key == "result") pending.result = value;
+    if (key == "detail") pending.details.push_back(value);
+    if (key == "end") complete = true;
+  }
+  if (!complete || pending.actionId.empty() || pending.chunks.empty()) {
+    error = path() + " is incomplete";
+    return false;
+  }
+  return true;
+}
+
+bool InstallState::save(Pending const& pending, std::string& error) const {
+  std::ostringstream text;
+  text << "action " << oneLine(pending.actionId) << "\n";
+  for (auto const& chunk : pending.chunks) text << "chunk " << oneLine(chunk) << "\n";
+  if (!pending.result.empty()) text << "result " << oneLine(pending.result) << "\n";
+  for (auto const& detail : pending.details) text << "detail " << oneLine(detail) << "\n";
+  text << "end\n";
+  std::string const data = text.str();
+  std::string const temporary = path() + ".new";
+  int const fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  bool ok = fd >= 0;
+  for (std::size_t done = 0; ok && done < data.size();) {
+    ssize_t const n = write(fd, data.data() + done, data.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    ok = n > 0;
+    if (ok) done += static_cast<std::size_t>(n);
+  }
+  ok = ok && fsync(fd) == 0;
+  if (fd >= 0) ok = close(fd) == 0 && ok;
+  ok = ok && std::rename(temporary.c_str(), path().c_str()) == 0;
+  ok = ok && syncPath(directoryOf(path()), O_RDONLY | O_DIRECTORY);
+  if (!ok) {
+    error = "cannot write " + path() + ": " + std::strerror(errno);
+    std::remove(temporary.c_str());
+  }
+  return ok;
+}
+
+bool InstallState::clear(std::string& error) const {
+  if (!enabled()) return true;
+  if (std::remove(path().c_str()) != 0 && errno != ENOENT) {
+    error = "cannot remove " + path() + ": " + std::strerror(errno);
+    return false;
+  }
+  syncPath(directoryOf(path()), O_RDONLY | O_DIRECTORY);
+  return true;
+}
+
+bool InstallState::confirm(std::string const& confirmCommand, Pending& pending,
+                           std::string& error) const {
+  if (!load(pending, error)) return false;
+  if (!pending.result.empty()) return true;
+  if (confirmCommand.empty()) {
+    pending.result = "success";
+    pending.details.push_back("restarted after the reboot; no confirm-command configured");
+  } else {
+    Installer::Result const result = Installer::run(confirmCommand);
+    pending.result = result.exitCode == 0 ? "success" : "failure";
+    pending.details.push_back("confirm command: " + result.describe());
+    for (auto const& line : result.stderrTail) pending.details.push_back("confirm: " + line);
+  }
+  save(pending, error);
+  return true;
+}
+
+hawkbit_query_t::deployment_t InstallState::closingFeedback(Pending const& pending) {
+  hawkbit_query_t::deployment_t deployment;
+  deployment.id = pending.actionId;
+  for (auto const& name : pending.chunks) {
+    deployment.chunks.emplace_back();
+    deployment.chunks.back().name = name;
+    deployment.chunks.back().completed = true;
+  }
+  deployment.chunks.front().details = pending.details;
+  deployment.execution = execution_t::closed;
+  deployment.finished = pending.result == "success" ? finished_t::success : finished_t::failure;
+  return deployment;
+}

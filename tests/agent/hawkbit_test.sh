@@ -1,0 +1,141 @@
+#!/usr/bin/env bash
+# The agent against tamrel-ddi-server answering like a current hawkBit
+# server: link choice, digests, completeness, handling types, maintenance
+# window, download-only actions, install command, reboot and confirmation,
+# an artifact above 4 GiB resumed near its end, and the server's refusals.
+# usage: hawkbit_test.sh BUILD_DIR   (KEEP=1 keeps the work directory)
+set -uo pipefail
+. "$(dirname "$0")/lib.sh"
+# Events decide; the cap only bounds a failing run (digests of 4 GiB take a while).
+wait_for() { for _ in $(seq 1200); do grep -q -- "$1" "$2" 2>/dev/null && return 0; sleep 0.1; done; return 1; }
+mkdir -p "$work/art" "$work/two" "$work/state"
+head -c 300000 /dev/urandom > "$work/art/image.bin"
+head -c 1000 /dev/urandom > "$work/two/a.bin"; head -c 1000 /dev/urandom > "$work/two/b.bin"
+inst=$work/installed
+# A background child keeps the command's standard error open: not waited for.
+install='install-command = sleep 20 & printf "%s\n" "$#" "$@" > '"$inst"'; echo "last words" >&2; exit 0'
+details_have() { closing | grep -q -- "$1"; }
+no_feedback() { ! grep -q '^POST' "$log"; }
+fetched() { test "$(grep -c 'GET /artifacts' "$log")" -eq "$1"; }
+feedbacks() { grep -A1 "^POST .*/deploymentBase/1/feedback\$" "$log" | grep -c "$1"; }
+installed_once() { test "$(head -1 "$inst")" = 1 && grep -qx "$dl/firmware/image.bin" "$inst"; }
+
+row() {  # description, expectation, server options, agent settings (shell words)
+  rm -f "$inst"
+  eval "serve $3" || return
+  eval "run_agent ${4:-}"
+  check "$1" eval "$2"
+}
+row 'installs through sh -c with the files as $1..' \
+  'closed_with success && installed_once && details_have "install command succeeded (exit 0)"' \
+  '' '"$install"'
+row 'install failure: exit status and stderr tail in the details' \
+  'closed_with failure && details_have "(exit 3)" && details_have "install: last words"' \
+  '' '"${install/exit 0/exit 3}"'
+row 'TLS-only server: the "download" link is used' 'closed_with success' --tls-links
+row 'both links: "download" preferred' 'closed_with success && ! grep -q "?http" "$log"' --both-links
+row 'upper-case digests accepted' 'closed_with success' --upper-digests
+row 'SHA-256 mismatch is a digest failure' \
+  'closed_with failure && details_have "image.bin: digest mismatch (SHA-256)"' \
+  '--wrong-sha256 image.bin'
+row 'artifact element the library cannot read: failure, nothing fetched' \
+  'closed_with failure && details_have "could be read" && fetched 0' --empty-artifact
+row 'duplicate file name in a chunk: failure, nothing fetched' \
+  'closed_with failure && details_have "listed twice" && fetched 0' \
+  '--artifacts "$work/two" --name-as a.bin=x --name-as b.bin=x'
+row 'control character in a name: failure, nothing fetched' \
+  'closed_with failure && details_have "control character" && fetched 0' \
+  "--name-as image.bin=\$'im\\tage'"
+row 'action id not decimal: nothing sent, nothing fetched' 'no_feedback && fetched 0' \
+  '--action 1x'
+row 'download "skip": nothing fetched yet' 'no_feedback && fetched 0' '--handling skip:forced'
+row 'download-only action: closed "downloaded" at the feedback path, not installed' \
+  'test "$(feedbacks "\"execution\":\"downloaded\"")" -eq 1 && ! closing && test ! -e "$inst"' \
+  --download-only '"$install"'
+
+# hawkBit refuses configData without attributes: the agent adds its version.
+serve
+sed -i '/^attribute/d' "$conf"
+run_agent
+check "no attribute configured: the agent's version is sent" \
+  eval 'grep -A1 "PUT .*/configData" "$log" | grep -q "\"tamrel-agent.version\""'
+
+# Update "skip" while the window is unavailable: downloaded and reported
+# waiting; once a later poll shows the window, installed without fetching again.
+serve --handling forced:skip:unavailable --window-opens-at 2 --sleep 00:00:01
+printf '%s\n' "$install" >> "$conf"
+"$agent" --config "$conf" > "$work/window.log" 2>&1 &
+pids+=($!)
+wait_for 'deployment 1: success' "$work/window.log"
+kill $! 2>/dev/null
+window_order() {
+  grep -A1 '^POST .*/feedback$' "$log" | grep -o '"execution":"[a-z]*"\|waiting for maintenance window' |
+    tr '\n' ' ' | grep -q 'proceeding.*waiting for maintenance window.*"closed"'
+}
+check "maintenance window: waited, then installed; fetched once" \
+  eval 'window_order && closed_with success && installed_once && fetched 1'
+
+# Reboot flow: the install command asks for a reboot, the reboot command
+# kills the agent (as a reboot would); the next start confirms.
+reboot_flow() {  # confirm command, expected result
+  want=$2
+  serve
+  printf '%s\n' "${install/exit 0/exit 7}" 'reboot-exit-code = 7' "state-dir = $work/state" \
+    'reboot-command = kill -KILL $PPID' >> "$conf"
+  "$agent" --once --config "$conf" > "$work/reboot$n.log" 2>&1 &
+  wait $! 2>/dev/null
+  code=$?
+  check "reboot: killed after reporting proceeding, pending action recorded" \
+    eval 'test $code -eq 137 && feedbacks "rebooting to confirm" >/dev/null && ! closing &&
+          grep -qx "action 1" "$work/state/pending"'
+  printf 'confirm-command = %s\n' "$1" >> "$conf"
+  "$agent" --once --config "$conf" > "$work/confirm$n.log" 2>&1
+  check "after the reboot: closed $2 once, with the confirm output; state cleared" \
+    eval 'test "$(feedbacks "\"closed\"")" -eq 1 && closed_with "$want" && details_have "confirm: said" &&
+          test ! -e "$work/state/pending" && fetched 1 && installed_once'
+}
+reboot_flow 'echo said ok >&2' success
+reboot_flow 'echo said no >&2; exit 1' failure
+
+# What the server refuses, as hawkBit does.
+address=$(sed -n 's/^address = //p' "$conf")
+status() { curl -s -o "$work/answer" -w '%{http_code}' -H 'Authorization: TargetToken t0k#1' "$@"; }
+check 'server: "//" in a path is 400' \
+  test "$(status "$address//DEFAULT/controller/v1/dev01")" = 400
+long=$(printf 'k%.0s' $(seq 129))
+for row in 'no attribute|{}' "a key over 128|{\"$long\":\"v\"}" "a value over 128|{\"k\":\"$long\"}"; do
+  check "server: configData with ${row%%|*} is 400" test "$(status -X PUT \
+    -d "{\"data\":${row#*|}}" "$address/DEFAULT/controller/v1/dev01/configData")" = 400
+done
+check "server: configData with one short attribute is 200" \
+  test "$(status -X PUT -d '{"data":{"k":"v"}}' "$address/DEFAULT/controller/v1/dev01/configData")" = 200
+check "server: feedback to a closed action is 410 with an error document" eval \
+  'test "$(status -d "{}" "$address/DEFAULT/controller/v1/dev01/deploymentBase/1/feedback")" = 410 &&
+   grep -q exceptionClass "$work/answer"'
+
+# Above 4 GiB, served from a sparse file: a partial file of 4 GiB or more
+# starts over; one below resumes near the end. Nothing writes gigabytes.
+mkdir -p "$work/big"
+big=$work/big/big.img size=$((4 * 1024 ** 3 + 1024 ** 2))
+truncate -s $size "$big"
+head -c $((2 * 1024 ** 2)) /dev/urandom | dd of="$big" bs=1M seek=4095 conv=notrunc status=none
+serve --artifacts "$work/big" --slow 200
+mkdir -p "$dl/firmware"
+truncate -s $((4 * 1024 ** 3 + 512 * 1024)) "$dl/firmware/big.img"
+echo 'install-command = true' >> "$conf"
+"$agent" --config "$conf" > "$work/big1.log" 2>&1 &
+pids+=($!)
+wait_for 'GET /artifacts' "$log"
+kill -TERM $!
+wait $!
+check "partial file of 4 GiB or more: started over" \
+  eval '! grep -q "Range:" "$log" && test $(stat -c %s "$dl/firmware/big.img") -lt $((1 << 32))'
+truncate -s $((4 * 1024 ** 3 - 1024 ** 2)) "$dl/firmware/big.img"
+run_agent
+check "above 4 GiB: resumed near the end, verified, success" \
+  eval 'grep -q "Range: bytes=4293918720-" "$log" && closed_with success &&
+        test $(stat -c %s "$dl/firmware/big.img") -eq $size'
+check "above 4 GiB: disk use stays small" test "$(du -sk "$work" | cut -f1)" -lt 65536
+
+[ $fail -eq 0 ] && echo "hawkbit tests: all passed"
+exit $fail

@@ -1,0 +1,67 @@
+// The DDI documents the test servers and the demo serve, built with cJSON,
+// and readers for the bodies devices send. One place for hawkBit's shapes.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace tamrel::testing {
+
+struct ArtifactDocument {
+  std::string filename;
+  std::uint64_t size = 0;
+  std::map<std::string, std::string> hashes;  // "sha1", "md5", "sha256" -> hex
+  std::map<std::string, std::string> links;   // "download", "download-http", ... -> URL
+};
+
+struct ChunkDocument {
+  std::string part = "os", version = "1.0", name;
+  std::vector<ArtifactDocument> artifacts;
+  // An artifact element without members first in the list, which ends the
+  // list for a reader that stops at an element it cannot read.
+  bool emptyArtifactFirst = false;
+};
+
+struct DeploymentDocument {
+  std::string id;
+  std::string download = "forced", update = "forced";
+  std::string maintenanceWindow;  // "available", "unavailable", "" for none
+  std::vector<ChunkDocument> chunks;
+};
+
+std::string deploymentBaseJson(DeploymentDocument const& deployment);
+std::string cancelActionJson(std::string const& id, std::string const& stopId);
+// hawkBit's error document (ExceptionInfo).
+std::string exceptionInfoJson(std::string const& exceptionClass, std::string const& errorCode,
+                              std::string const& message);
+
+// A controller base document in hawkBit's shape: the polling sleep
+// ("HH:MM:SS") and _links to deploymentBase (with a "?c=" query as hawkBit
+// sends it), cancelAction and configData as asked.
+std::string controllerBaseJson(std::string const& baseUrl, std::string const& controllerPath,
+                               std::string const& sleep, std::string const& deploymentActionId,
+                               std::string const& cancelActionId, bool configData);
+
+// What a feedback body says; `valid` false when it is not a feedback document.
+struct Feedback {
+  bool valid = false;
+  std::string execution, finished;
+  std::vector<std::string> details;
+  // "closed", or "downloaded" for a download-only action, ends the action.
+  bool closesAction() const { return execution == "closed" || execution == "downloaded"; }
+};
+Feedback readFeedback(std::string const& body);
+
+// The attributes of a configData body; `valid` false when "data" is no object.
+struct ConfigData {
+  bool valid = false;
+  std::map<std::string, std::string> data;
+};
+ConfigData readConfigData(std::string const& body);
+
+// Lower-case hex of bytes.
+std::string hex(unsigned char const* bytes, std::size_t n);
+
+}  // namespace tamrel::testing
