@@ -3,11 +3,14 @@
 # is cached as a tarball (TAMREL_CHROOT_CACHE, default /var/cache/tamrel);
 # every chroot_open unpacks a fresh copy. The caller's EXIT trap must call
 # chroot_close, which unmounts and removes the chroot; it never removes a
-# tree that still has mounts.
+# tree that still has mounts. Sourcing this file turns SIGINT and SIGTERM
+# into an exit, so that the EXIT trap runs for them too.
 # usage: chroot_open ROOT PACKAGES(comma-separated) [security]; chroot_run ROOT CMD...
 
 chroot_mounts=()
 chroot_root=
+trap 'exit 130' INT
+trap 'exit 143' TERM
 
 # The Debian mirror apt already uses (deb822 or one-line sources).
 chroot_mirrors() {
