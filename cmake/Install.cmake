@@ -60,6 +60,13 @@ if(TARGET tamrel-agent)
   # ships; the unversioned name belongs to development installs.
   set(TAMREL_PLUGIN_FILE
     "${CMAKE_INSTALL_FULL_LIBDIR}/libtamrelcore.so.${PROJECT_VERSION_MAJOR}")
+  # Where the configuration is installed, not GNUInstallDirs' /etc special
+  # case for the prefix /usr, so that the unit names the installed file.
+  if(IS_ABSOLUTE "${CMAKE_INSTALL_SYSCONFDIR}")
+    set(TAMREL_CONFIG_DIR "${CMAKE_INSTALL_SYSCONFDIR}/tamrel")
+  else()
+    set(TAMREL_CONFIG_DIR "${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_SYSCONFDIR}/tamrel")
+  endif()
   configure_file(packaging/tamrel-agent.service.in ${CMAKE_BINARY_DIR}/tamrel-agent.service @ONLY)
   if(TAMREL_INSTALL_SYSTEMD_UNIT)
     install(FILES ${CMAKE_BINARY_DIR}/tamrel-agent.service DESTINATION ${TAMREL_SYSTEMD_UNITDIR})

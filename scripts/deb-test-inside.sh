@@ -31,6 +31,10 @@ check "apt-get install tamrel-agent tamrel-ddi-server" \
 check "tamrel-agent --version" sh -c 'tamrel-agent --version | tee /dev/stderr | grep -q 1\.0\.0'
 check "systemd-analyze verify accepts the unit" \
   systemd-analyze verify /lib/systemd/system/tamrel-agent.service
+check "every path in the unit's ExecStart is installed" sh -c '
+  for path in $(sed -n "s/^ExecStart=//p" /lib/systemd/system/tamrel-agent.service); do
+    case $path in /*) test -e "$path" || { echo "missing: $path"; exit 1; } ;; esac
+  done'
 check "the unit is installed but not enabled" \
   sh -c '! systemctl is-enabled -q tamrel-agent.service'
 check "the package made /var/lib/tamrel/downloads and state" \
