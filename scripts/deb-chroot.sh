@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Fresh Debian bookworm amd64 chroots for the package scripts, sourced by
 # deb-build.sh and deb-test.sh. A debootstrapped base with the given packages
 # is cached as a tarball (TAMREL_CHROOT_CACHE, default /var/cache/tamrel);

@@ -66,10 +66,13 @@ if readelf -d "$work/plugin_host" | grep -E 'NEEDED.*(tamrelcore|curl|cjson|cryp
   fail "tamrelcore::headers made plugin_host link the library or its dependencies"
 fi
 
-[ -n "$build" ] && export PKG_CONFIG_PATH=$(dirname "$pc")
+if [ -n "$build" ]; then
+  PKG_CONFIG_PATH=$(dirname "$pc")
+  export PKG_CONFIG_PATH
+fi
 # shellcheck disable=SC2046
 c++ -std=c++17 "$here/static_host.cpp" $(pkg-config --cflags --libs tamrelcore) \
   -Wl,-rpath,"$(pkg-config --variable=libdir tamrelcore)" -o "$work/pc_host"
 expect "pkg-config --cflags --libs" "$work/pc_host"
-[ -n "$build" ] && "$here/agent_once.sh" "$prefix/bin"
+if [ -n "$build" ]; then "$here/agent_once.sh" "$prefix/bin"; fi
 echo "installed tree works"
