@@ -45,7 +45,8 @@ check "the agent carries no test server (links no cpp-httplib)" \
   sh -c '! readelf -d /usr/bin/tamrel-agent | grep "NEEDED.*httplib"'
 # As the unit starts it, then as a user would, without the development
 # package's unversioned library name.
-check "tamrel-agent --once (the unit's --plugin) completes a deployment" \
+check "tamrel-agent --once (shipped configuration, the unit's --plugin) completes a deployment" \
+  env BASE_CONFIG=/etc/tamrel/agent.conf \
   /srv/tests/consumer/agent_once.sh /usr/bin --plugin "$(plugin_from_unit)"
 check "tamrel-agent --once finds the runtime package's plug-in by itself" \
   /srv/tests/consumer/agent_once.sh /usr/bin

@@ -3,7 +3,9 @@
 # one artifact, `tamrel-agent --once` downloads it and runs an install command
 # that compares it with the original. Passes when the agent exits 0, the
 # command saw the right file and the server got closed/success feedback.
-# usage: agent_once.sh BINDIR [AGENT_OPTION...]
+# With BASE_CONFIG set (the shipped agent.conf), the agent reads that file
+# with its server, identity, directories and install command replaced.
+# usage: [BASE_CONFIG=FILE] agent_once.sh BINDIR [AGENT_OPTION...]
 set -euo pipefail
 bindir=$1; shift
 work=$(mktemp -d /tmp/tamrel-once-XXXXXX)
@@ -37,7 +39,11 @@ url=${first#DDI server on }
 address=${url%%/DEFAULT/*}
 [ "$address" != "$first" ] || fail "unexpected server line: $first"
 
-cat > "$work/agent.conf" <<CONF
+if [ -n "${BASE_CONFIG:-}" ]; then
+  grep -Ev '^[[:space:]]*(address|tenant-id|controller-id|token|token-file|download-dir|install-command)[[:space:]]*=' \
+    "$BASE_CONFIG" > "$work/agent.conf" || fail "cannot read $BASE_CONFIG"
+fi
+cat >> "$work/agent.conf" <<CONF
 address = $address
 tenant-id = DEFAULT
 controller-id = dev01

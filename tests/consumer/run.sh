@@ -74,5 +74,7 @@ fi
 c++ -std=c++17 "$here/static_host.cpp" $(pkg-config --cflags --libs tamrelcore) \
   -Wl,-rpath,"$(pkg-config --variable=libdir tamrelcore)" -o "$work/pc_host"
 expect "pkg-config --cflags --libs" "$work/pc_host"
-if [ -n "$build" ]; then "$here/agent_once.sh" "$prefix/bin"; fi
+if [ -n "$build" ]; then
+  BASE_CONFIG=$prefix/etc/tamrel/agent.conf "$here/agent_once.sh" "$prefix/bin"
+fi
 echo "installed tree works"
