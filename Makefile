@@ -4,7 +4,8 @@ JOBS ?= 2
 CMAKE_FLAGS ?=
 CTEST = ctest --output-on-failure --no-tests=error -j$(JOBS)
 
-.PHONY: all deps build test test-asan test-tsan test-valgrind test-armhf soak bench fuzz fuzz-smoke demo clean format
+.PHONY: all deps build test test-asan test-tsan test-valgrind test-armhf soak bench fuzz fuzz-smoke demo clean format \
+	deb deb-armhf test-deb
 
 all: build
 
@@ -58,6 +59,18 @@ FUZZ_SECONDS ?= 60
 fuzz-smoke: fuzz
 	scripts/fuzz-run.sh build-fuzz $(FUZZ_SECONDS)
 
+# Debian packages from a copy of the tree into build-deb/amd64 and
+# build-deb/armhf, checked with lintian; test-deb installs the amd64 ones in a
+# fresh bookworm chroot and runs them there (root).
+deb:
+	JOBS=$(JOBS) scripts/deb-build.sh amd64
+
+deb-armhf:
+	JOBS=$(JOBS) scripts/deb-build.sh armhf
+
+test-deb: deb
+	scripts/deb-test.sh
+
 demo: build
 	./build/tamrel-demo
 
@@ -65,7 +78,7 @@ format:
 	clang-format -i $$(git ls-files '*.cpp' '*.h')
 
 clean:
-	rm -rf build build-asan build-tsan build-fuzz build-armhf
+	rm -rf build build-asan build-tsan build-fuzz build-armhf build-deb
 
 # Benchmarks against curl, openssl and coreutils (not part of `make test`).
 bench: build

@@ -1,8 +1,19 @@
 # Installs the plug-in, the static library, the host headers under
 # include/tamrel/, a pkg-config file and a CMake package with the imported
-# targets tamrelcore::plugin and tamrelcore::static.
+# targets tamrelcore::plugin, tamrelcore::static and tamrelcore::headers; with
+# the agent, the agent, its systemd unit and its example configuration. The
+# DDI test server is installed only on request:
+#   cmake --install BUILD --component ddi-server
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
+
+# Headers only, for hosts that load the plug-in with dlopen and must not
+# link it (nor libcurl, cJSON or OpenSSL).
+add_library(tamrelcore_headers INTERFACE)
+target_include_directories(tamrelcore_headers INTERFACE
+  $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
+  $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/tamrel>)
+add_library(tamrelcore::headers ALIAS tamrelcore_headers)
 
 foreach(target tamrelcore_shared tamrelcore_static)
   target_include_directories(${target} INTERFACE
@@ -10,8 +21,9 @@ foreach(target tamrelcore_shared tamrelcore_static)
 endforeach()
 set_target_properties(tamrelcore_shared PROPERTIES EXPORT_NAME plugin)
 set_target_properties(tamrelcore_static PROPERTIES EXPORT_NAME static)
+set_target_properties(tamrelcore_headers PROPERTIES EXPORT_NAME headers)
 
-install(TARGETS tamrelcore_shared tamrelcore_static EXPORT tamrelcoreTargets
+install(TARGETS tamrelcore_shared tamrelcore_static tamrelcore_headers EXPORT tamrelcoreTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 foreach(header properties/lookup.h properties/simple_signal.h properties/value_container.h
@@ -37,6 +49,27 @@ string(REGEX REPLACE "/$" "" TAMREL_PC_TO_PREFIX "${TAMREL_PC_TO_PREFIX}")
 configure_file(cmake/tamrelcore.pc.in ${CMAKE_BINARY_DIR}/tamrelcore.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/tamrelcore.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
+option(TAMREL_INSTALL_SYSTEMD_UNIT "Install the agent's systemd unit" ON)
+set(TAMREL_SYSTEMD_UNITDIR "lib/systemd/system" CACHE STRING
+  "Where the agent's unit is installed, relative to the prefix or absolute")
 if(TARGET tamrel-agent)
-  install(TARGETS tamrel-agent tamrel-ddi-server RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(TARGETS tamrel-agent RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(TARGETS tamrel-ddi-server RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+    COMPONENT ddi-server EXCLUDE_FROM_ALL)
+  # The unit names the plug-in by its SONAME file, which the runtime package
+  # ships; the unversioned name belongs to development installs.
+  set(TAMREL_PLUGIN_FILE
+    "${CMAKE_INSTALL_FULL_LIBDIR}/libtamrelcore.so.${PROJECT_VERSION_MAJOR}")
+  # Where the configuration is installed, not GNUInstallDirs' /etc special
+  # case for the prefix /usr, so that the unit names the installed file.
+  if(IS_ABSOLUTE "${CMAKE_INSTALL_SYSCONFDIR}")
+    set(TAMREL_CONFIG_DIR "${CMAKE_INSTALL_SYSCONFDIR}/tamrel")
+  else()
+    set(TAMREL_CONFIG_DIR "${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_SYSCONFDIR}/tamrel")
+  endif()
+  configure_file(packaging/tamrel-agent.service.in ${CMAKE_BINARY_DIR}/tamrel-agent.service @ONLY)
+  if(TAMREL_INSTALL_SYSTEMD_UNIT)
+    install(FILES ${CMAKE_BINARY_DIR}/tamrel-agent.service DESTINATION ${TAMREL_SYSTEMD_UNITDIR})
+  endif()
+  install(FILES packaging/agent.conf DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/tamrel)
 endif()

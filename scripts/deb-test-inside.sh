@@ -1,0 +1,69 @@
+#!/bin/bash
+# The checks of scripts/deb-test.sh, run inside the chroot; /srv/debs holds the
+# packages as a local apt source, /srv/tests the consumer hosts. Every check
+# runs; the list of failed ones ends the output.
+set -uo pipefail
+export DEBIAN_FRONTEND=noninteractive
+failed=()
+check() {  # what, command...; its output is shown when it fails
+  local what=$1; shift
+  if "$@" > /tmp/check.log 2>&1; then
+    echo "ok: $what"
+  else
+    sed 's/^/    /' /tmp/check.log | tail -n 40
+    echo "FAILED: $what"
+    failed+=("$what")
+  fi
+}
+snapshot() {  # every path outside what apt, dpkg and the tests change
+  find / -xdev \( -path /proc -o -path /sys -o -path /dev -o -path /tmp -o -path /srv \
+    -o -path /root -o -path /run -o -path /var/lib/apt -o -path /var/lib/dpkg \
+    -o -path /var/cache -o -path /var/log \) -prune -o -print | sort
+}
+plugin_from_unit() {
+  sed -n 's/^ExecStart=.*--plugin \([^ ]*\).*/\1/p' /lib/systemd/system/tamrel-agent.service
+}
+
+apt-get update -q > /dev/null || exit 1
+snapshot > /tmp/before
+check "apt-get install tamrel-agent tamrel-ddi-server" \
+  apt-get install -y -q tamrel-agent tamrel-ddi-server
+check "tamrel-agent --version" sh -c 'tamrel-agent --version | tee /dev/stderr | grep -q 1\.0\.0'
+check "systemd-analyze verify accepts the unit" \
+  systemd-analyze verify /lib/systemd/system/tamrel-agent.service
+check "every path in the unit's ExecStart is installed" sh -c '
+  for path in $(sed -n "s/^ExecStart=//p" /lib/systemd/system/tamrel-agent.service); do
+    case $path in /*) test -e "$path" || { echo "missing: $path"; exit 1; } ;; esac
+  done'
+check "the unit is installed but not enabled" \
+  sh -c '! systemctl is-enabled -q tamrel-agent.service'
+check "the package made /var/lib/tamrel/downloads and state" \
+  test -d /var/lib/tamrel/downloads -a -d /var/lib/tamrel/state
+check "agent.conf is a conffile" \
+  sh -c 'dpkg-query -W -f="\${Conffiles}" tamrel-agent | grep -q /etc/tamrel/agent.conf'
+check "the agent carries no test server (links no cpp-httplib)" \
+  sh -c '! readelf -d /usr/bin/tamrel-agent | grep "NEEDED.*httplib"'
+# As the unit starts it, then as a user would, without the development
+# package's unversioned library name.
+check "tamrel-agent --once (shipped configuration, the unit's --plugin) completes a deployment" \
+  env BASE_CONFIG=/etc/tamrel/agent.conf \
+  /srv/tests/consumer/agent_once.sh /usr/bin --plugin "$(plugin_from_unit)"
+check "tamrel-agent --once finds the runtime package's plug-in by itself" \
+  /srv/tests/consumer/agent_once.sh /usr/bin
+# What an agent leaves in its directories must go with the package.
+mkdir -p /var/lib/tamrel/downloads/firmware && touch /var/lib/tamrel/downloads/firmware/image.bin
+
+check "apt-get install libtamrelcore-dev" apt-get install -y -q libtamrelcore-dev
+check "hosts built with find_package and pkg-config load the plug-in" \
+  /srv/tests/consumer/run.sh --system
+
+check "apt-get purge" apt-get purge -y -q --autoremove \
+  tamrel-agent tamrel-ddi-server libtamrelcore-dev libtamrelcore1
+snapshot > /tmp/after
+check "purge leaves nothing behind" diff /tmp/before /tmp/after
+
+if [ ${#failed[@]} -gt 0 ]; then
+  printf 'FAILED: %s\n' "${failed[@]}"
+  exit 1
+fi
+echo "all package checks passed"
