@@ -11,6 +11,9 @@
 #ifndef TAMREL_LIBDIR
 #define TAMREL_LIBDIR "lib"
 #endif
+#ifndef TAMREL_SONAME
+#define TAMREL_SONAME "libtamrelcore.so.1"
+#endif
 
 namespace {
 
@@ -31,9 +34,13 @@ PluginLoader::PluginLoader(std::string const& path) {
   } else {
     std::string const dir = executableDir();
     // The build tree, an installed tree (bin/ next to its library
-    // directory), then the loader's search path.
-    candidates = {dir + "/libtamrelcore.so", dir + "/../" TAMREL_LIBDIR "/libtamrelcore.so",
-                  dir + "/../lib/libtamrelcore.so", "libtamrelcore.so"};
+    // directory), then the loader's search path; in each, the run-time name
+    // first (a device carries only that one), then the development link.
+    for (std::string const& place :
+         {dir + "/", dir + "/../" TAMREL_LIBDIR "/", dir + "/../lib/", std::string()}) {
+      candidates.push_back(place + TAMREL_SONAME);
+      candidates.push_back(place + "libtamrelcore.so");
+    }
   }
   for (std::string const& candidate : candidates) {
     if (candidate.find('/') != std::string::npos && access(candidate.c_str(), R_OK) != 0) continue;
@@ -47,7 +54,7 @@ PluginLoader::PluginLoader(std::string const& path) {
     error_ = dlerror();
   }
   if (library_ == nullptr) {
-    if (error_.empty()) error_ = "cannot find libtamrelcore.so (use --plugin PATH)";
+    if (error_.empty()) error_ = "cannot find " TAMREL_SONAME " (use --plugin PATH)";
     return;
   }
   auto create = reinterpret_cast<void* (*)()>(dlsym(library_, "create_object"));

@@ -17,8 +17,8 @@
 #include <sstream>
 #include <thread>
 
-#ifndef TAMREL_AGENT_VERSION
-#define TAMREL_AGENT_VERSION "unknown"
+#ifndef TAMREL_VERSION
+#define TAMREL_VERSION "unknown"
 #endif
 
 namespace {
@@ -66,7 +66,7 @@ UpdateAgent::UpdateAgent(libtamrelcore& client, AgentConfig const& config)
       reboot_(client, config,
               [this](std::function<bool()> const& request) { return post(request); }) {
   // hawkBit refuses configuration data without attributes.
-  if (attributes_.empty()) attributes_.push_back({"tamrel-agent.version", TAMREL_AGENT_VERSION});
+  if (attributes_.empty()) attributes_.push_back({"tamrel-agent.version", TAMREL_VERSION});
   listen(client_.downloadStarted, [this](std::string, std::string) {
     transferring_ = true;
     if (Watchdog* watchdog = watchdog_.load()) watchdog->started();
