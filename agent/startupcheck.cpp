@@ -60,6 +60,12 @@ std::string StartupCheck::run(AgentConfig const& config) {
   if (problem.empty() && !config.stateDir.empty())
     problem = directory("state-dir", config.stateDir);
   if (!problem.empty()) return problem;
+  // A reboot without its record would install again after it, or never
+  // confirm.
+  if (config.rebootExitCode >= 0 &&
+      (config.stateDir.empty() || config.rebootCommand.empty() || config.confirmCommand.empty())) {
+    return "reboot-exit-code needs state-dir, reboot-command and confirm-command";
+  }
   if (config.installCommand.empty() && !config.downloadOnly && !config.demo) {
     return "install-command is not set; start with --download-only to download and verify "
            "without installing";

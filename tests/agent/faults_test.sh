@@ -148,6 +148,7 @@ key given twice|install-command=true install-command=true||conf:[0-9]*: 'install
 address with a query|install-command=true address=http://h/?x=1||query or fragment
 token with a control character|install-command=true token=t$(printf '\001')k||control characters
 attribute over 128 characters|install-command=true attribute.a=$(printf %0129d 0)||limited to 128
+reboot code without its record|install-command=true reboot-exit-code=7||needs state-dir
 EOF
 serve
 sed -i 's|^\(address = .*\)$|\1//|' "$conf"

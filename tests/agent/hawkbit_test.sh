@@ -81,14 +81,13 @@ reboot_flow() {  # confirm command, expected result
   want=$2
   serve
   printf '%s\n' "${install/exit 0/exit 7}" 'reboot-exit-code = 7' "state-dir = $work/state" \
-    'reboot-command = kill -KILL $PPID' >> "$conf"
+    'reboot-command = kill -KILL $PPID' "confirm-command = $1" >> "$conf"
   "$agent" --once --config "$conf" > "$work/reboot$n.log" 2>&1 &
   wait $! 2>/dev/null
   code=$?
   check "reboot: killed after reporting proceeding, pending action recorded" \
     eval 'test $code -eq 137 && feedbacks "rebooting to confirm" >/dev/null && ! closing &&
           grep -qx "action 1" "$work/state/pending"'
-  printf 'confirm-command = %s\n' "$1" >> "$conf"
   "$agent" --once --config "$conf" > "$work/confirm$n.log" 2>&1
   check "after the reboot: closed $2 once, with the confirm output; state cleared" \
     eval 'test "$(feedbacks "\"closed\"")" -eq 1 && closed_with "$want" && details_have "confirm: said" &&
