@@ -11,7 +11,7 @@
 // An action installed and waiting for a reboot: recorded in state-dir,
 // reported "proceeding", reboot-command run; after the restart
 // confirm-command decides how it is closed. Reports go through `post`, the
-// agent's POST/PUT wrapper ("" when sent, else the reason).
+// agent's ServerRequest ("" when sent, else the reason).
 class RebootConfirmation {
  public:
   using Post = std::function<std::string(std::function<bool()> const&)>;

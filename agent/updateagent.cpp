@@ -13,7 +13,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <sstream>
 #include <thread>
 
@@ -63,8 +62,9 @@ UpdateAgent::UpdateAgent(libtamrelcore& client, AgentConfig const& config)
     : client_(client),
       config_(config),
       attributes_(config.attributes),
+      server_(config, [this] { return stopping(); }),
       reboot_(client, config,
-              [this](std::function<bool()> const& request) { return post(request); }) {
+              [this](std::function<bool()> const& request) { return server_.send(request); }) {
   // hawkBit refuses configuration data without attributes.
   if (attributes_.empty()) attributes_.push_back({"tamrel-agent.version", TAMREL_VERSION});
   listen(client_.downloadStarted, [this](std::string, std::string) {
@@ -154,13 +154,13 @@ UpdateAgent::Cycle UpdateAgent::cycle() {
       config_.maxPollIntervalSeconds);
 
   if (!answer.config_data.url.empty()) {
-    std::string const failure = post([&] { return client_.sendConfigData(attributes_); });
+    std::string const failure = server_.send([&] { return client_.sendConfigData(attributes_); });
     std::printf("config data: %zu attributes %s\n", attributes_.size(),
                 failure.empty() ? "sent" : failure.c_str());
   }
   auto const& cancel = answer.cancel_action;
   if (!cancel.url.empty() && !cancel.stop_id.empty()) {
-    std::string const failure = post([&] {
+    std::string const failure = server_.send([&] {
       return client_.sendCancelActionFeedback(
           cancel.url, cancel.id, "closed", "success",
           "cancellation of action " + cancel.stop_id + " accepted");
@@ -201,70 +201,6 @@ std::string UpdateAgent::pollFailure(Watchdog::Verdict verdict,
   return "the server could not be reached or sent no usable answer";
 }
 
-namespace {
-
-// The "message" (else "errorCode") of a hawkBit error document, "" when the
-// text is not one. Control characters and escapes are shown as '?'.
-std::string errorMessage(std::string const& body) {
-  for (char const* key : {"\"message\"", "\"errorCode\""}) {
-    std::size_t at = body.find(key);
-    if (at == std::string::npos) continue;
-    at = body.find_first_not_of(" \t\r\n", at + std::strlen(key));
-    if (at == std::string::npos || body[at] != ':') continue;
-    at = body.find_first_not_of(" \t\r\n", at + 1);
-    if (at == std::string::npos || body[at] != '"') continue;
-    std::string text;
-    for (++at; at < body.size() && body[at] != '"' && text.size() < 200; ++at) {
-      char const c = body[at];
-      if (c == '\\') {
-        ++at;
-        text += at < body.size() && (body[at] == '"' || body[at] == '\\' || body[at] == '/')
-                    ? body[at]
-                    : '?';
-      } else {
-        text += static_cast<unsigned char>(c) < 0x20 ? '?' : c;
-      }
-    }
-    if (!text.empty()) return text;
-  }
-  return std::string();
-}
-
-}  // namespace
-
-std::string UpdateAgent::post(std::function<bool()> const& request) {
-  // libcurl cannot interrupt a POST/PUT: past its deadline the agent ends
-  // and its supervisor starts it again; a stop gets a few seconds' grace.
-  Watchdog::Limits limits;
-  limits.deadlineMs = config_.feedbackTimeoutSeconds * 1000LL;
-  limits.stopGraceMs = 3000;
-  int const seconds = config_.feedbackTimeoutSeconds;
-  Watchdog watchdog(
-      limits, [this] { return stopping(); },
-      [seconds](Watchdog::Verdict verdict) {
-        if (verdict == Watchdog::Verdict::kDeadline) {
-          std::printf(
-              "server: no answer to a POST/PUT within %d s (feedback-timeout-s); exiting with "
-              "status %d\n",
-              seconds, kExitFeedbackDeadline);
-        } else {
-          std::printf("stopping: the server does not answer; the action stays open\n");
-        }
-        std::fflush(nullptr);
-        _exit(verdict == Watchdog::Verdict::kDeadline ? kExitFeedbackDeadline : kExitOk);
-      });
-  std::string answer;
-  bool sent = false;
-  {
-    Console::Capture capture(Console::Channel::kOut);
-    sent = watchdog.run(request);
-    answer = capture.text();
-  }
-  if (!sent) return "not sent";
-  std::string const message = errorMessage(answer);
-  return message.empty() ? std::string() : "refused by the server: " + message;
-}
-
 bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
   if (!DeploymentPlan::decimalId(deployment.id)) {
     // Nothing is built from an id that is not a number, not even a feedback URL.
@@ -292,7 +228,8 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
   if (!waited) {
     deployment.execution = execution_t::proceeding;
     deployment.finished = finished_t::none;
-    std::string const failure = post([&] { return client_.sendUpdateFeedback(deployment); });
+    std::string const failure =
+        server_.send([&] { return client_.sendUpdateFeedback(deployment); });
     if (!failure.empty())
       std::printf("deployment %s: proceeding %s\n", deployment.id.c_str(), failure.c_str());
   }
@@ -313,7 +250,7 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
         "interrupted on the device; the download resumes on the next start");
     deployment.execution = execution_t::proceeding;
     deployment.finished = finished_t::none;
-    post([&] { return client_.sendUpdateFeedback(deployment); });
+    server_.send([&] { return client_.sendUpdateFeedback(deployment); });
     std::printf("deployment %s: interrupted, left open\n", deployment.id.c_str());
     return false;
   }
@@ -329,7 +266,8 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
     deployment.chunks.front().details.push_back("downloaded, waiting for maintenance window");
     deployment.execution = execution_t::proceeding;
     deployment.finished = finished_t::none;
-    std::string const failure = post([&] { return client_.sendUpdateFeedback(deployment); });
+    std::string const failure =
+        server_.send([&] { return client_.sendUpdateFeedback(deployment); });
     std::printf("deployment %s: downloaded, waiting for the maintenance window, feedback %s\n",
                 deployment.id.c_str(), failure.empty() ? "sent" : failure.c_str());
     waitingAction_ = deployment.id;
@@ -392,7 +330,7 @@ void UpdateAgent::close(hawkbit_query_t::deployment_t& deployment, bool success)
   for (auto& chunk : deployment.chunks) chunk.completed = true;
   deployment.execution = execution_t::closed;
   deployment.finished = success ? finished_t::success : finished_t::failure;
-  std::string const failure = post([&] { return client_.sendUpdateFeedback(deployment); });
+  std::string const failure = server_.send([&] { return client_.sendUpdateFeedback(deployment); });
   std::printf("deployment %s: %s, feedback %s\n", deployment.id.c_str(),
               success ? "success" : "failure", failure.empty() ? "sent" : failure.c_str());
 }
@@ -405,7 +343,7 @@ void UpdateAgent::closeDownloaded(hawkbit_query_t::deployment_t const& deploymen
   for (auto const& chunk : deployment.chunks) {
     for (auto const& line : chunk.details) details += (details.empty() ? "" : "; ") + line;
   }
-  std::string const failure = post([&] {
+  std::string const failure = server_.send([&] {
     return client_.sendCancelActionFeedback(url, deployment.id, "downloaded", "none", details);
   });
   std::printf("deployment %s: downloaded, feedback %s\n", deployment.id.c_str(),

@@ -14,6 +14,7 @@
 #include "agent/deploymentplan.h"
 #include "agent/progressbar.h"
 #include "agent/rebootconfirmation.h"
+#include "agent/serverrequest.h"
 #include "agent/watchdog.h"
 #include "plugin/libtamrelcore.h"
 
@@ -65,10 +66,6 @@ class UpdateAgent {
   void close(hawkbit_query_t::deployment_t& deployment, bool success);
   // A download-only action: closed with "downloaded".
   void closeDownloaded(hawkbit_query_t::deployment_t const& deployment);
-  // Runs one POST/PUT of the library under the feedback deadline, keeping
-  // the server's answer out of the agent's output. "" when it was sent,
-  // otherwise the reason ("refused by the server: <message>", "not sent").
-  std::string post(std::function<bool()> const& request);
   enum class Installed { kDone, kReboot, kFailed };
   Installed install(std::vector<std::string> const& files, std::vector<std::string>& details);
   // Runs `work` with a watchdog beside it that passes a stop request on to
@@ -104,6 +101,7 @@ class UpdateAgent {
   std::uint64_t expected_ = 0;
   unsigned int lastStatus_ = 0;
   std::vector<tamrel::value_pair_t> attributes_;  // sent as configuration data
+  ServerRequest server_;                          // every POST/PUT goes through it
   RebootConfirmation reboot_;
   // An action downloaded in this run and waiting for its maintenance window.
   std::string waitingAction_;
