@@ -3,9 +3,7 @@
 #include "agent/console.h"
 #include "agent/exitcode.h"
 #include "agent/installer.h"
-#include "agent/sha256file.h"
 
-#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,40 +11,13 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <sstream>
-#include <thread>
+#include <functional>
 
 #ifndef TAMREL_VERSION
 #define TAMREL_VERSION "unknown"
 #endif
 
 namespace {
-
-char const* outcomeText(download_errors_t outcome) {
-  switch (outcome) {
-    case download_ok:
-      return "downloaded";
-    case download_aborted:
-      return "aborted";
-    case download_hash_error:
-      return "digest mismatch";
-    case download_failed:
-      return "transfer failed";
-    default:
-      return "not downloadable";
-  }
-}
-
-// Where the library stores an artifact whose subdirectory is empty (the agent
-// does not link the library, so it does not call get_full_artifact_file_path).
-std::string artifactPath(hawkbit_query_t::deployment_t::chunk_t::artifact_t const& artifact) {
-  return artifact.destination + "/" + artifact.filename;
-}
-
-std::uint64_t fileSize(std::string const& path) {
-  struct stat info {};
-  return stat(path.c_str(), &info) == 0 ? static_cast<std::uint64_t>(info.st_size) : 0;
-}
 
 bool makeDirectories(std::string const& path) {
   for (std::size_t slash = path.find('/', 1);; slash = path.find('/', slash + 1)) {
@@ -62,28 +33,12 @@ UpdateAgent::UpdateAgent(libtamrelcore& client, AgentConfig const& config)
     : client_(client),
       config_(config),
       attributes_(config.attributes),
+      fetcher_(client, config, stop_),
       server_(config, [this] { return stopping(); }),
       reboot_(client, config,
               [this](std::function<bool()> const& request) { return server_.send(request); }) {
   // hawkBit refuses configuration data without attributes.
   if (attributes_.empty()) attributes_.push_back({"tamrel-agent.version", TAMREL_VERSION});
-  listen(client_.downloadStarted, [this](std::string, std::string) {
-    transferring_ = true;
-    if (Watchdog* watchdog = watchdog_.load()) watchdog->started();
-  });
-  listen(client_.downloadBytes, [this](int n) {
-    std::uint64_t const count = n > 0 ? static_cast<std::uint64_t>(n) : 0;
-    std::uint64_t const total = received_ += count;
-    if (Watchdog* watchdog = watchdog_.load()) watchdog->bytes(static_cast<std::int64_t>(count));
-    // Before the start the library reports the bytes already on disk, which
-    // the bar was started with.
-    if (transferring_) bar_.bytes(n);
-    // A body longer than the artifact would otherwise fill the disk.
-    if (total > expected_ && !oversize_.exchange(true)) client_.cancelTransfer();
-  });
-  listen(client_.downloadProgress, [this](std::string, std::string, int p) { bar_.percent(p); });
-  listen(client_.downloadFinished, [this](std::string, std::string, download_errors_t,
-                                          unsigned int status) { lastStatus_ = status; });
 }
 
 bool UpdateAgent::safeName(std::string const& name) {
@@ -313,8 +268,9 @@ bool UpdateAgent::download(hawkbit_query_t::deployment_t& deployment, Deployment
       } else {
         artifact.destination = dir;
         artifact.subdirectory.clear();
-        if (fetch(chunk.name, artifact, plan.sha256(chunk.name, artifact.filename), detail)) {
-          files[c].push_back(artifactPath(artifact));
+        if (fetcher_.fetch(chunk.name, artifact, plan.sha256(chunk.name, artifact.filename),
+                           detail)) {
+          files[c].push_back(ArtifactFetcher::filePath(artifact));
         } else {
           success = false;
         }
@@ -348,131 +304,6 @@ void UpdateAgent::closeDownloaded(hawkbit_query_t::deployment_t const& deploymen
   });
   std::printf("deployment %s: downloaded, feedback %s\n", deployment.id.c_str(),
               failure.empty() ? "sent" : failure.c_str());
-}
-
-bool UpdateAgent::watched(bool transfer, std::function<bool()> const& work) {
-  Watchdog::Limits limits;
-  std::int64_t const window = transfer ? config_.timeoutSeconds : 0;
-  limits.windowMs = window * 1000;
-  limits.windowBytes = std::max<std::int64_t>(1, window * config_.downloadMinRate);
-  Watchdog watchdog(
-      limits, [this] { return stopping(); },
-      [this, transfer](Watchdog::Verdict) {
-        transfer ? client_.cancelTransfer() : client_.cancelVerifyArtifact();
-      });
-  transferring_ = false;
-  received_ = 0;
-  oversize_ = false;
-  watchdog_ = transfer ? &watchdog : nullptr;
-  bool const result = watchdog.run(work);
-  watchdog_ = nullptr;
-  if (watchdog.verdict() == Watchdog::Verdict::kTooSlow) {
-    stalled_ = true;
-    std::printf("  download: fewer than %lld bytes in %lld s (download-min-rate), cancelled\n",
-                static_cast<long long>(limits.windowBytes), static_cast<long long>(window));
-  }
-  if (transfer && oversize_) {
-    std::remove(artifactFile_.c_str());
-    std::printf("  %s: more bytes than the announced %llu, cancelled and removed\n",
-                artifactFile_.c_str(), static_cast<unsigned long long>(expected_));
-  }
-  return result;
-}
-
-bool UpdateAgent::verify(artifact_t const& artifact, std::string const& sha256,
-                         std::string& detail) {
-  if (!watched(false, [&] { return client_.verifyArtifact(artifact); })) {
-    detail = artifact.filename + (stopping() ? ": interrupted" : ": verification failed");
-    return false;
-  }
-  if (sha256.empty()) return true;
-  std::string const digest = Sha256File::digest(artifactPath(artifact), stop_);
-  if (digest != sha256) {
-    detail = artifact.filename + (stopping()       ? ": interrupted"
-                                  : digest.empty() ? ": cannot read the file for SHA-256"
-                                                   : ": SHA-256 digest mismatch");
-    return false;
-  }
-  return true;
-}
-
-bool UpdateAgent::fetch(std::string const& label, artifact_t& artifact, std::string const& sha256,
-                        std::string& detail) {
-  if (!artifact.hashes.count("sha1") && !artifact.hashes.count("md5")) {
-    detail = artifact.filename + ": refused, the server lists no SHA-1 or MD5 digest";
-    return false;
-  }
-  std::string const path = artifactPath(artifact);
-  // The bounds the watchdog holds this download to.
-  artifactFile_ = path;
-  expected_ = artifact.size;
-  // A complete file from an earlier run (a restart, or a deployment that
-  // waited for its maintenance window) is kept when it verifies.
-  if (fileSize(path) == artifact.size && verify(artifact, sha256, detail)) {
-    detail = artifact.filename + ": already on disk and verified";
-    return true;
-  }
-  if (stopping()) return false;
-  int const attempts = config_.retries + 1;
-  download_errors_t outcome = download_failed;
-  int attempt = 0;
-  bool shaMismatch = false;
-  while (attempt < attempts && !stopping()) {
-    ++attempt;
-    std::uint64_t onDisk = fileSize(path);
-    // The library measures a partial file in 32 bits: from 4 GiB on it
-    // would resume at the wrong place, so such a file starts over.
-    if (onDisk >= (std::uint64_t{1} << 32)) {
-      std::printf("%s: partial file of 4 GiB or more cannot be resumed, starting over\n",
-                  artifact.filename.c_str());
-      std::remove(path.c_str());
-      onDisk = 0;
-    }
-    // The library resumes a shorter file and restarts a full-length one.
-    bool const resuming = onDisk > 0 && onDisk < artifact.size;
-    bar_.start(artifact.filename, artifact.size, resuming ? onDisk : 0);
-    lastStatus_ = 0;
-    stalled_ = false;
-    watched(true, [&] {
-      outcome = client_.downloadArtifact(label, artifact);
-      return outcome == download_ok;
-    });
-    bar_.finish(stalled_ ? "stalled, cancelled" : outcomeText(outcome));
-    if (outcome == download_ok) {
-      if (verify(artifact, sha256, detail)) {
-        detail =
-            artifact.filename + ": downloaded and verified" + (sha256.empty() ? "" : " (SHA-256)");
-        return true;
-      }
-      if (stopping()) return false;
-      // The library's digest matched but the file is not what the server
-      // lists (the SHA-256 differs, or the length).
-      shaMismatch = true;
-      outcome = download_hash_error;
-    }
-    if (outcome == download_invalid) break;
-    // The library appends whatever the server sends. Bytes that are not the
-    // artifact's must not become the start of the next attempt: an error
-    // page (any status but 200/206; 0 means no answer at all), a whole body
-    // sent in answer to a range, or a complete file with the wrong digest.
-    // A transfer of the artifact that was cut short or stalled is resumed.
-    bool const errorPage = lastStatus_ != 0 && lastStatus_ != 200 && lastStatus_ != 206;
-    bool const rangeIgnored = resuming && lastStatus_ == 200;
-    bool const wrongWhole = outcome == download_hash_error && fileSize(path) >= artifact.size;
-    if (errorPage || rangeIgnored || wrongWhole) std::remove(path.c_str());
-  }
-  std::ostringstream text;
-  text << artifact.filename << ": ";
-  if (stopping()) {
-    text << "interrupted";
-  } else {
-    text << (stalled_      ? "stalled"
-             : shaMismatch ? "digest mismatch (SHA-256)"
-                           : outcomeText(outcome))
-         << " after " << attempt << " attempt(s), HTTP " << lastStatus_;
-  }
-  detail = text.str();
-  return false;
 }
 
 UpdateAgent::Installed UpdateAgent::install(std::vector<std::string> const& files,
