@@ -4,8 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <fstream>
+#include <future>
 #include <memory>
 #include <string>
 #include <thread>
@@ -16,6 +15,7 @@
 #include "io/sha1sum.h"
 #include "plugin/libtamrelcore.h"
 #include "tests/support/capture_stderr.h"
+#include "tests/support/temp_dir.h"
 #include "testserver/dditestserver.h"
 #include "transport/curlmanager.h"
 
@@ -24,6 +24,8 @@ namespace {
 using tamrel::testing::CaptureStderr;
 using tamrel::testing::DdiTestServer;
 using tamrel::testing::Fault;
+using tamrel::testing::readFile;
+using tamrel::testing::TempDir;
 using artifact_t = hawkbit_query_t::deployment_t::chunk_t::artifact_t;
 
 std::string patterned(std::size_t n) {
@@ -68,30 +70,25 @@ struct SignalLog {
 class Artifacts : public ::testing::Test {
  protected:
   void SetUp() override {
-    char name[] = "/tmp/tamrel-artifacts-XXXXXX";
-    dir = mkdtemp(name);
+    ASSERT_FALSE(dir.path().empty());
     content = patterned(100000);
     url = server.addArtifact("/artifacts/fw.bin", content);
     artifact.filename = "fw.bin";
     artifact.size = content.size();
-    artifact.destination = dir;
+    artifact.destination = dir.path();
     artifact.hashes = {{"sha1", digest<sha1sum>(content)}, {"md5", digest<md5sum>(content)}};
     artifact.links = {{"download-http", url}, {"download", "https://unused.invalid/fw.bin"}};
   }
-  void TearDown() override { std::system(("rm -rf " + dir).c_str()); }
-
-  std::string onDisk() const {
-    std::ifstream in(get_full_artifact_file_path(artifact), std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-  }
+  std::string onDisk() const { return readFile(get_full_artifact_file_path(artifact)); }
   void putOnDisk(std::string const& data) const {
-    std::ofstream(get_full_artifact_file_path(artifact), std::ios::binary) << data;
+    tamrel::testing::writeFile(get_full_artifact_file_path(artifact), data);
   }
 
   DdiTestServer server;
   CurlManager transport;
   libtamrelcore client{&transport};
-  std::string dir, content, url;
+  TempDir dir;
+  std::string content, url;
   artifact_t artifact;
 };
 
@@ -259,17 +256,24 @@ TEST_F(Artifacts, VerificationChecksLengthBeforeHashing) {
   EXPECT_EQ(capture.text(), "[W] libtamrelcore -> MD5 does not match\n");
 }
 
+// Another thread cancels once the first bytes are stored; the download waits
+// for that cancel before it goes on, so the cancel lands mid-transfer.
 TEST_F(Artifacts, ConcurrencyCancelDuringDownloadKeepsThePartialFile) {
-  Fault slow;
-  slow.chunkBytes = 4096;
-  slow.delayMs = 20;
-  server.setFault("/artifacts/fw.bin", slow);
-  std::atomic<bool> flowing{false};
-  client.downloadBytes.connect([&](int) { flowing = true; });
-  // Another thread cancels once data flows.
+  Fault pieces;  // a body in many writes, as from a real network
+  pieces.chunkBytes = 4096;
+  pieces.delayMs = 1;
+  server.setFault("/artifacts/fw.bin", pieces);
+  std::promise<void> bytesSeen, cancelled;
   std::thread canceller([&] {
-    while (!flowing) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    bytesSeen.get_future().wait();
     client.cancelTransfer();
+    cancelled.set_value();
+  });
+  bool first = true;
+  client.downloadBytes.connect([&](int) {
+    if (!std::exchange(first, false)) return;
+    bytesSeen.set_value();
+    cancelled.get_future().wait();
   });
   SignalLog log(client);
   EXPECT_EQ(client.downloadArtifact("x", artifact), download_aborted);
@@ -279,10 +283,33 @@ TEST_F(Artifacts, ConcurrencyCancelDuringDownloadKeepsThePartialFile) {
   EXPECT_GT(partial, 0u);
   EXPECT_LT(partial, content.size());
 
-  server.clearFault("/artifacts/fw.bin");
   EXPECT_EQ(client.downloadArtifact("x", artifact), download_ok);
   EXPECT_EQ(onDisk(), content);
   EXPECT_EQ(server.requests().back().header("Range"), "bytes=" + std::to_string(partial) + "-");
+}
+
+// Two downloads of one artifact on one client run one after the other: the
+// second finds the complete file and starts again, never appending to it.
+TEST_F(Artifacts, ConcurrencySecondDownloadOfTheSameFileWaits) {
+  Fault slow;
+  slow.chunkBytes = 4096;
+  slow.delayMs = 5;
+  server.setFault("/artifacts/fw.bin", slow);
+  std::thread second;
+  download_errors_t secondOutcome = download_invalid;
+  client.downloadBytes.connect([&](int) {
+    if (!second.joinable()) {
+      second = std::thread([&] { secondOutcome = client.downloadArtifact("y", artifact); });
+    }
+  });
+  EXPECT_EQ(client.downloadArtifact("x", artifact), download_ok);
+  second.join();
+  EXPECT_EQ(secondOutcome, download_ok);
+  EXPECT_EQ(onDisk(), content);
+  EXPECT_TRUE(client.verifyArtifact(artifact));
+  auto const requests = server.requests();
+  ASSERT_EQ(requests.size(), 2u);
+  EXPECT_EQ(requests[1].header("Range"), "");
 }
 
 // A sparse file beyond 4 GiB is measured at its true length; another client's
@@ -307,6 +334,14 @@ TEST_F(Artifacts, ConcurrencyVerifyHugeSparseFileAndCancelFromAnotherClient) {
   EXPECT_EQ(capture.text(),
             "[I] libtamrelcore -> SHA-1 checksum generation aborted\n"
             "[W] libtamrelcore -> SHA-1 does not match\n");
+
+  // A cancel before a verification starts is forgotten by it.
+  content = patterned(5000);
+  tamrel::testing::writeFile(path, content);
+  artifact.size = content.size();
+  artifact.hashes = {{"md5", digest<md5sum>(content)}};
+  other.cancelVerifyArtifact();
+  EXPECT_TRUE(client.verifyArtifact(artifact));
 }
 
 }  // namespace

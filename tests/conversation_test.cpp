@@ -2,6 +2,7 @@
 #include <cjson/cJSON.h>
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <regex>
 #include <string>
@@ -9,6 +10,7 @@
 
 #include "plugin/libtamrelcore.h"
 #include "tests/support/capture_stderr.h"
+#include "tests/support/settings.h"
 #include "testserver/dditestserver.h"
 #include "transport/curlmanager.h"
 
@@ -17,12 +19,11 @@ namespace {
 using tamrel::testing::CaptureStderr;
 using tamrel::testing::DdiTestServer;
 using tamrel::testing::Fault;
+using tamrel::testing::fileText;
+using tamrel::testing::settings;
+using tamrel::testing::text;
 
-std::shared_ptr<value_container> text(char const* value) {
-  return std::make_shared<value_container>(value);
-}
-
-// Keys of a JSON object in document order, and the object itself.
+// Keys of a JSON object in document order.
 std::vector<std::string> keysOf(cJSON const* object) {
   std::vector<std::string> keys;
   for (cJSON const* m = object ? object->child : nullptr; m; m = m->next) keys.push_back(m->string);
@@ -32,6 +33,8 @@ std::vector<std::string> keysOf(cJSON const* object) {
 struct Json {
   explicit Json(std::string const& text) : root(cJSON_Parse(text.c_str())) {}
   ~Json() { cJSON_Delete(root); }
+  Json(Json const&) = delete;
+  Json& operator=(Json const&) = delete;
   cJSON const* at(std::initializer_list<char const*> path) const {
     cJSON const* node = root;
     for (char const* key : path) node = cJSON_GetObjectItemCaseSensitive(node, key);
@@ -40,6 +43,10 @@ struct Json {
   std::string str(std::initializer_list<char const*> path) const {
     cJSON const* node = at(path);
     return cJSON_IsString(node) ? node->valuestring : "<missing>";
+  }
+  int number(std::initializer_list<char const*> path) const {
+    cJSON const* node = at(path);
+    return cJSON_IsNumber(node) ? node->valueint : -1;
   }
   cJSON* root;
 };
@@ -51,47 +58,48 @@ bool isFeedbackTime(std::string const& value) {
 
 class Conversation : public ::testing::Test {
  protected:
-  void SetUp() override {
-    table = std::make_shared<lookup>(lookup{{"address", text(server.baseUrl().c_str())},
-                                            {"tenant-id", text("DEFAULT")},
-                                            {"controller-id", text("dev01")},
-                                            {"token", text("s3cret")}});
-    ASSERT_TRUE(client.connectProperties(table));
-  }
+  void SetUp() override { ASSERT_TRUE(client.connectProperties(table)); }
 
   std::string base() const { return server.baseUrl() + server.controllerPath(); }
 
   // A poll answer linking what is asked for.
-  std::string pollAnswer(std::string const& sleep, bool deployment, bool cancel, bool config) {
-    std::string links;
-    auto add = [&](char const* name, std::string const& href) {
-      links +=
-          (links.empty() ? "" : ",") + std::string("\"") + name + "\":{\"href\":\"" + href + "\"}";
-    };
-    if (deployment) add("deploymentBase", base() + "/deploymentBase/17?c=-2127183556");
-    if (cancel) add("cancelAction", base() + "/cancelAction/18");
-    if (config) add("configData", base() + "/configData");
-    return "{\"config\":{\"polling\":{\"sleep\":\"" + sleep + "\"}},\"_links\":{" + links + "}}";
+  void answerPolls(std::string const& sleep, bool deployment, bool cancel, bool config) {
+    server.setControllerBase(tamrel::testing::controllerBaseJson(
+        server.baseUrl(), server.controllerPath(), sleep, deployment ? "17" : "",
+        cancel ? "18" : "", config));
+    server.setDeploymentBase("17", deploymentDocument());
+    server.setCancelAction("18", R"({"id":"18","cancelAction":{"stopId":"17"}})");
   }
 
   static std::string deploymentDocument() {
     return R"({"id":"17","deployment":{"download":"forced","update":"forced","chunks":[)"
            R"({"part":"os","version":"1.0","name":"rootfs","artifacts":[{"filename":"a.bin",)"
            R"("hashes":{"sha1":"aa","md5":"bb"},"size":10,"_links":{"download-http":{"href":"http://x/a"}}}]},)"
-           R"({"part":"bApp","version":"2.0","name":"app","artifacts":[],"metadata":[{"key":"k","value":"v"}]}]}})";
+           R"({"part":"bApp","version":"2.0","name":"app","artifacts":[],"metadata":[{"key":"k","value":"v"}]},)"
+           R"({"part":"bApp","version":"3.0","name":"extra","artifacts":[]}]}})";
+  }
+
+  // A deployment of three chunks, the first one completed.
+  static hawkbit_query_t::deployment_t reportable(execution_t execution, finished_t finished) {
+    hawkbit_query_t::deployment_t deployment;
+    deployment.id = "17";
+    deployment.chunks.resize(3);
+    deployment.chunks[0].completed = true;
+    deployment.chunks[0].details = {"a.bin downloaded", "a.bin verified"};
+    deployment.chunks[2].details = {"nothing to do"};
+    deployment.execution = execution;
+    deployment.finished = finished;
+    return deployment;
   }
 
   DdiTestServer server;
   CurlManager transport;
   libtamrelcore client{&transport};
-  std::shared_ptr<lookup> table;
+  std::shared_ptr<lookup> table = tamrel::testing::serverSettings(server.baseUrl());
 };
 
 TEST_F(Conversation, FullPollFollowsLinksInOrder) {
-  server.setControllerBase(pollAnswer("00:05:00", true, true, true));
-  server.serve(server.controllerPath() + "/deploymentBase/17", deploymentDocument());
-  server.setCancelAction("18", R"({"id":"18","cancelAction":{"stopId":"17"}})");
-
+  answerPolls("00:05:00", true, true, true);
   CaptureStderr capture;
   hawkbit_query_t const result = client.queryOnlineStatus();
   EXPECT_EQ(capture.text(),
@@ -104,22 +112,21 @@ TEST_F(Conversation, FullPollFollowsLinksInOrder) {
 
   EXPECT_EQ(result.config.sleep, 300);
   EXPECT_EQ(result.config_data.url, base() + "/configData");
-  EXPECT_EQ(result.deployment.url, base() + "/deploymentBase/17?c=-2127183556");
+  EXPECT_EQ(result.deployment.url.rfind(base() + "/deploymentBase/17?c=", 0), 0u);
   EXPECT_EQ(result.deployment.id, "17");
   EXPECT_EQ(result.deployment.json, deploymentDocument());
-  ASSERT_EQ(result.deployment.chunks.size(), 2u);
+  ASSERT_EQ(result.deployment.chunks.size(), 3u);
   EXPECT_EQ(result.deployment.chunks[0].artifacts.at(0).size, 10u);
   EXPECT_EQ(result.deployment.chunks[1].metadata.at(0).value, "v");
   EXPECT_EQ(result.cancel_action.id, "18");
   EXPECT_EQ(result.cancel_action.stop_id, "17");
-  EXPECT_TRUE(is_valid(result.cancel_action));
-  EXPECT_TRUE(is_valid(result.deployment));
+  EXPECT_TRUE(is_valid(result.cancel_action) && is_valid(result.deployment));
 
   auto const requests = server.requests();
   ASSERT_EQ(requests.size(), 3u);
   EXPECT_EQ(requests[0].path, server.controllerPath());
   EXPECT_EQ(requests[1].path, server.controllerPath() + "/deploymentBase/17");
-  EXPECT_EQ(requests[1].query, "c=-2127183556");
+  EXPECT_EQ("?" + requests[1].query, result.deployment.url.substr(result.deployment.url.find('?')));
   EXPECT_EQ(requests[2].path, server.controllerPath() + "/cancelAction/18");
   for (auto const& request : requests) {
     EXPECT_EQ(request.method, "GET");
@@ -127,96 +134,114 @@ TEST_F(Conversation, FullPollFollowsLinksInOrder) {
   }
 }
 
-TEST_F(Conversation, WholeCycleIsWhatAServerExpects) {
-  server.setControllerBase(pollAnswer("00:00:40", true, false, true));
-  server.serve(server.controllerPath() + "/deploymentBase/17", deploymentDocument());
-  hawkbit_query_t result = client.queryOnlineStatus();
-  auto& deployment = result.deployment;
+TEST_F(Conversation, UpdateFeedbackNamesEveryStatus) {
+  std::pair<execution_t, char const*> const executions[] = {
+      {execution_t::closed, "closed"},       {execution_t::proceeding, "proceeding"},
+      {execution_t::canceled, "canceled"},   {execution_t::scheduled, "scheduled"},
+      {execution_t::rejected, "rejected"},   {execution_t::resumed, "resumed"}};
+  std::pair<finished_t, char const*> const results[] = {
+      {finished_t::none, "none"}, {finished_t::success, "success"}, {finished_t::failure, "failure"}};
+  for (auto const& [execution, executionName] : executions) {
+    for (auto const& [finished, finishedName] : results) {
+      server.clearRequests();
+      ASSERT_TRUE(client.sendUpdateFeedback(reportable(execution, finished)));
+      auto const sent = server.requests();
+      ASSERT_EQ(sent.size(), 1u);
+      EXPECT_EQ(sent[0].method + " " + sent[0].path,
+                "POST " + server.controllerPath() + "/deploymentBase/17/feedback");
+      Json const body(sent[0].body);
+      EXPECT_EQ(body.str({"status", "execution"}), executionName);
+      EXPECT_EQ(body.str({"status", "result", "finished"}), finishedName);
+    }
+  }
+  Json const body(server.requests().at(0).body);
+  EXPECT_EQ(keysOf(body.root), (std::vector<std::string>{"id", "time", "status"}));
+  EXPECT_EQ(keysOf(body.at({"status"})),
+            (std::vector<std::string>{"result", "execution", "details"}));
+  EXPECT_EQ(keysOf(body.at({"status", "result"})),
+            (std::vector<std::string>{"progress", "finished"}));
+  EXPECT_EQ(keysOf(body.at({"status", "result", "progress"})),
+            (std::vector<std::string>{"of", "cnt"}));
+  EXPECT_EQ(body.str({"id"}), "17");
+  EXPECT_TRUE(isFeedbackTime(body.str({"time"}))) << body.str({"time"});
+  EXPECT_EQ(body.number({"status", "result", "progress", "of"}), 3);
+  EXPECT_EQ(body.number({"status", "result", "progress", "cnt"}), 1);
+  cJSON const* details = body.at({"status", "details"});
+  ASSERT_EQ(cJSON_GetArraySize(details), 3);
+  EXPECT_STREQ(cJSON_GetArrayItem(details, 0)->valuestring, "a.bin downloaded");
+  EXPECT_STREQ(cJSON_GetArrayItem(details, 2)->valuestring, "nothing to do");
+  EXPECT_EQ(server.requests().at(0).header("Content-Type"), "application/json;charset=UTF-8");
+  EXPECT_EQ(server.requests().at(0).header("Authorization"), "TargetToken s3cret");
+}
 
-  deployment.execution = execution_t::proceeding;
-  deployment.finished = finished_t::none;
-  EXPECT_TRUE(client.sendUpdateFeedback(deployment));
-
-  deployment.execution = execution_t::closed;
-  deployment.finished = finished_t::success;
-  deployment.chunks[0].completed = true;
-  deployment.chunks[0].details = {"a.bin downloaded", "a.bin verified"};
-  deployment.chunks[1].details = {"nothing to do"};
-  EXPECT_TRUE(client.sendUpdateFeedback(deployment));
+TEST_F(Conversation, ConfigDataAndCancelFeedback) {
+  answerPolls("00:00:40", false, false, true);
+  client.queryOnlineStatus();
+  answerPolls("00:00:40", false, false, false);
+  client.queryOnlineStatus();  // the link of the earlier poll stays in use
   EXPECT_TRUE(client.sendConfigData({{"hw", "rev2"}, {"serial", "42"}, {"hw", "rev3"}}));
-  EXPECT_TRUE(
-      client.sendCancelActionFeedback(base() + "/cancelAction/18", "18", "closed", "success", ""));
-
+  EXPECT_TRUE(client.sendCancelActionFeedback(base() + "/cancelAction/18", "18", "closed",
+                                              "success", "stopped"));
   auto const sent = server.requests();
-  ASSERT_EQ(sent.size(), 6u);
-  std::string const feedback = server.controllerPath() + "/deploymentBase/17/feedback";
-  EXPECT_EQ(sent[2].method + " " + sent[2].path, "POST " + feedback);
-  EXPECT_EQ(sent[3].method + " " + sent[3].path, "POST " + feedback);
-  EXPECT_EQ(sent[4].method + " " + sent[4].path, "PUT " + server.controllerPath() + "/configData");
-  EXPECT_EQ(sent[5].method + " " + sent[5].path,
+  ASSERT_EQ(sent.size(), 4u);
+  EXPECT_EQ(sent[2].method + " " + sent[2].path, "PUT " + server.controllerPath() + "/configData");
+  EXPECT_EQ(sent[3].method + " " + sent[3].path,
             "POST " + server.controllerPath() + "/cancelAction/18/feedback");
 
-  Json const proceeding(sent[2].body);
-  EXPECT_EQ(keysOf(proceeding.root), (std::vector<std::string>{"id", "time", "status"}));
-  EXPECT_EQ(keysOf(proceeding.at({"status"})),
-            (std::vector<std::string>{"result", "execution", "details"}));
-  EXPECT_EQ(keysOf(proceeding.at({"status", "result"})),
-            (std::vector<std::string>{"progress", "finished"}));
-  EXPECT_EQ(keysOf(proceeding.at({"status", "result", "progress"})),
-            (std::vector<std::string>{"of", "cnt"}));
-  EXPECT_EQ(proceeding.str({"id"}), "17");
-  EXPECT_TRUE(isFeedbackTime(proceeding.str({"time"}))) << proceeding.str({"time"});
-  EXPECT_EQ(proceeding.str({"status", "execution"}), "proceeding");
-  EXPECT_EQ(proceeding.str({"status", "result", "finished"}), "none");
-  EXPECT_EQ(cJSON_GetArraySize(proceeding.at({"status", "details"})), 0);
-
-  Json const closed(sent[3].body);
-  EXPECT_EQ(closed.str({"status", "execution"}), "closed");
-  EXPECT_EQ(closed.str({"status", "result", "finished"}), "success");
-  EXPECT_EQ(closed.at({"status", "result", "progress", "of"})->valueint, 2);
-  EXPECT_EQ(closed.at({"status", "result", "progress", "cnt"})->valueint, 1);
-  cJSON const* details = closed.at({"status", "details"});
-  ASSERT_EQ(cJSON_GetArraySize(details), 3);
-  EXPECT_STREQ(cJSON_GetArrayItem(details, 2)->valuestring, "nothing to do");
-
-  Json const config(sent[4].body);
+  Json const config(sent[2].body);
   EXPECT_EQ(keysOf(config.root),
             (std::vector<std::string>{"mode", "data", "id", "time", "status"}));
   EXPECT_EQ(keysOf(config.at({"data"})), (std::vector<std::string>{"hw", "serial", "hw"}));
   EXPECT_EQ(config.str({"mode"}), "merge");
   EXPECT_EQ(config.str({"id"}), "");
   EXPECT_EQ(keysOf(config.at({"status", "result"})), (std::vector<std::string>{"finished"}));
+  EXPECT_EQ(config.str({"status", "result", "finished"}), "success");
   EXPECT_EQ(config.str({"status", "execution"}), "closed");
 
-  Json const cancel(sent[5].body);
+  Json const cancel(sent[3].body);
   EXPECT_EQ(keysOf(cancel.root), (std::vector<std::string>{"id", "time", "status"}));
   EXPECT_EQ(cancel.str({"id"}), "18");
+  EXPECT_EQ(cancel.str({"status", "execution"}), "closed");
   cJSON const* lines = cancel.at({"status", "details"});
   ASSERT_EQ(cJSON_GetArraySize(lines), 1);
-  EXPECT_STREQ(cJSON_GetArrayItem(lines, 0)->valuestring, "");
+  EXPECT_STREQ(cJSON_GetArrayItem(lines, 0)->valuestring, "stopped");
   for (std::size_t i = 2; i < sent.size(); ++i) {
     EXPECT_EQ(sent[i].header("Content-Type"), "application/json;charset=UTF-8");
     EXPECT_EQ(sent[i].header("Authorization"), "TargetToken s3cret");
   }
 }
 
+// A server that moved its feedback resource still gets a POST with the body.
+TEST_F(Conversation, RedirectedFeedbackStaysAPost) {
+  Fault moved;
+  moved.redirectTo = "/moved";
+  server.setFault(server.controllerPath() + "/deploymentBase/17/feedback", moved);
+  server.setFault(server.controllerPath() + "/cancelAction/18/feedback", moved);
+  EXPECT_TRUE(client.sendUpdateFeedback(reportable(execution_t::closed, finished_t::success)));
+  EXPECT_TRUE(client.sendCancelActionFeedback(base() + "/cancelAction/18", "18", "closed",
+                                              "success", ""));
+  auto const sent = server.requests();
+  ASSERT_EQ(sent.size(), 4u);
+  for (std::size_t i : {1u, 3u}) {
+    EXPECT_EQ(sent[i].method + " " + sent[i].path, "POST /moved");
+    EXPECT_EQ(sent[i].body, sent[i - 1].body);
+    EXPECT_FALSE(sent[i].body.empty());
+  }
+}
+
 TEST_F(Conversation, ErrorAnswersStillCountAsSentAndRefusalsSendNothing) {
   Fault gone;
   gone.status = 410;
-  server.setFault(server.controllerPath() + "/deploymentBase/3/feedback", gone);
-  hawkbit_query_t::deployment_t deployment;
-  deployment.id = "3";
-  deployment.chunks.resize(1);
-  deployment.execution = execution_t::closed;
-  deployment.finished = finished_t::failure;
+  server.setFault(server.controllerPath() + "/deploymentBase/17/feedback", gone);
+  hawkbit_query_t::deployment_t deployment = reportable(execution_t::closed, finished_t::failure);
   EXPECT_TRUE(client.sendUpdateFeedback(deployment));
   EXPECT_EQ(server.requests().size(), 1u);
 
   CaptureStderr capture;
   deployment.finished = finished_t::uninitialized;
-  deployment.execution = execution_t::uninitialized;
   EXPECT_FALSE(client.sendUpdateFeedback(deployment));
   deployment.finished = finished_t::success;
+  deployment.execution = execution_t::uninitialized;
   EXPECT_FALSE(client.sendUpdateFeedback(deployment));
   deployment.chunks.clear();
   EXPECT_FALSE(client.sendUpdateFeedback(deployment));
@@ -230,80 +255,65 @@ TEST_F(Conversation, ErrorAnswersStillCountAsSentAndRefusalsSendNothing) {
   EXPECT_EQ(server.requests().size(), 1u);
 }
 
-TEST_F(Conversation, ConfigDataLinkOutlivesLaterPolls) {
-  server.setControllerBase(pollAnswer("00:00:40", false, false, true));
-  client.queryOnlineStatus();
-  server.setControllerBase(pollAnswer("00:00:40", false, false, false));
-  client.queryOnlineStatus();
-  EXPECT_TRUE(client.sendConfigData({}));
-  auto const puts = server.requests("PUT");
-  ASSERT_EQ(puts.size(), 1u);
-  EXPECT_EQ(Json(puts[0].body).at({"data"})->child, nullptr);  // an empty object
-}
-
 TEST_F(Conversation, PollFailures) {
+  static std::string const cutShort = deploymentDocument().substr(0, 150);
   struct Row {
     char const* name;
-    std::function<void(DdiTestServer&)> arrange;
+    std::string poll;
     std::string log;  // after "Querying <url>"
+    std::function<void(hawkbit_query_t const&)> check;
   };
   Row const rows[] = {
-      {"empty body", [&](DdiTestServer& s) { s.setControllerBase(""); },
-       "[E] libtamrelcore -> Query response is empty. Unauthorized?\n"},
-      {"nothing usable", [&](DdiTestServer& s) { s.setControllerBase("{}"); },
-       "[E] libtamrelcore -> Failed to parse response!\n"},
-      {"short interval only",
-       [&](DdiTestServer& s) {
-         s.setControllerBase(R"({"config":{"polling":{"sleep":"00:00:10"}}})");
-       },
-       "[E] libtamrelcore -> Failed to parse response!\n"},
+      {"empty body", "", "[E] libtamrelcore -> Query response is empty. Unauthorized?\n", {}},
+      {"nothing usable", "{}", "[E] libtamrelcore -> Failed to parse response!\n", {}},
+      {"short interval only", R"({"config":{"polling":{"sleep":"00:00:10"}}})",
+       "[E] libtamrelcore -> Failed to parse response!\n",
+       [](hawkbit_query_t const& r) { EXPECT_EQ(r.config.sleep, 10); }},
       {"deployment fetch fails",
-       [&](DdiTestServer& s) {
-         s.setControllerBase(
-             R"({"_links":{"deploymentBase":{"href":"http://127.0.0.1:1/deploymentBase/9"}}})");
-       },
-       "[E] libtamrelcore -> Download failed: "},
+       R"({"_links":{"deploymentBase":{"href":"http://127.0.0.1:1/deploymentBase/9"}}})",
+       "[E] libtamrelcore -> Download failed: Couldn't connect to server\n"
+       "[I] libtamrelcore -> Detected update - fetching update data\n",
+       [](hawkbit_query_t const& r) {
+         EXPECT_EQ(r.deployment.url, "http://127.0.0.1:1/deploymentBase/9");
+         EXPECT_TRUE(r.deployment.id.empty() && r.deployment.json.empty());
+       }},
+      {"deployment document cut short",
+       tamrel::testing::controllerBaseJson(server.baseUrl(), server.controllerPath(), "00:05:00",
+                                           "17", "", false),
+       "[I] libtamrelcore -> Detected update - fetching update data\n"
+       "[E] libtamrelcore -> Unable to parse JSON: ",
+       [](hawkbit_query_t const& r) {
+         EXPECT_EQ(r.deployment.json, cutShort);  // kept for the host as it came
+         EXPECT_TRUE(r.deployment.id.empty() && r.deployment.chunks.empty());
+         EXPECT_TRUE(is_valid(r) && !is_valid(r.deployment));
+       }},
   };
+  server.setDeploymentBase("17", cutShort);
+  std::string const head =
+      "[I] libtamrelcore -> Querying server status\n[I] libtamrelcore -> Querying " + base() + "\n";
   for (Row const& row : rows) {
-    row.arrange(server);
+    server.setControllerBase(row.poll);
     CaptureStderr capture;
     hawkbit_query_t const result = client.queryOnlineStatus();
-    std::string const log = capture.text();
-    std::string const head =
-        "[I] libtamrelcore -> Querying server status\n"
-        "[I] libtamrelcore -> Querying " +
-        base() + "\n";
-    ASSERT_EQ(log.substr(0, head.size()), head) << row.name;
-    EXPECT_EQ(log.substr(head.size(), row.log.size()), row.log) << row.name;
-    if (std::string(row.name) == "short interval only") {
-      EXPECT_EQ(result.config.sleep, 10);
-    }
-    if (std::string(row.name) == "deployment fetch fails") {
-      EXPECT_NE(log.find("Detected update - fetching update data\n"), std::string::npos);
-      EXPECT_EQ(result.deployment.url, "http://127.0.0.1:1/deploymentBase/9");
-      EXPECT_TRUE(result.deployment.id.empty() && result.deployment.json.empty());
-    }
+    EXPECT_EQ(capture.text().substr(0, head.size() + row.log.size()), head + row.log) << row.name;
+    if (row.check) row.check(result);
   }
 
   // A server that is not there: the transport's line, then the poll's.
-  auto lonely = std::make_shared<lookup>(lookup{{"address", text("http://127.0.0.1:1")},
-                                                {"tenant-id", text("t")},
-                                                {"controller-id", text("c")},
-                                                {"token", text("x")}});
+  auto const lonely = tamrel::testing::serverSettings("http://127.0.0.1:1");
   client.connectProperties(lonely);
   CaptureStderr capture;
-  hawkbit_query_t const none = client.queryOnlineStatus();
+  EXPECT_FALSE(is_valid(client.queryOnlineStatus()));
   EXPECT_NE(capture.text().find("[E] libtamrelcore -> Download failed: Couldn't connect to server\n"
                                 "[E] libtamrelcore -> Failed: Couldn't connect to server\n"),
             std::string::npos)
       << capture.text();
-  EXPECT_FALSE(is_valid(none));
 }
 
 TEST(Binding, TokenSources) {
   struct Row {
     char const* name;
-    std::vector<std::pair<char const*, std::shared_ptr<value_container>>> entries;
+    std::vector<tamrel::testing::setting_t> entries;
     bool result;
     char const* token;
     char const* log;
@@ -311,8 +321,7 @@ TEST(Binding, TokenSources) {
   Row const rows[] = {
       {"token string", {{"token", text("abc")}}, true, "abc", ""},
       {"token-file link wins",
-       {{"token", text("abc")},
-        {"token-file", std::make_shared<value_container>(link_t{"/etc/token", "fromfile"})}},
+       {{"token", text("abc")}, {"token-file", fileText("fromfile")}},
        true,
        "fromfile",
        ""},
@@ -322,18 +331,11 @@ TEST(Binding, TokenSources) {
   for (Row const& row : rows) {
     CurlManager transport;
     libtamrelcore client(&transport);
-    auto table = std::make_shared<lookup>();
-    for (auto const& entry : row.entries) table->entries.emplace_back(entry.first, entry.second);
+    auto const table = settings(row.entries);
     CaptureStderr capture;
     EXPECT_EQ(client.connectProperties(table), row.result) << row.name;
     EXPECT_EQ(transport.targetToken, row.token) << row.name;
     EXPECT_EQ(capture.text(), row.log) << row.name;
-    if (row.entries.empty()) {
-      std::vector<std::string> names;
-      for (auto const& entry : *table) names.push_back(entry.first);
-      EXPECT_EQ(names, (std::vector<std::string>{"token", "token-file", "download-retries",
-                                                 "download-timeout-s"}));
-    }
   }
 }
 
@@ -344,10 +346,10 @@ TEST(Binding, NullAndDroppedTables) {
   EXPECT_FALSE(client.connectProperties(nullptr));
   EXPECT_EQ(client.buildQueryUrl(), "");  // never bound
   {
-    auto table = std::make_shared<lookup>(lookup{{"token", text("t")},
-                                                 {"address", text("http://h")},
-                                                 {"tenant-id", text("T")},
-                                                 {"controller-id", text("C")}});
+    auto const table = settings({{"token", text("t")},
+                                 {"address", text("http://h")},
+                                 {"tenant-id", text("T")},
+                                 {"controller-id", text("C")}});
     EXPECT_TRUE(client.connectProperties(table));
     EXPECT_FALSE(client.connectProperties(nullptr));  // the earlier binding stays
     EXPECT_EQ(client.buildQueryUrl(), "http://h/T/controller/v1/C");
@@ -367,12 +369,9 @@ TEST(Binding, NullAndDroppedTables) {
 TEST(Binding, SettingPairs) {
   struct Row {
     char const* name;
-    std::vector<std::pair<char const*, std::shared_ptr<value_container>>> entries;
+    std::vector<tamrel::testing::setting_t> entries;
     char const* url;
     char const* log;
-  };
-  auto link = [](char const* value) {
-    return std::make_shared<value_container>(link_t{"/f", value});
   };
   Row const rows[] = {
       {"plain",
@@ -385,8 +384,8 @@ TEST(Binding, SettingPairs) {
        ""},
       {"file link wins",
        {{"address", text("X")},
-        {"address-file", link("L")},
-        {"tenant-id-file", link("T")},
+        {"address-file", fileText("L")},
+        {"tenant-id-file", fileText("T")},
         {"controller-id", text("Z")}},
        "L/T/controller/v1/Z",
        ""},
@@ -411,8 +410,8 @@ TEST(Binding, SettingPairs) {
   for (Row const& row : rows) {
     CurlManager transport;
     libtamrelcore client(&transport);
-    auto table = std::make_shared<lookup>(lookup{{"token", text("t")}});
-    for (auto const& entry : row.entries) table->entries.emplace_back(entry.first, entry.second);
+    auto const table = settings(row.entries);
+    table->entries.emplace_back("token", text("t"));
     client.connectProperties(table);
     CaptureStderr capture;
     EXPECT_EQ(client.buildQueryUrl(), row.url) << row.name;
@@ -422,8 +421,8 @@ TEST(Binding, SettingPairs) {
   // Update feedback words the same situation differently and stops there too.
   CurlManager transport;
   libtamrelcore client(&transport);
-  auto table = std::make_shared<lookup>(
-      lookup{{"token", text("t")}, {"address", text("X")}, {"tenant-id", text("Y")}});
+  auto const table =
+      settings({{"token", text("t")}, {"address", text("X")}, {"tenant-id", text("Y")}});
   client.connectProperties(table);
   hawkbit_query_t::deployment_t deployment;
   deployment.chunks.resize(1);

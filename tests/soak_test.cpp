@@ -17,14 +17,11 @@
 
 #include "plugin/libtamrelcore.h"
 #include "tests/support/capture_stderr.h"
+#include "tests/support/settings.h"
+#include "tests/support/valgrind.h"
 #include "testserver/dditestserver.h"
 #include "transport/curlmanager.h"
 
-#if __has_include(<valgrind/valgrind.h>)
-#include <valgrind/valgrind.h>
-#else
-#define RUNNING_ON_VALGRIND 0
-#endif
 #if defined(__SANITIZE_ADDRESS__)
 #define TAMREL_ASAN 1
 #elif defined(__has_feature)
@@ -80,11 +77,7 @@ TEST(Soak, PollFeedbackAndConfigDataStayFlat) {
       "7", R"({"id":"7","deployment":{"chunks":[{"part":"os","version":"1","name":"fw",)"
            R"("artifacts":[{"filename":"fw.bin","size":1,"hashes":{"sha1":"00"},)"
            R"("_links":{"download-http":{"href":"http://x/fw.bin"}}}]}]}})");
-  auto text = [](std::string const& v) { return std::make_shared<value_container>(v.c_str()); };
-  auto const table = std::make_shared<lookup>(lookup{{"address", text(server.baseUrl())},
-                                                     {"tenant-id", text("DEFAULT")},
-                                                     {"controller-id", text("dev01")},
-                                                     {"token", text("s3cret")}});
+  auto const table = tamrel::testing::serverSettings(server.baseUrl());
   CurlManager transport;
   libtamrelcore client(&transport);
   ASSERT_TRUE(client.connectProperties(table));
@@ -118,7 +111,7 @@ TEST(Soak, PollFeedbackAndConfigDataStayFlat) {
 
   EXPECT_LE(fdsAfter, fdsBefore);
 #ifndef TAMREL_ASAN  // the sanitizer's quarantine holds freed memory on purpose
-  if (!RUNNING_ON_VALGRIND) {
+  if (!tamrel::testing::underValgrind()) {
     EXPECT_LE(rssAfter - rssBefore, 2048) << "KiB grown";
   }
 #endif
