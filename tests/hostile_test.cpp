@@ -112,22 +112,54 @@ TEST_F(Hostile, HangingAndMisbehavingServers) {
     std::vector<std::string> log;
   };
   Row const rows[] = {
-      {"poll never answered", silent.baseUrl(), "", true, download_ok,
+      {"poll never answered",
+       silent.baseUrl(),
+       "",
+       true,
+       download_ok,
        {"Download failed: " + aborted + "\n", "Failed: " + aborted + "\n"}},
-      {"deploymentBase trickles", server.baseUrl(), "", true, download_ok,
+      {"deploymentBase trickles",
+       server.baseUrl(),
+       "",
+       true,
+       download_ok,
        {"Download failed: " + aborted + "\n", "Detected update", "Server querying done\n"}},
       // libcurl takes a head cut short for a complete answer without a body.
-      {"poll cut mid-header", cut.baseUrl(), "", false, download_ok,
+      {"poll cut mid-header",
+       cut.baseUrl(),
+       "",
+       false,
+       download_ok,
        {"Query response is empty. Unauthorized?\n"}},
-      {"poll longer than announced", excess.baseUrl(), "", false, download_ok,
+      {"poll longer than announced",
+       excess.baseUrl(),
+       "",
+       false,
+       download_ok,
        {"Unable to parse JSON: aaaa"}},
-      {"artifact never answered", "", silent.baseUrl() + "/fw.bin", true, download_aborted,
+      {"artifact never answered",
+       "",
+       silent.baseUrl() + "/fw.bin",
+       true,
+       download_aborted,
        {"Failed to download: fw.bin ([42] " + aborted + ")\n"}},
-      {"artifact trickles", "", server.baseUrl() + "/trickle", true, download_aborted,
+      {"artifact trickles",
+       "",
+       server.baseUrl() + "/trickle",
+       true,
+       download_aborted,
        {"Failed to download: fw.bin ([42] "}},
-      {"artifact cut mid-header", "", cut.baseUrl() + "/fw.bin", false, download_hash_error,
+      {"artifact cut mid-header",
+       "",
+       cut.baseUrl() + "/fw.bin",
+       false,
+       download_hash_error,
        {"Hash mis-match for: fw.bin\n"}},
-      {"artifact longer than announced", "", excess.baseUrl() + "/fw.bin", false, download_ok,
+      {"artifact longer than announced",
+       "",
+       excess.baseUrl() + "/fw.bin",
+       false,
+       download_ok,
        {"Download finished (fw.bin)\n"}},
   };
   // Long enough for a healthy exchange to finish first, also under valgrind.
@@ -218,8 +250,11 @@ int talkWithTrustedCertificates(std::string const& dir) {
   std::string const wrongName = "https://localhost:" + std::to_string(otherServer.port());
   std::string const links = wrongName + otherServer.controllerPath();
   ipServer.setControllerBase(R"({"config":{"polling":{"sleep":"00:05:00"}},"_links":{)"
-                             R"("deploymentBase":{"href":")" + links + R"(/deploymentBase/1"},)"
-                             R"("configData":{"href":")" + links + R"(/configData"}}})");
+                             R"("deploymentBase":{"href":")" +
+                             links +
+                             R"(/deploymentBase/1"},)"
+                             R"("configData":{"href":")" +
+                             links + R"(/configData"}}})");
   CurlManager transport;
   libtamrelcore client(&transport);
   auto const table = serverSettings(ipServer.baseUrl());

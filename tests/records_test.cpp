@@ -25,79 +25,54 @@ TEST(Records, Validity) {
   query.config_data.url = "u";
   EXPECT_TRUE(is_valid(query));
 
-  deployment_t deployment;
-  deployment.url = "u";
-  deployment.json = "{}";
-  deployment.chunks.resize(2);
-  EXPECT_FALSE(is_valid(deployment));  // chunks, but no artifact anywhere
-  deployment.chunks[1].artifacts.resize(1);
   query = {};
-  query.deployment = deployment;
+  query.deployment.url = "u";
+  query.deployment.json = "{}";
+  query.deployment.chunks.resize(2);
+  EXPECT_FALSE(is_valid(query));  // chunks, but no artifact anywhere
+  query.deployment.chunks[1].artifacts.resize(1);
   EXPECT_TRUE(is_valid(query));
-  deployment.json.clear();
-  EXPECT_FALSE(is_valid(deployment));
+  query.deployment.json.clear();
+  EXPECT_FALSE(is_valid(query.deployment));
 }
 
 // Every compared field makes two records differ; what the host sets does not.
 TEST(Records, EqualityComparesEachFieldItNames) {
-  deployment_t d;
-  d.id = "5";
-  d.url = "u";
-  chunk_t c;
-  c.name = "os";
-  c.part = "p";
-  c.version = "1";
-  c.metadata = {{"k", "v"}};
-  artifact_t a;
-  a.filename = "f";
-  a.size = 3;
-  a.destination = "/d";
-  a.subdirectory = "s";
-  a.hashes = {{"sha1", "a"}, {"md5", "b"}};
-  a.links = {{"download-http", "h"}};
-  struct Row {
-    char const* field;
-    std::function<void(deployment_t&, chunk_t&, artifact_t&)> change;
-    bool equal;
+  struct Set {
+    deployment_t d;
+    chunk_t c;
+    artifact_t a;
+  } base;
+  base.d.id = "5";
+  base.d.url = "u";
+  base.c = {"p", "1", "os", {}, false, {}, {{"k", "v"}}};
+  base.a = {"f", 3, "/d", "s", {{"sha1", "a"}, {"md5", "b"}}, {{"download-http", "h"}}};
+  std::pair<std::function<void(Set&)>, bool> const rows[] = {
+      // clang-format off
+      {[](Set& s) { s.d.id = "6"; }, false},
+      {[](Set& s) { s.d.url = "v"; }, false},
+      {[](Set& s) { s.c.name = "app"; }, false},
+      {[](Set& s) { s.c.part = "q"; }, false},
+      {[](Set& s) { s.c.version = "2"; }, false},
+      {[](Set& s) { s.c.metadata[0].key = "K"; }, false},
+      {[](Set& s) { s.c.metadata[0].value = "V"; }, false},
+      {[](Set& s) { s.a.filename = "g"; }, false},
+      {[](Set& s) { s.a.size = 4; }, false},
+      {[](Set& s) { s.a.destination = "/e"; }, false},
+      {[](Set& s) { s.a.subdirectory = "t"; }, false},
+      {[](Set& s) { s.a.hashes["md5"] = "c"; }, false},
+      {[](Set& s) { s.a.links["download-http"] = "i"; }, false},
+      {[](Set& s) { s.d.json = "{}", s.d.chunks.resize(3), s.d.execution = execution_t::closed,
+                    s.d.finished = finished_t::success; }, true},
+      {[](Set& s) { s.c.artifacts.resize(1), s.c.details = {"done"}, s.c.completed = true; }, true},
+      // clang-format on
   };
-  Row const rows[] = {
-      {"deployment id", [](auto& d, auto&, auto&) { d.id = "6"; }, false},
-      {"deployment url", [](auto& d, auto&, auto&) { d.url = "v"; }, false},
-      {"chunk name", [](auto&, auto& c, auto&) { c.name = "app"; }, false},
-      {"chunk part", [](auto&, auto& c, auto&) { c.part = "q"; }, false},
-      {"chunk version", [](auto&, auto& c, auto&) { c.version = "2"; }, false},
-      {"metadata key", [](auto&, auto& c, auto&) { c.metadata[0].key = "K"; }, false},
-      {"metadata value", [](auto&, auto& c, auto&) { c.metadata[0].value = "V"; }, false},
-      {"artifact filename", [](auto&, auto&, auto& a) { a.filename = "g"; }, false},
-      {"artifact size", [](auto&, auto&, auto& a) { a.size = 4; }, false},
-      {"artifact destination", [](auto&, auto&, auto& a) { a.destination = "/e"; }, false},
-      {"artifact subdirectory", [](auto&, auto&, auto& a) { a.subdirectory = "t"; }, false},
-      {"artifact hash", [](auto&, auto&, auto& a) { a.hashes["md5"] = "c"; }, false},
-      {"artifact link", [](auto&, auto&, auto& a) { a.links["download-http"] = "i"; }, false},
-      {"host-set deployment fields",
-       [](auto& d, auto&, auto&) {
-         d.json = "{}";
-         d.chunks.resize(3);
-         d.execution = execution_t::closed;
-         d.finished = finished_t::success;
-       },
-       true},
-      {"host-set chunk fields",
-       [](auto&, auto& c, auto&) {
-         c.artifacts.resize(1);
-         c.details = {"done"};
-         c.completed = true;
-       },
-       true},
-  };
-  for (Row const& row : rows) {
-    deployment_t d2 = d;
-    chunk_t c2 = c;
-    artifact_t a2 = a;
-    row.change(d2, c2, a2);
-    bool const equal = d == d2 && c == c2 && a == a2;
-    EXPECT_EQ(equal, row.equal) << row.field;
-    EXPECT_EQ(d != d2, !(d == d2)) << row.field;
+  for (std::size_t i = 0; i < std::size(rows); ++i) {
+    Set changed = base;
+    rows[i].first(changed);
+    bool const equal = base.d == changed.d && base.c == changed.c && base.a == changed.a;
+    EXPECT_EQ(equal, rows[i].second) << "row " << i;
+    EXPECT_EQ(base.d != changed.d, !(base.d == changed.d)) << "row " << i;
   }
   hawkbit_query_t::config_t x, y;
   y.sleep = 1;
@@ -114,25 +89,19 @@ TEST(Records, VectorRuleIsAsymmetric) {
   EXPECT_FALSE(ab == aa);
   EXPECT_TRUE(ab == ba);
   EXPECT_FALSE(a == ab);
-
   artifact_t p, q;
-  p.filename = "p";
   q.filename = "q";
   EXPECT_TRUE((std::vector<artifact_t>{p, p} == std::vector<artifact_t>{p, q}));
   EXPECT_FALSE((std::vector<artifact_t>{p, q} == std::vector<artifact_t>{p, p}));
   chunk_t m, n;
-  m.name = "m";
   n.name = "n";
   EXPECT_TRUE((std::vector<chunk_t>{m, m} == std::vector<chunk_t>{m, n}));
   EXPECT_FALSE((std::vector<chunk_t>{m, n} == std::vector<chunk_t>{m, m}));
 }
 
 TEST(Records, ArtifactPaths) {
-  struct {
-    char const* destination;
-    char const* subdirectory;
-    char const* directory;
-  } const rows[] = {
+  char const* const rows[][3] = {
+      // destination, subdirectory, directory
       {"/data//", "", "/data/"},
       {"/data", "os/", "/data/os/"},
       {"/", "", "/"},
@@ -140,11 +109,11 @@ TEST(Records, ArtifactPaths) {
   };
   for (auto const& row : rows) {
     artifact_t artifact;
-    artifact.destination = row.destination;
-    artifact.subdirectory = row.subdirectory;
+    artifact.destination = row[0];
+    artifact.subdirectory = row[1];
     artifact.filename = "a.bin";
-    EXPECT_EQ(get_full_artifact_path(artifact), row.directory);
-    EXPECT_EQ(get_full_artifact_file_path(artifact), std::string(row.directory) + "a.bin");
+    EXPECT_EQ(get_full_artifact_path(artifact), row[2]);
+    EXPECT_EQ(get_full_artifact_file_path(artifact), std::string(row[2]) + "a.bin");
   }
 }
 
