@@ -29,13 +29,7 @@
 
 namespace {
 
-using tamrel::testing::CaptureStderr;
-using tamrel::testing::DdiTestServer;
-using tamrel::testing::Fault;
-using tamrel::testing::RawCaptureServer;
-using tamrel::testing::readFile;
-using tamrel::testing::serverSettings;
-using tamrel::testing::TempDir;
+using namespace tamrel::testing;
 using artifact_t = hawkbit_query_t::deployment_t::chunk_t::artifact_t;
 
 // True when every piece occurs in `text`, in this order.
@@ -98,8 +92,8 @@ TEST_F(Hostile, HangingAndMisbehavingServers) {
   trickle.delayMs = 1000;
   server.addArtifact("/trickle", content);
   server.setFault("/trickle", trickle);
-  server.setControllerBase(tamrel::testing::controllerBaseJson(
-      server.baseUrl(), server.controllerPath(), "00:05:00", "1", "", false));
+  server.setControllerBase(
+      controllerBaseJson(server.baseUrl(), server.controllerPath(), "00:05:00", "1", "", false));
   server.setDeploymentBase("1", "{" + std::string(200, ' ') + "}");
   server.setFault(server.controllerPath() + "/deploymentBase/1", trickle);
   std::string const aborted = curl_easy_strerror(CURLE_ABORTED_BY_CALLBACK);
@@ -121,7 +115,7 @@ TEST_F(Hostile, HangingAndMisbehavingServers) {
       // clang-format on
   };
   // Long enough for a healthy exchange to finish first, also under valgrind.
-  int const watchdogMs = tamrel::testing::underValgrind() ? 6000 : 300;
+  int const watchdogMs = underValgrind() ? 6000 : 300;
   for (Row const& row : rows) {
     artifact_t const artifact = artifactAt(row.artifactUrl);
     std::remove(get_full_artifact_file_path(artifact).c_str());
@@ -183,8 +177,7 @@ int talkWithATrustedCertificate(std::string const& dir) {
   options.certFile = dir + "/cert.pem";
   options.keyFile = dir + "/cert.key";
   if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) != 0 ||
-      !tamrel::testing::writeSelfSignedCertificate(options.certFile, options.keyFile,
-                                                   "otherhost") ||
+      !writeSelfSignedCertificate(options.certFile, options.keyFile, "otherhost") ||
       mount(options.certFile.c_str(), "/etc/ssl/certs/ca-certificates.crt", "none", MS_BIND,
             nullptr) != 0)
     return 77;
@@ -192,8 +185,8 @@ int talkWithATrustedCertificate(std::string const& dir) {
   // Every link of the poll names the same server as "localhost", a name its
   // certificate does not carry.
   std::string const wrongName = "https://localhost:" + std::to_string(secure.port());
-  secure.setControllerBase(tamrel::testing::controllerBaseJson(wrongName, secure.controllerPath(),
-                                                               "00:05:00", "1", "", true));
+  secure.setControllerBase(
+      controllerBaseJson(wrongName, secure.controllerPath(), "00:05:00", "1", "", true));
   CurlManager transport;
   libtamrelcore client(&transport);
   auto const table = serverSettings(secure.baseUrl());
