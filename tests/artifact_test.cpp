@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <future>
 #include <memory>
@@ -88,6 +89,9 @@ class Artifacts : public ::testing::Test {
 };
 
 TEST_F(Artifacts, WholeDownloadReportsEverySignal) {
+  Fault pieces;  // many writes smaller than one percent
+  pieces.chunkBytes = 500;
+  server.setFault("/artifacts/fw.bin", pieces);
   SignalLog log(client);
   EXPECT_EQ(client.downloadArtifact("chunk-1", artifact), download_ok);
   EXPECT_EQ(onDisk(), content);
@@ -171,10 +175,12 @@ TEST_F(Artifacts, VerificationChecksLengthBeforeHashing) {
   putOnDisk(content);
   unsigned int hashed = 0;
   client.verifyBytes.connect([&](unsigned int n) { hashed += n; });
-  artifact_t longer = artifact;
-  longer.size += 1;
   CaptureStderr capture;
-  EXPECT_FALSE(client.verifyArtifact(longer));
+  for (std::uint64_t size : {artifact.size + 1, artifact.size - 1}) {
+    artifact_t other = artifact;
+    other.size = size;
+    EXPECT_FALSE(client.verifyArtifact(other));
+  }
   EXPECT_EQ(hashed, 0u);
 
   std::vector<unsigned int> percents;
@@ -183,11 +189,14 @@ TEST_F(Artifacts, VerificationChecksLengthBeforeHashing) {
   EXPECT_TRUE(client.verifyArtifact(artifact));  // MD5 alone
   EXPECT_EQ(hashed, 100000u);
   EXPECT_EQ(percents.back(), 100u);
+  EXPECT_TRUE(std::is_sorted(percents.begin(), percents.end(), std::less_equal<unsigned int>()));
   artifact.hashes["md5"] = "nope";
   EXPECT_FALSE(client.verifyArtifact(artifact));
   EXPECT_EQ(capture.text(),
             "[E] libtamrelcore -> Downloaded artifact \"fw.bin\" does not match expected size. "
             "Expected 100001 bytes, got 100000 bytes\n"
+            "[E] libtamrelcore -> Downloaded artifact \"fw.bin\" does not match expected size. "
+            "Expected 99999 bytes, got 100000 bytes\n"
             "[W] libtamrelcore -> MD5 does not match\n");
 }
 
@@ -271,13 +280,15 @@ TEST_F(Artifacts, ConcurrencyVerifyHugeSparseFileAndCancelFromAnotherClient) {
   artifact.size = huge;
 
   libtamrelcore other(nullptr);
-  int blocks = 0;
+  int blocks = 0, percents = 0;  // three blocks are not one percent
+  client.verifyProgress.connect([&](std::string, unsigned int) { ++percents; });
   client.verifyBytes.connect([&](unsigned int) {
     if (++blocks == 3) other.cancelVerifyArtifact();
   });
   CaptureStderr capture;
   EXPECT_FALSE(client.verifyArtifact(artifact));
   EXPECT_EQ(blocks, 3);
+  EXPECT_EQ(percents, 0);
   EXPECT_EQ(capture.text(),
             "[I] libtamrelcore -> SHA-1 checksum generation aborted\n"
             "[W] libtamrelcore -> SHA-1 does not match\n");
