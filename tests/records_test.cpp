@@ -77,24 +77,12 @@ TEST(Records, EqualityComparesEachFieldItNames) {
   }
   hawkbit_query_t::config_t x, y;
   y.sleep = 1;
-  EXPECT_TRUE(x != y);
-  EXPECT_FALSE(x == y);
-}
-
-// Each left element needs an equal one somewhere on the right (sizes equal),
-// so the rule is order-free but not symmetric.
-TEST(Records, VectorRuleIsAsymmetric) {
+  EXPECT_TRUE(x != y && !(x == y));
+  // Vectors: each left element needs an equal one anywhere on the right.
   metadata_entry_t const A{"a", "1"}, B{"b", "2"};
-  std::vector<metadata_entry_t> const aa{A, A}, ab{A, B}, ba{B, A}, a{A};
-  EXPECT_TRUE(aa == ab && ab == ba);
-  EXPECT_FALSE(ab == aa || a == ab);
-  artifact_t p, q;
-  q.filename = "q";
-  EXPECT_TRUE((std::vector<artifact_t>{p, p} == std::vector<artifact_t>{p, q}));
-  EXPECT_FALSE((std::vector<artifact_t>{p, q} == std::vector<artifact_t>{p, p}));
-  chunk_t m, n;
-  n.name = "n";
-  EXPECT_FALSE((std::vector<chunk_t>{m, n} == std::vector<chunk_t>{m, m}));
+  std::vector<metadata_entry_t> const aa{A, A}, ab{A, B}, ba{B, A};
+  EXPECT_TRUE(ab == ba && aa == ab);
+  EXPECT_FALSE(ab == aa);
 }
 
 TEST(Records, ArtifactPaths) {
