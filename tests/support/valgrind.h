@@ -3,18 +3,14 @@
 
 #if __has_include(<valgrind/valgrind.h>)
 #include <valgrind/valgrind.h>
+#else
+#define RUNNING_ON_VALGRIND 0
 #endif
 
 namespace tamrel::testing {
 
-// True when the test runs under valgrind, where everything is many times slower.
-inline bool underValgrind() {
-#ifdef RUNNING_ON_VALGRIND
-  return RUNNING_ON_VALGRIND != 0;
-#else
-  return false;
-#endif
-}
+// True under valgrind, where everything runs many times slower.
+inline bool underValgrind() { return RUNNING_ON_VALGRIND != 0; }
 
 }  // namespace tamrel::testing
 
