@@ -241,18 +241,6 @@ TEST(Binding, SettingPairs) {
     EXPECT_EQ(row.bound ? client.buildQueryUrl() : "", row.url);
     EXPECT_EQ(capture.text(), row.log);
   }
-
-  // Update feedback words a missing setting differently and stops there too.
-  CurlManager transport;
-  libtamrelcore client(&transport);
-  auto const table = settings(rows[4].entries);
-  client.connectProperties(table);
-  hawkbit_query_t::deployment_t deployment;
-  deployment.chunks.resize(1);
-  CaptureStderr capture;
-  EXPECT_FALSE(client.sendUpdateFeedback(deployment));
-  EXPECT_EQ(capture.text(),
-            "[E] libtamrelcore -> Cannot find controller-id or controller-id-file\n");
 }
 
 // A null table leaves the binding as it was; a table the host dropped makes

@@ -35,16 +35,6 @@ TEST(Signal, StrongSlotsFirstThenLiveWeakSlotsInOrder) {
   EXPECT_EQ(signal.weakSlots.size(), 2u);  // the expired slot is dropped
 }
 
-TEST(Signal, EmptyCallableThrowsAndReleasesTheLock) {
-  simple_signal::signal<int> signal;
-  int seen = 0;
-  signal.connect(std::function<void(int)>());
-  signal.connect([&](int v) { seen = v; });
-  EXPECT_THROW(signal(1), std::bad_function_call);
-  EXPECT_EQ(seen, 0);
-  EXPECT_THROW(signal(2), std::bad_function_call);  // the lock was released
-}
-
 TEST(ValueContainer, NotifiesOnlyOnRealChange) {
   value_container c;
   int notified = 0;

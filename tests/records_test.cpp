@@ -14,19 +14,15 @@ using artifact_t = chunk_t::artifact_t;
 using metadata_entry_t = chunk_t::metadata_entry_t;
 
 TEST(Records, Validity) {
-  EXPECT_FALSE(is_valid(hawkbit_query_t{}));
+  hawkbit_query_t query;
+  EXPECT_FALSE(is_valid(query));
   for (std::int64_t sleep : {29LL, 30LL, -9000000000LL}) {
-    hawkbit_query_t query;
     query.config.sleep = sleep;
     EXPECT_EQ(is_valid(query), sleep == 30) << sleep;
   }
   EXPECT_TRUE(is_valid(hawkbit_query_t::cancel_action_t{"u", "", "7"}));
   EXPECT_FALSE(is_valid(hawkbit_query_t::cancel_action_t{"u", "7", ""}));
-  hawkbit_query_t query;
-  query.config_data.url = "u";
-  EXPECT_TRUE(is_valid(query));
-
-  query = {};
+  EXPECT_TRUE(is_valid(hawkbit_query_t::config_data_t{"u"}));
   query.deployment.url = "u";
   query.deployment.json = "{}";
   query.deployment.chunks.resize(2);
