@@ -37,7 +37,6 @@ long residentKiB() {
 TEST(Soak, PollFeedbackAndConfigDataStayFlat) {
   char const* setting = std::getenv("TAMREL_SOAK_CYCLES");
   int const cycles = setting ? std::max(std::atoi(setting), 20) : 200;
-  int const warmUp = cycles / 10;
 
   tamrel::testing::DdiTestServer server;
   server.setControllerBase(tamrel::testing::controllerBaseJson(
@@ -55,8 +54,9 @@ TEST(Soak, PollFeedbackAndConfigDataStayFlat) {
   long rssBefore = 0;
   auto const start = std::chrono::steady_clock::now();
   tamrel::testing::CaptureStderr capture;
+  // The baseline is taken after a tenth of the cycles, once caches are warm.
   for (int i = 0; i < cycles; ++i) {
-    if (i == warmUp) fdsBefore = openDescriptors(), rssBefore = residentKiB();
+    if (i == cycles / 10) fdsBefore = openDescriptors(), rssBefore = residentKiB();
     hawkbit_query_t result = client.queryOnlineStatus();
     ASSERT_TRUE(is_valid(result.deployment)) << "cycle " << i;
     result.deployment.execution = execution_t::proceeding;
