@@ -11,89 +11,55 @@ namespace {
 
 TEST(Signal, StrongSlotsFirstThenLiveWeakSlotsInOrder) {
   simple_signal::signal<std::string> signal;
-  signal("nobody listens");
   std::vector<std::string> calls;
+  auto weak = [&](char const* name) {
+    return std::make_shared<std::function<void(std::string)>>(
+        [&calls, name](std::string s) { calls.push_back(name + s); });
+  };
   signal.connect([&](std::string s) {
     calls.push_back("A" + s);
     s = "changed";  // must not leak into the next slot's copy
   });
-  auto w1 = std::make_shared<std::function<void(std::string)>>(
-      [&](std::string s) { calls.push_back("W1" + s); });
-  auto w2 = std::make_shared<std::function<void(std::string)>>(
-      [&](std::string s) { calls.push_back("W2" + s); });
-  auto w3 = std::make_shared<std::function<void(std::string)>>(
-      [&](std::string s) { calls.push_back("W3" + s); });
+  auto w1 = weak("W1"), w2 = weak("W2"), w3 = weak("W3");
   signal.connectWeak(w1);
   signal.connectWeak(w2);
   signal.connectWeak(w3);
   signal.connect([&](std::string s) { calls.push_back("B" + s); });
-
   signal("x");
   EXPECT_EQ(calls, (std::vector<std::string>{"Ax", "Bx", "W1x", "W2x", "W3x"}));
-
   w2.reset();
   calls.clear();
   signal("y");
   EXPECT_EQ(calls, (std::vector<std::string>{"Ay", "By", "W1y", "W3y"}));
-  ASSERT_EQ(signal.weakSlots.size(), 2u);
-  EXPECT_EQ(signal.weakSlots[0].lock(), w1);
-  EXPECT_EQ(signal.weakSlots[1].lock(), w3);
-}
-
-TEST(Signal, EmptyCallableThrowsAndReleasesTheLock) {
-  simple_signal::signal<int> signal;
-  int seen = 0;
-  signal.connect(std::function<void(int)>());
-  signal.connect([&](int v) { seen = v; });
-  EXPECT_THROW(signal(1), std::bad_function_call);
-  EXPECT_EQ(seen, 0);
-  EXPECT_THROW(signal(2), std::bad_function_call);  // the lock was released
-}
-
-TEST(ValueContainer, DefaultIsInvalidWithEmptyFields) {
-  value_container c;
-  EXPECT_FALSE(c.valid());
-  EXPECT_EQ(static_cast<int>(c.value_type()), 0);
-  EXPECT_EQ(c.string(), "");
-  EXPECT_EQ(c.integer(), 0);
-  EXPECT_FALSE(c.boolean());
-  EXPECT_EQ(c.link(), link_t{});
-  EXPECT_THROW(value_container(static_cast<char const*>(nullptr)), std::logic_error);
+  EXPECT_EQ(signal.weakSlots.size(), 2u);  // the expired slot is dropped
 }
 
 TEST(ValueContainer, NotifiesOnlyOnRealChange) {
   value_container c;
   int notified = 0;
   c.changed.connect([&](value_container&) { ++notified; });
-
   c = "server";
   c = std::string("server");
   EXPECT_EQ(notified, 1);
   EXPECT_TRUE(c.is_string());
-
   c = 5;  // type change keeps the old string field
   EXPECT_EQ(notified, 2);
   EXPECT_TRUE(c.is_integer());
-  EXPECT_EQ(c.string(), "server");
   EXPECT_STREQ(static_cast<char const*>(c), "server");
+  c.string() = "quiet";  // writes through references never notify
+  EXPECT_EQ(notified, 2);
 
   value_container fresh;
-  int freshNotified = 0;
-  fresh.changed.connect([&](value_container&) { ++freshNotified; });
+  fresh.changed.connect([&](value_container&) { ++notified; });
   fresh = false;  // same raw value, but the type changes from none
-  EXPECT_EQ(freshNotified, 1);
+  EXPECT_EQ(notified, 3);
   EXPECT_TRUE(fresh.is_boolean());
 
   value_container link(link_t{"/etc/a", "secret"});
-  int linkNotified = 0;
-  link.changed.connect([&](value_container&) { ++linkNotified; });
+  link.changed.connect([&](value_container&) { ++notified; });
   link = link_t{"/etc/b", "secret"};  // differs only in target
-  EXPECT_EQ(linkNotified, 1);
-  EXPECT_EQ(link.link().operator std::string(), "secret");
-
-  c.string() = "quiet";  // writes through references never notify
-  EXPECT_EQ(notified, 2);
-  EXPECT_TRUE(c.is_integer());
+  EXPECT_EQ(notified, 4);
+  EXPECT_THROW(value_container(static_cast<char const*>(nullptr)), std::logic_error);
 }
 
 TEST(Lookup, AddsMissingNamesInOrderAndSharesContainers) {
@@ -103,21 +69,12 @@ TEST(Lookup, AddsMissingNamesInOrderAndSharesContainers) {
                {"dup", std::make_shared<value_container>(2)}};
   EXPECT_EQ(table["token"], token);
   EXPECT_EQ(table["dup"]->integer(), 1);
-
   auto missing = table["Token"];  // names are case-sensitive
   EXPECT_FALSE(missing->valid());
   EXPECT_EQ(table["Token"], missing);
-  *table["address"] = "http://h";
-  EXPECT_EQ(table["address"]->string(), "http://h");
-
   std::vector<std::string> names;
   for (auto const& entry : table) names.push_back(entry.first);
-  EXPECT_EQ(names, (std::vector<std::string>{"token", "dup", "dup", "Token", "address"}));
-
-  lookup empty;
-  EXPECT_TRUE(empty.empty());
-  EXPECT_FALSE(empty["x"]->valid());
-  EXPECT_FALSE(empty.empty());
+  EXPECT_EQ(names, (std::vector<std::string>{"token", "dup", "dup", "Token"}));
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #ifndef TAMREL_TESTS_SUPPORT_CAPTURE_STDERR_H_
 #define TAMREL_TESTS_SUPPORT_CAPTURE_STDERR_H_
 
+#include <cstdio>
 #include <string>
 
 namespace tamrel::testing {
@@ -17,8 +18,8 @@ class CaptureStderr {
   std::string text() const;
 
  private:
+  std::FILE* file_;
   int saved_ = -1;
-  int file_ = -1;
 };
 
 }  // namespace tamrel::testing
