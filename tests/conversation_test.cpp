@@ -10,6 +10,7 @@
 #include "plugin/libtamrelcore.h"
 #include "tests/support/capture_stderr.h"
 #include "tests/support/settings.h"
+#include "testserver/ddidocument.h"
 #include "testserver/dditestserver.h"
 #include "transport/curlmanager.h"
 
@@ -38,12 +39,13 @@ class Conversation : public ::testing::Test {
                                                 "00:05:00", deployment ? "17" : "",
                                                 cancel ? "18" : "", config));
     server.setDeploymentBase("17", deploymentDocument());
-    server.setCancelAction("18", R"({"id":"18","cancelAction":{"stopId":"17"}})");
+    server.setCancelAction("18", cancelActionJson("18", "17"));
   }
 
   static std::string deploymentDocument() {
-    return R"({"id":"17","deployment":{"download":"forced","update":"forced","chunks":[{"part":)"
-           R"("os","version":"1.0","name":"rootfs","artifacts":[{"filename":"a.bin","size":10}]}]}})";
+    DeploymentDocument deployment{"17", "forced", "forced", "", {}};
+    deployment.chunks.push_back({"os", "1.0", "rootfs", {{"a.bin", 10, {}, {}}}, false});
+    return deploymentBaseJson(deployment);
   }
 
   // A deployment of three chunks, the first one completed.

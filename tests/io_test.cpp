@@ -11,6 +11,7 @@
 #include "io/md5sum.h"
 #include "io/sha1sum.h"
 #include "tests/support/capture_stderr.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 
@@ -37,19 +38,15 @@ std::string patterned(std::size_t n) {
   return text;
 }
 
-class TempDir : public ::testing::Test {
+class FileSink : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char name[] = "/tmp/tamrel-io-XXXXXX";
-    dir_ = mkdtemp(name);
-  }
-  void TearDown() override { std::filesystem::remove_all(dir_); }
+  tamrel::testing::TempDir const tmp_;
+  std::string const dir_ = tmp_.path();
   // A new file of `content` under the directory; its path.
   std::string file(std::string const& name, std::string const& content) const {
     std::ofstream(dir_ + "/" + name, std::ios::binary) << content;
     return dir_ + "/" + name;
   }
-  std::string dir_;
 };
 
 TEST(Hash, KnownAnswersComparedExactly) {
@@ -67,7 +64,7 @@ TEST(Hash, KnownAnswersComparedExactly) {
   EXPECT_FALSE(sha1sum("DA39A3EE5E6B4B0D3255BFEF95601890AFD80709").matches());
 }
 
-TEST_F(TempDir, FileRehashesExistingContentInBlocks) {
+TEST_F(FileSink, FileRehashesExistingContentInBlocks) {
   struct {
     std::size_t size;
     std::vector<unsigned int> blocks;
@@ -103,7 +100,7 @@ TEST(FileIo, FailuresCountPositionDifferences) {
             "[E] libtamrelcore -> Unable to write 10 bytes to file (wrote 0)\n");
 }
 
-TEST_F(TempDir, FileShrinkingWhileRehashedCountsThePositionDifference) {
+TEST_F(FileSink, FileShrinkingWhileRehashedCountsThePositionDifference) {
   std::string const name = file("shrinks", patterned(100000));
   fileio io(name);
   auto recorder = std::make_unique<RecordingHash>();
@@ -120,7 +117,7 @@ TEST_F(TempDir, FileShrinkingWhileRehashedCountsThePositionDifference) {
                                 std::to_string(done) + ")\n");
 }
 
-TEST_F(TempDir, ResetTruncatesAndOddCallsAreLogged) {
+TEST_F(FileSink, ResetTruncatesAndOddCallsAreLogged) {
   std::string const name = file("t", "old content");
   CaptureStderr capture;
   fileio io(name);

@@ -17,6 +17,7 @@
 #include "tests/support/capture_stderr.h"
 #include "tests/support/settings.h"
 #include "tests/support/valgrind.h"
+#include "testserver/ddidocument.h"
 #include "testserver/dditestserver.h"
 #include "transport/curlmanager.h"
 
@@ -41,10 +42,14 @@ TEST(Soak, PollFeedbackAndConfigDataStayFlat) {
   tamrel::testing::DdiTestServer server;
   server.setControllerBase(tamrel::testing::controllerBaseJson(
       server.baseUrl(), server.controllerPath(), "00:05:00", "7", "", true));
-  server.setDeploymentBase(
-      "7", R"({"id":"7","deployment":{"chunks":[{"part":"os","version":"1","name":"fw",)"
-           R"("artifacts":[{"filename":"fw.bin","size":1,"hashes":{"sha1":"00"},)"
-           R"("_links":{"download-http":{"href":"http://x/fw.bin"}}}]}]}})");
+  tamrel::testing::DeploymentDocument deployment{"7", "forced", "forced", "", {}};
+  deployment.chunks.push_back(
+      {"os",
+       "1",
+       "fw",
+       {{"fw.bin", 1, {{"sha1", "00"}}, {{"download-http", "http://x/fw.bin"}}}},
+       false});
+  server.setDeploymentBase("7", tamrel::testing::deploymentBaseJson(deployment));
   auto const table = tamrel::testing::serverSettings(server.baseUrl());
   CurlManager transport;
   libtamrelcore client(&transport);

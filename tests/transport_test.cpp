@@ -8,6 +8,7 @@
 #include "io/nullhash.h"
 #include "plugin/libtamrelcore.h"
 #include "tests/support/capture_stderr.h"
+#include "tests/support/temp_dir.h"
 #include "testserver/dditestserver.h"
 #include "testserver/rawcaptureserver.h"
 #include "transport/curlmanager.h"
@@ -103,8 +104,8 @@ TEST_F(Transport, CancelStopsARunningDownloadWhichThenResumes) {
 // A server's URL or redirect to file:// or gopher:// reads, writes and sends
 // nothing: the gopher URL smuggles an HTTP request to a listener.
 TEST_F(Transport, OnlyHttpAndHttpsAreSpoken) {
-  char name[] = "/tmp/tamrel-scheme-XXXXXX";
-  fs::path const dir = mkdtemp(name), secret = dir / "secret";
+  tamrel::testing::TempDir const tmp;
+  fs::path const dir = tmp.path(), secret = dir / "secret";
   std::ofstream(secret) << "secret";
   RawCaptureServer listener;
   std::string const gopher = "gopher://127.0.0.1:" + std::to_string(listener.port()) +
@@ -126,7 +127,6 @@ TEST_F(Transport, OnlyHttpAndHttpsAreSpoken) {
   EXPECT_FALSE(fs::exists(dir / "out"));
   EXPECT_EQ(fs::file_size(secret), 6u);  // "secret", not overwritten
   EXPECT_TRUE(listener.requests().empty());
-  fs::remove_all(dir);
 }
 
 // /dev/full takes no byte: a block written through at once fails in the
