@@ -33,6 +33,7 @@ namespace testing = tamrel::testing;
 char const kUsage[] =
     "usage: tamrel-ddi-server [--port N] [--token T] [--artifacts DIR] [--sleep HH:MM:SS]\n"
     "                         [--chunk NAME] [--name-as FILE=NAME] [--action ID]\n"
+    "                         [--cancel ID]   (a cancel request ID for the action)\n"
     "  the deployment:\n"
     "    --handling D:U[:W]    download and update handling (skip, attempt, forced) and\n"
     "                          maintenance window (available, unavailable)\n"
@@ -59,7 +60,8 @@ char const kUsage[] =
 
 struct Settings {
   int port = 0;
-  std::string token, artifactDir, sleep = "00:00:10", chunk = "firmware", corrupt, action = "1";
+  std::string token, artifactDir, sleep = "00:00:10", chunk = "firmware", corrupt, action = "1",
+                                  cancel;
   std::string download = "forced", update = "forced", window, wrongSha256;
   int windowOpensAt = 0;
   bool tlsLinks = false, bothLinks = false, upperDigests = false, emptyArtifact = false;
@@ -137,6 +139,8 @@ bool parse(int argc, char** argv, Settings& settings) {
         settings.chunk = value;
       } else if (arg == "--action") {
         settings.action = value;
+      } else if (arg == "--cancel") {
+        settings.cancel = value;
       } else if (arg == "--name-as" && value.find('=') != std::string::npos) {
         settings.names[value.substr(0, value.find('='))] = value.substr(value.find('=') + 1);
       } else if (arg == "--handling") {
@@ -308,8 +312,13 @@ int main(int argc, char** argv) {
   }
   bool const offered = !deployment.chunks.front().artifacts.empty();
   if (offered) server.setDeploymentBase(settings.action, testing::deploymentBaseJson(deployment));
-  server.setControllerBase(testing::controllerBaseJson(
-      base, server.controllerPath(), settings.sleep, offered ? settings.action : "", "", true));
+  server.setControllerBase(
+      testing::controllerBaseJson(base, server.controllerPath(), settings.sleep,
+                                  offered ? settings.action : "", settings.cancel, true));
+  if (!settings.cancel.empty()) {
+    server.setCancelAction(settings.cancel,
+                           testing::cancelActionJson(settings.cancel, settings.action));
+  }
   if (isFault(settings.poll)) server.setFault(server.controllerPath(), settings.poll);
   if (isFault(settings.config)) {
     server.setFault(server.controllerPath() + "/configData", settings.config);

@@ -114,7 +114,13 @@ UpdateAgent::Cycle UpdateAgent::cycle() {
                 failure.empty() ? "sent" : failure.c_str());
   }
   auto const& cancel = answer.cancel_action;
-  if (!cancel.url.empty() && !cancel.stop_id.empty()) {
+  if (!cancel.url.empty() && !cancel.stop_id.empty() &&
+      (!DeploymentPlan::decimalId(cancel.id) || !DeploymentPlan::decimalId(cancel.stop_id))) {
+    // No request is built from an id that is not a number.
+    std::printf("cancel request refused: action ids \"%s\"/\"%s\" are not decimal numbers\n",
+                cancel.id.c_str(), cancel.stop_id.c_str());
+    result.status = kExitDeploymentFailed;
+  } else if (!cancel.url.empty() && !cancel.stop_id.empty()) {
     std::string const failure = server_.send([&] {
       return client_.sendCancelActionFeedback(
           cancel.url, cancel.id, "closed", "success",

@@ -48,6 +48,8 @@ row 'control character in a name: failure, nothing fetched' \
   "--name-as image.bin=\$'im\\tage'"
 row 'action id not decimal: nothing sent, nothing fetched' 'no_feedback && fetched 0' \
   '--action 1x'
+row 'cancel request id not decimal: nothing sent' '! grep -q "^POST .*cancelAction" "$log" &&
+  grep -q "cancel request refused" "$work/agent$n.log"' '--cancel 2x --handling skip:forced'
 row 'download "skip": nothing fetched yet' 'no_feedback && fetched 0' '--handling skip:forced'
 row 'download-only action: closed "downloaded" at the feedback path, not installed' \
   'test "$(feedbacks "\"execution\":\"downloaded\"")" -eq 1 && ! closing && test ! -e "$inst"' \
