@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <deque>
 
@@ -15,7 +16,8 @@ std::string Installer::Result::describe() const {
   return exitCode >= 0 ? "exit " + std::to_string(exitCode) : "killed by a signal";
 }
 
-Installer::Result Installer::run(std::string const& command, std::vector<std::string> const& args) {
+Installer::Result Installer::run(std::string const& command, std::vector<std::string> const& args,
+                                 std::atomic<bool> const* stop) {
   Result result;
   std::vector<std::string> words = {"/bin/sh", "-c", command, "tamrel-install"};
   words.insert(words.end(), args.begin(), args.end());
@@ -32,6 +34,7 @@ Installer::Result Installer::run(std::string const& command, std::vector<std::st
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
+    if (stop != nullptr) setpgid(0, 0);
     dup2(pipeFds[1], STDERR_FILENO);
     execv(argv[0], argv.data());
     _exit(127);
@@ -45,11 +48,27 @@ Installer::Result Installer::run(std::string const& command, std::vector<std::st
   // chatty command cannot grow the agent's memory. Reading ends when the
   // command has exited and nothing more is waiting, even if something it
   // started in the background still holds its standard error.
+  if (stop != nullptr) setpgid(child, child);  // either side may come first
+  // Passes a stop on to the command's group: SIGTERM, later SIGKILL.
+  auto const start = std::chrono::steady_clock::now();
+  auto signalledAt = start;
+  int sent = 0;
+  auto const passStop = [&] {
+    if (stop == nullptr || !stop->load()) return;
+    auto const now = std::chrono::steady_clock::now();
+    if (sent == 0 ||
+        (sent == SIGTERM && now - signalledAt >= std::chrono::milliseconds(kKillAfterMs))) {
+      sent = sent == 0 ? SIGTERM : SIGKILL;
+      signalledAt = now;
+      kill(-child, sent);
+    }
+  };
   std::deque<std::string> tail(1);
   char buffer[4096];
   int status = 0;
   bool exited = false;
   for (;;) {
+    passStop();
     pollfd ready{pipeFds[0], POLLIN, 0};
     int const events = poll(&ready, 1, exited ? 0 : 100);
     if (events < 0 && errno == EINTR) continue;
@@ -73,9 +92,11 @@ Installer::Result Installer::run(std::string const& command, std::vector<std::st
   }
   close(pipeFds[0]);
   while (!exited) {
-    pid_t const done = waitpid(child, &status, 0);
+    passStop();
+    pid_t const done = waitpid(child, &status, WNOHANG);
     if (done < 0 && errno != EINTR) return result;
     exited = done == child;
+    if (!exited) poll(nullptr, 0, 50);
   }
   result.started = true;
   result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;

@@ -1,6 +1,7 @@
 #ifndef TAMREL_AGENT_INSTALLER_H_
 #define TAMREL_AGENT_INSTALLER_H_
 
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -18,10 +19,15 @@ class Installer {
     std::string describe() const;
   };
 
-  static Result run(std::string const& command, std::vector<std::string> const& args = {});
+  // With `stop`, the command runs in its own process group, which gets
+  // SIGTERM once *stop is set and SIGKILL kKillAfterMs later: an agent that
+  // is asked to stop does not wait for an installation to end on its own.
+  static Result run(std::string const& command, std::vector<std::string> const& args = {},
+                    std::atomic<bool> const* stop = nullptr);
 
   static constexpr std::size_t kTailLines = 5;
   static constexpr std::size_t kLineBytes = 200;
+  static constexpr int kKillAfterMs = 3000;
 };
 
 #endif  // TAMREL_AGENT_INSTALLER_H_

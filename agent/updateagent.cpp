@@ -244,6 +244,17 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
     success = result != Installed::kFailed;
     reboot = reboot || result == Installed::kReboot;
   }
+  if (stopping() && !success) {
+    // The installation was stopped with the agent: left open, offered again
+    // and installed at the next start.
+    deployment.chunks.front().details.push_back(
+        "installation interrupted on the device; it runs again on the next start");
+    deployment.execution = execution_t::proceeding;
+    deployment.finished = finished_t::none;
+    server_.send([&] { return client_.sendUpdateFeedback(deployment); });
+    std::printf("deployment %s: installation interrupted, left open\n", deployment.id.c_str());
+    return false;
+  }
   if (success && reboot && reboot_.begin(deployment)) return true;
   success = success && !reboot;
   close(deployment, success);
@@ -314,7 +325,7 @@ void UpdateAgent::closeDownloaded(hawkbit_query_t::deployment_t const& deploymen
 
 UpdateAgent::Installed UpdateAgent::install(std::vector<std::string> const& files,
                                             std::vector<std::string>& details) {
-  Installer::Result const result = Installer::run(config_.installCommand, files);
+  Installer::Result const result = Installer::run(config_.installCommand, files, &stop_);
   Installed const installed =
       result.exitCode == 0 ? Installed::kDone
       : config_.rebootExitCode >= 0 && result.exitCode == config_.rebootExitCode

@@ -100,6 +100,17 @@ SIGTERM during a trickled download|artifact=trickle|GET /artifacts|
 SIGTERM during a stuck PUT|config=stall|PUT .*/configData|the action stays open
 EOF
 check "SIGTERM during a stuck PUT: action not closed" test -z "$(closing)"
+# ... and during an install command that would run on: its group is ended.
+serve
+echo "install-command = echo installing; sleep 60; touch $work/finished" >> "$conf"
+"$agent" --config "$conf" > "$(alog)" 2>&1 &
+pid=$!
+wait_for installing "$(alog)"
+start=$(date +%s); kill -TERM $pid; wait $pid
+code=$?; took=$(($(date +%s) - start))
+expect "SIGTERM during the install command" 0 5 "installation interrupted, left open"
+check "SIGTERM during the install command: action open, command ended" \
+  eval 'test -z "$(closing)" && ! pgrep -f "sleep 60; touch $work" >/dev/null'
 serve --fault config=410
 once "$ok"
 expect "PUT refused" 0 10 "refused by the server: Injected status 410"
