@@ -12,6 +12,7 @@
 
 #include "agent/agentconfig.h"
 #include "agent/pluginloader.h"
+#include "agent/signalthread.h"
 #include "agent/updateagent.h"
 #include "testserver/ddidocument.h"
 #include "testserver/dditestserver.h"
@@ -109,6 +110,7 @@ bool report(testing::DdiTestServer const& server) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  SignalThread::blockStopSignals();
   std::string pluginPath;
   for (int i = 1; i < argc; ++i) {
     std::string const arg = argv[i];
@@ -152,10 +154,14 @@ int main(int argc, char** argv) {
   {
     UpdateAgent agent(*plugin.client(), config);
     agent.progress().captureStderr();
+    SignalThread stopper(agent);  // Ctrl-C stops the agent; the directory is removed
     std::printf("DDI test server on %s, downloads into %s\n\n", base.c_str(), dir);
-    if (agent.connect()) {
+    bool const connected = agent.connect();
+    if (connected) {
       std::printf("== first poll: configuration request and a deployment\n");
       agent.cycle();
+    }
+    if (connected && !agent.stopping()) {
       std::printf("\n== second poll: a cancel request\n");
       server.setCancelAction("2", testing::cancelActionJson("2", "1"));
       server.setControllerBase(

@@ -1,20 +1,18 @@
 // tamrel-agent: the reference host of libtamrelcore. Loads the plug-in,
 // binds its settings, checks the host and runs the update loop.
-#include <signal.h>
 #include <stdlib.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
-#include <thread>
 
 #include "agent/agentconfig.h"
 #include "agent/console.h"
 #include "agent/exitcode.h"
 #include "agent/pluginloader.h"
+#include "agent/signalthread.h"
 #include "agent/startupcheck.h"
 #include "agent/updateagent.h"
 
@@ -45,50 +43,10 @@ char const kExitCodes[] =
     "  4  a POST/PUT to the server passed feedback-timeout-s\n"
     "Without --once the agent keeps running through 1 and 3.\n";
 
-sigset_t stopSignals() {
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGINT);
-  sigaddset(&set, SIGTERM);
-  sigaddset(&set, SIGUSR1);
-  return set;
-}
-
-// A thread that turns SIGINT/SIGTERM into a clean stop of the agent. The
-// signals are blocked in every thread (main blocks them first), so only
-// this thread receives them, outside any signal handler.
-class SignalThread {
- public:
-  explicit SignalThread(UpdateAgent& agent) : set_(stopSignals()) {
-    thread_ = std::thread([this, &agent] {
-      for (;;) {
-        int number = 0;
-        sigwait(&set_, &number);
-        if (closing_) return;
-        if (number == SIGINT || number == SIGTERM) {
-          std::printf("\nsignal %d: stopping\n", number);
-          agent.stop();
-        }
-      }
-    });
-  }
-  ~SignalThread() {
-    closing_ = true;
-    pthread_kill(thread_.native_handle(), SIGUSR1);
-    thread_.join();
-  }
-
- private:
-  sigset_t set_;
-  std::atomic<bool> closing_{false};
-  std::thread thread_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
-  sigset_t const signals = stopSignals();
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  SignalThread::blockStopSignals();
   std::string pluginPath, configPath;
   bool once = false, downloadOnly = false;
   for (int i = 1; i < argc; ++i) {
