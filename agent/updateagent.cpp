@@ -205,14 +205,9 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
   std::vector<std::vector<std::string>> files(deployment.chunks.size());
   bool success = download(deployment, plan, files);
   if (stopping()) {
-    // Left open: the server offers the action again and the next run
-    // resumes the partial files.
-    deployment.chunks.front().details.push_back(
-        "interrupted on the device; the download resumes on the next start");
-    deployment.execution = execution_t::proceeding;
-    deployment.finished = finished_t::none;
-    server_.send([&] { return client_.sendUpdateFeedback(deployment); });
-    std::printf("deployment %s: interrupted, left open\n", deployment.id.c_str());
+    // The next run resumes the partial files.
+    proceed(deployment, "interrupted on the device; the download resumes on the next start",
+            "interrupted, left open");
     return false;
   }
   if (!success) {
@@ -224,13 +219,8 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
     return true;
   }
   if (!installNow) {
-    deployment.chunks.front().details.push_back("downloaded, waiting for maintenance window");
-    deployment.execution = execution_t::proceeding;
-    deployment.finished = finished_t::none;
-    std::string const failure =
-        server_.send([&] { return client_.sendUpdateFeedback(deployment); });
-    std::printf("deployment %s: downloaded, waiting for the maintenance window, feedback %s\n",
-                deployment.id.c_str(), failure.empty() ? "sent" : failure.c_str());
+    proceed(deployment, "downloaded, waiting for maintenance window",
+            "downloaded, waiting for the maintenance window");
     waitingAction_ = deployment.id;
     return true;
   }
@@ -245,14 +235,9 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
     reboot = reboot || result == Installed::kReboot;
   }
   if (stopping() && !success) {
-    // The installation was stopped with the agent: left open, offered again
-    // and installed at the next start.
-    deployment.chunks.front().details.push_back(
-        "installation interrupted on the device; it runs again on the next start");
-    deployment.execution = execution_t::proceeding;
-    deployment.finished = finished_t::none;
-    server_.send([&] { return client_.sendUpdateFeedback(deployment); });
-    std::printf("deployment %s: installation interrupted, left open\n", deployment.id.c_str());
+    // Stopped with the agent: offered again and installed at the next start.
+    proceed(deployment, "installation interrupted on the device; it runs again on the next start",
+            "installation interrupted, left open");
     return false;
   }
   if (success && reboot && reboot_.begin(deployment)) return true;
@@ -297,6 +282,16 @@ bool UpdateAgent::download(hawkbit_query_t::deployment_t& deployment, Deployment
     if (stopping()) break;
   }
   return success;
+}
+
+void UpdateAgent::proceed(hawkbit_query_t::deployment_t& deployment, std::string const& detail,
+                          char const* what) {
+  deployment.chunks.front().details.push_back(detail);
+  deployment.execution = execution_t::proceeding;
+  deployment.finished = finished_t::none;
+  std::string const failure = server_.send([&] { return client_.sendUpdateFeedback(deployment); });
+  std::printf("deployment %s: %s, feedback %s\n", deployment.id.c_str(), what,
+              failure.empty() ? "sent" : failure.c_str());
 }
 
 void UpdateAgent::close(hawkbit_query_t::deployment_t& deployment, bool success) {

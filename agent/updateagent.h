@@ -54,6 +54,10 @@ class UpdateAgent {
   bool download(hawkbit_query_t::deployment_t& deployment, DeploymentPlan const& plan,
                 std::vector<std::vector<std::string>>& files);
   // Closes the deployment with success or failure and says so.
+  // Reports the action "proceeding" with `detail`, leaving it open; logs
+  // `what` with the outcome of the report.
+  void proceed(hawkbit_query_t::deployment_t& deployment, std::string const& detail,
+               char const* what);
   void close(hawkbit_query_t::deployment_t& deployment, bool success);
   // A download-only action: closed with "downloaded".
   void closeDownloaded(hawkbit_query_t::deployment_t const& deployment);
