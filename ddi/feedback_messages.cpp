@@ -10,36 +10,14 @@
 
 namespace {
 
-char const* finishedWord(finished_t finished) {
-  switch (finished) {
-    case finished_t::none:
-      return "none";
-    case finished_t::success:
-      return "success";
-    case finished_t::failure:
-      return "failure";
-    default:
-      return nullptr;
+// The name a status is sent as, from the one table of names; null for a
+// value that has none or must not be sent ("uninitialized").
+template <typename Status>
+char const* statusWord(std::map<std::string, Status> const& names, Status status) {
+  for (auto const& entry : names) {
+    if (entry.second == status && entry.first != "uninitialized") return entry.first.c_str();
   }
-}
-
-char const* executionWord(execution_t execution) {
-  switch (execution) {
-    case execution_t::closed:
-      return "closed";
-    case execution_t::proceeding:
-      return "proceeding";
-    case execution_t::canceled:
-      return "canceled";
-    case execution_t::scheduled:
-      return "scheduled";
-    case execution_t::rejected:
-      return "rejected";
-    case execution_t::resumed:
-      return "resumed";
-    default:
-      return nullptr;
-  }
+  return nullptr;
 }
 
 // Adds "status": {"result": {...}, "execution": ..., "details": [...]} to
@@ -64,12 +42,12 @@ std::shared_ptr<curlbuffer> bodyBuffer(std::string const& text) {
 
 bool update_feedback_body(hawkbit_query_t::deployment_t const& deployment, std::string const& time,
                           std::string& body) {
-  char const* const finished = finishedWord(deployment.finished);
+  char const* const finished = statusWord(finished_names, deployment.finished);
   if (finished == nullptr) {
     logLine("[E] libtamrelcore -> Unsupported software finishing status!\n");
     return false;
   }
-  char const* const execution = executionWord(deployment.execution);
+  char const* const execution = statusWord(execution_names, deployment.execution);
   if (execution == nullptr) {
     logLine("[E] libtamrelcore -> Unsupported software execution status!\n");
     return false;
