@@ -1,9 +1,9 @@
 // tamrel-ddi-server: the in-process DDI test server as a program, answering
-// like a current hawkBit server, for testing a host without a hawkBit
-// installation. Every file of --artifacts becomes an artifact of one
+// like a current hawkBit server, for testing any hawkBit client without a
+// hawkBit installation. Every file of --artifacts becomes an artifact of one
 // deployment, served from the file (sparse files of any size work); every
-// request and its body is printed. Once the deployment's closing feedback
-// arrives it is no longer offered.
+// request and its body is printed, and what the server makes of the
+// feedback ("action 1 closed: success").
 #include <dirent.h>
 #include <fcntl.h>
 #include <openssl/evp.h>
@@ -13,18 +13,18 @@
 
 #include <algorithm>
 #include <cctype>
-#include <condition_variable>
 #include <cstdio>
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "testserver/ddidocument.h"
 #include "testserver/dditestserver.h"
+#include "testserver/hawkbittarget.h"
 
 namespace {
 
@@ -33,7 +33,10 @@ namespace testing = tamrel::testing;
 char const kUsage[] =
     "usage: tamrel-ddi-server [--port N] [--token T] [--artifacts DIR] [--sleep HH:MM:SS]\n"
     "                         [--chunk NAME] [--name-as FILE=NAME] [--action ID]\n"
-    "                         [--cancel ID]   (a cancel request ID for the action)\n"
+    "                         [--ask-config-data]   (ask for attributes at every poll)\n"
+    "  cancel requests:\n"
+    "    --cancel ID           offer a cancel request ID for the action from the start\n"
+    "    --cancel-after-polls N  offer one (with the action's id) after N polls\n"
     "  the deployment:\n"
     "    --handling D:U[:W]    download and update handling (skip, attempt, forced) and\n"
     "                          maintenance window (available, unavailable)\n"
@@ -46,8 +49,9 @@ char const kUsage[] =
     "    --empty-artifact      an artifact element without members first in the list\n"
     "  faults for testing a host:\n"
     "    --corrupt FILE        serve FILE with one byte flipped (digest mismatch)\n"
-    "    --drop-after BYTES    close the first artifact answer after BYTES bytes\n"
-    "    --fail-first STATUS   answer the first artifact request with STATUS and an error page\n"
+    "    --drop-after BYTES[:FILE]   close the first GET answer of FILE (of each artifact\n"
+    "                          without FILE) after BYTES bytes\n"
+    "    --fail-first STATUS[:FILE]  answer that first GET with STATUS and an error page\n"
     "    --ignore-range        answer range requests with the whole file\n"
     "    --https               serve over TLS with a self-signed certificate\n"
     "    --slow MS             send artifacts in 64 KiB pieces, MS apart\n"
@@ -63,10 +67,12 @@ struct Settings {
   std::string token, artifactDir, sleep = "00:00:10", chunk = "firmware", corrupt, action = "1",
                                   cancel;
   std::string download = "forced", update = "forced", window, wrongSha256;
-  int windowOpensAt = 0;
-  bool tlsLinks = false, bothLinks = false, upperDigests = false, emptyArtifact = false;
+  int windowOpensAt = 0, cancelAfterPolls = 0;
+  bool tlsLinks = false, bothLinks = false, upperDigests = false, emptyArtifact = false,
+       askConfigData = false;
   std::map<std::string, std::string> names;  // file -> name offered to the device
-  testing::Fault always, first;              // faults on every / the first artifact answer
+  testing::Fault always, once;               // faults on every / the first GET of an artifact
+  std::string onceFile;                      // the artifact `once` is for; "" for each
   bool https = false;
   testing::Fault poll, config, feedback;  // --fault poll=, config=, feedback=
 };
@@ -96,7 +102,7 @@ bool parseFault(std::string const& value, Settings& settings) {
   } else if (where == "feedback") {
     settings.feedback = fault;
   } else if (where == "artifact") {
-    settings.always = settings.first = fault;
+    settings.always = fault;
   } else {
     return false;
   }
@@ -106,18 +112,19 @@ bool parseFault(std::string const& value, Settings& settings) {
 bool parse(int argc, char** argv, Settings& settings) {
   for (int i = 1; i < argc; ++i) {
     std::string const arg = argv[i];
-    bool* const flag = arg == "--https"            ? &settings.https
-                       : arg == "--tls-links"      ? &settings.tlsLinks
-                       : arg == "--both-links"     ? &settings.bothLinks
-                       : arg == "--upper-digests"  ? &settings.upperDigests
-                       : arg == "--empty-artifact" ? &settings.emptyArtifact
-                                                   : nullptr;
+    bool* const flag = arg == "--https"             ? &settings.https
+                       : arg == "--tls-links"       ? &settings.tlsLinks
+                       : arg == "--both-links"      ? &settings.bothLinks
+                       : arg == "--upper-digests"   ? &settings.upperDigests
+                       : arg == "--empty-artifact"  ? &settings.emptyArtifact
+                       : arg == "--ask-config-data" ? &settings.askConfigData
+                                                    : nullptr;
     if (flag != nullptr) {
       *flag = true;
       continue;
     }
     if (arg == "--ignore-range") {
-      settings.always.ignoreRange = settings.first.ignoreRange = true;
+      settings.always.ignoreRange = true;
       continue;
     }
     if (arg == "--download-only") {
@@ -159,15 +166,24 @@ bool parse(int argc, char** argv, Settings& settings) {
         settings.wrongSha256 = value;
       } else if (arg == "--corrupt") {
         settings.corrupt = value;
-      } else if (arg == "--drop-after") {
-        settings.first.dropAfterBytes = std::stoll(value);
-      } else if (arg == "--fail-first") {
-        settings.first.status = std::stoi(value);
+      } else if (arg == "--drop-after" || arg == "--fail-first") {
+        std::size_t const colon = value.find(':');
+        std::string const number = value.substr(0, colon);
+        if (number.empty() || number.find_first_not_of("0123456789") != std::string::npos)
+          return false;
+        if (arg == "--drop-after") {
+          settings.once.dropAfterBytes = std::stoll(number);
+        } else {
+          settings.once.status = std::stoi(number);
+        }
+        if (colon != std::string::npos) settings.onceFile = value.substr(colon + 1);
+      } else if (arg == "--cancel-after-polls") {
+        settings.cancelAfterPolls = std::stoi(value);
       } else if (arg == "--fault") {
         if (!parseFault(value, settings)) return false;
       } else if (arg == "--slow") {
-        settings.always.chunkBytes = settings.first.chunkBytes = 65536;
-        settings.always.delayMs = settings.first.delayMs = std::stoi(value);
+        settings.always.chunkBytes = 65536;
+        settings.always.delayMs = std::stoi(value);
       } else {
         return false;
       }
@@ -225,38 +241,44 @@ int main(int argc, char** argv) {
   sigaddset(&stop, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &stop, nullptr);
 
-  // The request callback runs under the server's lock, so what it observes
-  // is acted on by the reactor thread below.
-  std::mutex lock;
-  std::condition_variable wake;
-  bool artifactRequested = false, deploymentClosed = false, openWindow = false, quit = false;
-  int deploymentRequests = 0;
-  std::string const actionPath = "/deploymentBase/" + settings.action;
+  // Every request is printed as it arrives, with what the target makes of
+  // it right after; one lock keeps their lines together.
+  std::mutex output;
+  // Declared before the server, so that it outlives the server's threads.
+  std::unique_ptr<testing::HawkbitTarget> target;
   testing::DdiTestServer::Options options;
   options.port = settings.port;
   options.https = settings.https;
-  options.hawkbitRules = true;
   options.onRequest = [&](testing::RecordedRequest const& request) {
-    std::lock_guard<std::mutex> guard(lock);
+    std::lock_guard<std::mutex> guard(output);
     std::string const range = request.header("Range");
     std::printf("%s %s%s%s%s\n", request.method.c_str(), request.path.c_str(),
                 request.query.empty() ? "" : "?", request.query.c_str(),
                 range.empty() ? "" : ("  [Range: " + range + "]").c_str());
     if (!request.body.empty()) std::printf("    %s\n", request.body.c_str());
     std::fflush(stdout);
-    artifactRequested |= request.path.rfind("/artifacts/", 0) == 0;
-    bool const feedback = request.path.find(actionPath + "/feedback") != std::string::npos;
-    deploymentClosed |= feedback && testing::readFeedback(request.body).closesAction();
-    bool const document = request.method == "GET" && request.path.size() >= actionPath.size() &&
-                          request.path.compare(request.path.size() - actionPath.size(),
-                                               actionPath.size(), actionPath) == 0;
-    // Counted when the request arrives; the window opens for the next one.
-    if (document && ++deploymentRequests + 1 == settings.windowOpensAt) openWindow = true;
-    wake.notify_all();
   };
   testing::DdiTestServer server(options);
   if (!settings.token.empty()) server.setRequireToken(settings.token);
   std::string const base = server.baseUrl();
+
+  testing::HawkbitTarget::Options targetOptions;
+  targetOptions.baseUrl = base;
+  targetOptions.controllerPath = server.controllerPath();
+  targetOptions.sleep = settings.sleep;
+  targetOptions.askConfigData = settings.askConfigData;
+  targetOptions.cancelAfterPolls = settings.cancelAfterPolls;
+  targetOptions.windowOpensAt = settings.windowOpensAt;
+  targetOptions.onEvent = [&](std::string const& line) {
+    std::lock_guard<std::mutex> guard(output);
+    std::printf("%s\n", line.c_str());
+    std::fflush(stdout);
+  };
+  target = std::make_unique<testing::HawkbitTarget>(targetOptions);
+  server.setHandler(
+      [&target](testing::RecordedRequest const& request, testing::DdiTestServer::Answer& answer) {
+        return target->answer(request, answer);
+      });
 
   testing::DeploymentDocument deployment;
   deployment.id = settings.action;
@@ -264,7 +286,6 @@ int main(int argc, char** argv) {
   deployment.update = settings.update;
   deployment.maintenanceWindow = settings.window;
   deployment.chunks.push_back({"os", "1.0", settings.chunk, {}, settings.emptyArtifact});
-  std::vector<std::string> paths;
   if (!settings.artifactDir.empty()) {
     DIR* dir = opendir(settings.artifactDir.c_str());
     if (dir == nullptr) {
@@ -292,17 +313,27 @@ int main(int argc, char** argv) {
           for (char& c : entry.second) c = static_cast<char>(std::toupper(c));
         }
       }
-      paths.push_back("/artifacts/" + file);
+      std::string const urlPath = "/artifacts/" + file;
       std::string url;
       if (file == settings.corrupt && info.st_size > 0) {
         std::ifstream in(path, std::ios::binary);
         std::string content((std::istreambuf_iterator<char>(in)), {});
         content[0] = static_cast<char>(~content[0]);
-        url = server.addArtifact(paths.back(), content);
+        url = server.addArtifact(urlPath, content);
       } else {
-        url = server.addFileArtifact(paths.back(), path);
+        url = server.addFileArtifact(urlPath, path);
       }
-      if (isFault(settings.first)) server.setFault(paths.back(), settings.first);
+      // The first GET meets the one-shot fault on top of the lasting one.
+      if (isFault(settings.once) && (settings.onceFile.empty() || settings.onceFile == file)) {
+        testing::Fault first = settings.always;
+        first.times = 1;
+        first.dropAfterBytes = settings.once.dropAfterBytes;
+        if (settings.once.status != 0) first.status = settings.once.status;
+        server.setFault(urlPath, first);
+        if (isFault(settings.always)) server.addFault(urlPath, settings.always);
+      } else if (isFault(settings.always)) {
+        server.setFault(urlPath, settings.always);
+      }
       bool const tls = settings.tlsLinks || settings.bothLinks;
       artifact.links[tls ? "download" : "download-http"] = url;
       artifact.links[tls ? "md5sum" : "md5sum-http"] = url + ".MD5SUM";
@@ -310,14 +341,9 @@ int main(int argc, char** argv) {
       deployment.chunks.front().artifacts.push_back(artifact);
     }
   }
-  bool const offered = !deployment.chunks.front().artifacts.empty();
-  if (offered) server.setDeploymentBase(settings.action, testing::deploymentBaseJson(deployment));
-  server.setControllerBase(
-      testing::controllerBaseJson(base, server.controllerPath(), settings.sleep,
-                                  offered ? settings.action : "", settings.cancel, true));
-  if (!settings.cancel.empty()) {
-    server.setCancelAction(settings.cancel,
-                           testing::cancelActionJson(settings.cancel, settings.action));
+  if (!deployment.chunks.front().artifacts.empty()) {
+    target->assign(deployment);
+    if (!settings.cancel.empty()) target->requestCancel(settings.cancel);
   }
   if (isFault(settings.poll)) server.setFault(server.controllerPath(), settings.poll);
   if (isFault(settings.config)) {
@@ -327,57 +353,13 @@ int main(int argc, char** argv) {
     server.setFault(server.controllerPath() + "/deploymentBase/" + settings.action + "/feedback",
                     settings.feedback);
   }
-  std::printf("DDI server on %s%s (tenant DEFAULT, controller dev01)\n", base.c_str(),
-              server.controllerPath().c_str());
-  std::fflush(stdout);
-
-  std::thread reactor([&] {
-    std::unique_lock<std::mutex> guard(lock);
-    bool firstDone = false, closedDone = false, windowDone = false;
-    for (;;) {
-      wake.wait(guard, [&] {
-        return quit || (artifactRequested && !firstDone) || (deploymentClosed && !closedDone) ||
-               (openWindow && !windowDone);
-      });
-      if (quit) return;
-      bool const liftFirst = artifactRequested && !firstDone;
-      bool const withdraw = deploymentClosed && !closedDone;
-      bool const open = openWindow && !windowDone;
-      firstDone |= liftFirst;
-      closedDone |= withdraw;
-      windowDone |= open;
-      guard.unlock();
-      if (liftFirst) {
-        // Lifted as soon as the first answer has taken its copy, long
-        // before the device can come back.
-        for (auto const& path : paths) {
-          if (isFault(settings.always)) {
-            server.setFault(path, settings.always);
-          } else {
-            server.clearFault(path);
-          }
-        }
-      }
-      if (open) {
-        deployment.maintenanceWindow = "available";
-        deployment.update = "forced";
-        server.setDeploymentBase(settings.action, testing::deploymentBaseJson(deployment));
-      }
-      if (withdraw) {
-        server.setControllerBase(testing::controllerBaseJson(base, server.controllerPath(),
-                                                             settings.sleep, "", "", true));
-      }
-      guard.lock();
-    }
-  });
-
+  {
+    std::lock_guard<std::mutex> guard(output);
+    std::printf("DDI server on %s%s (tenant DEFAULT, controller dev01)\n", base.c_str(),
+                server.controllerPath().c_str());
+    std::fflush(stdout);
+  }
   int number = 0;
   sigwait(&stop, &number);
-  {
-    std::lock_guard<std::mutex> guard(lock);
-    quit = true;
-  }
-  wake.notify_all();
-  reactor.join();
   return 0;
 }

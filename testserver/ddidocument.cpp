@@ -2,6 +2,7 @@
 
 #include <cjson/cJSON.h>
 
+#include <initializer_list>
 #include <memory>
 
 namespace tamrel::testing {
@@ -26,14 +27,16 @@ void addLink(cJSON* links, char const* name, std::string const& href) {
   cJSON_AddItemToObject(links, name, link);
 }
 
-std::string text(cJSON const* object, char const* key) {
-  cJSON const* item = cJSON_GetObjectItemCaseSensitive(object, key);
-  return cJSON_IsString(item) ? item->valuestring : std::string();
+bool oneOf(std::string const& value, std::initializer_list<char const*> names) {
+  for (char const* name : names) {
+    if (value == name) return true;
+  }
+  return false;
 }
 
 }  // namespace
 
-std::string deploymentBaseJson(DeploymentDocument const& deployment) {
+std::string deploymentBaseJson(DeploymentDocument const& deployment, ActionHistory const* history) {
   Json root = object();
   addString(root.get(), "id", deployment.id);
   cJSON* body = cJSON_CreateObject();
@@ -68,6 +71,16 @@ std::string deploymentBaseJson(DeploymentDocument const& deployment) {
       for (auto const& [name, href] : artifact.links) addLink(links, name.c_str(), href);
     }
   }
+  if (history != nullptr) {
+    cJSON* item = cJSON_CreateObject();
+    cJSON_AddItemToObject(root.get(), "actionHistory", item);
+    addString(item, "status", history->status);
+    cJSON* messages = cJSON_CreateArray();
+    cJSON_AddItemToObject(item, "messages", messages);
+    for (auto const& message : history->messages) {
+      cJSON_AddItemToArray(messages, cJSON_CreateString(message.c_str()));
+    }
+  }
   return print(root);
 }
 
@@ -92,7 +105,8 @@ std::string exceptionInfoJson(std::string const& exceptionClass, std::string con
 
 std::string controllerBaseJson(std::string const& baseUrl, std::string const& controllerPath,
                                std::string const& sleep, std::string const& deploymentActionId,
-                               std::string const& cancelActionId, bool configData) {
+                               std::string const& cancelActionId, bool configData,
+                               std::string const& installedActionId) {
   std::string const base = baseUrl + controllerPath;
   Json root = object();
   cJSON* config = cJSON_CreateObject();
@@ -100,7 +114,8 @@ std::string controllerBaseJson(std::string const& baseUrl, std::string const& co
   cJSON* polling = cJSON_CreateObject();
   cJSON_AddItemToObject(config, "polling", polling);
   addString(polling, "sleep", sleep);
-  if (!deploymentActionId.empty() || !cancelActionId.empty() || configData) {
+  if (!deploymentActionId.empty() || !cancelActionId.empty() || configData ||
+      !installedActionId.empty()) {
     cJSON* links = cJSON_CreateObject();
     cJSON_AddItemToObject(root.get(), "_links", links);
     if (!deploymentActionId.empty()) {
@@ -109,6 +124,8 @@ std::string controllerBaseJson(std::string const& baseUrl, std::string const& co
     }
     if (!cancelActionId.empty())
       addLink(links, "cancelAction", base + "/cancelAction/" + cancelActionId);
+    if (!installedActionId.empty())
+      addLink(links, "installedBase", base + "/installedBase/" + installedActionId);
     if (configData) addLink(links, "configData", base + "/configData");
   }
   return print(root);
@@ -117,29 +134,79 @@ std::string controllerBaseJson(std::string const& baseUrl, std::string const& co
 Feedback readFeedback(std::string const& body) {
   Feedback feedback;
   Json const root(cJSON_Parse(body.c_str()), cJSON_Delete);
+  auto const refuse = [&feedback](std::string reason) {
+    feedback.error = std::move(reason);
+    return feedback;
+  };
+  if (!cJSON_IsObject(root.get())) return refuse("the body is no JSON object");
   cJSON const* status = cJSON_GetObjectItemCaseSensitive(root.get(), "status");
+  if (!cJSON_IsObject(status)) return refuse("\"status\" is missing");
+  cJSON const* execution = cJSON_GetObjectItemCaseSensitive(status, "execution");
   cJSON const* result = cJSON_GetObjectItemCaseSensitive(status, "result");
-  if (!cJSON_IsObject(status) || !cJSON_IsObject(result)) return feedback;
-  feedback.valid = true;
-  feedback.execution = text(status, "execution");
-  feedback.finished = text(result, "finished");
-  cJSON const* line = nullptr;
-  cJSON_ArrayForEach(line, cJSON_GetObjectItemCaseSensitive(status, "details")) {
-    if (cJSON_IsString(line)) feedback.details.push_back(line->valuestring);
+  cJSON const* finished = cJSON_GetObjectItemCaseSensitive(result, "finished");
+  if (!cJSON_IsString(execution)) return refuse("\"status.execution\" is missing");
+  if (!cJSON_IsObject(result) || !cJSON_IsString(finished))
+    return refuse("\"status.result.finished\" is missing");
+  feedback.execution = execution->valuestring;
+  feedback.finished = finished->valuestring;
+  if (!oneOf(feedback.execution, {"closed", "proceeding", "canceled", "scheduled", "rejected",
+                                  "resumed", "downloaded", "download"}))
+    return refuse("unknown execution \"" + feedback.execution + "\"");
+  if (!oneOf(feedback.finished, {"success", "failure", "none"}))
+    return refuse("unknown result \"" + feedback.finished + "\"");
+  cJSON const* progress = cJSON_GetObjectItemCaseSensitive(result, "progress");
+  if (progress != nullptr && !cJSON_IsNull(progress)) {
+    cJSON const* of = cJSON_GetObjectItemCaseSensitive(progress, "of");
+    if (!cJSON_IsObject(progress) ||
+        !cJSON_IsNumber(cJSON_GetObjectItemCaseSensitive(progress, "cnt")) ||
+        (of != nullptr && !cJSON_IsNumber(of) && !cJSON_IsNull(of)))
+      return refuse("\"progress\" needs a number \"cnt\"");
   }
+  cJSON const* code = cJSON_GetObjectItemCaseSensitive(status, "code");
+  if (code != nullptr && !cJSON_IsNumber(code) && !cJSON_IsNull(code))
+    return refuse("\"code\" is no number");
+  cJSON const* details = cJSON_GetObjectItemCaseSensitive(status, "details");
+  if (details != nullptr && !cJSON_IsNull(details)) {
+    if (!cJSON_IsArray(details)) return refuse("\"details\" is no list");
+    cJSON const* line = nullptr;
+    cJSON_ArrayForEach(line, details) {
+      if (!cJSON_IsString(line)) return refuse("\"details\" holds a value that is no string");
+      feedback.details.push_back(line->valuestring);
+    }
+  }
+  feedback.valid = true;
   return feedback;
 }
 
 ConfigData readConfigData(std::string const& body) {
   ConfigData config;
   Json const root(cJSON_Parse(body.c_str()), cJSON_Delete);
+  auto const refuse = [&config](std::string reason) {
+    config.error = std::move(reason);
+    return config;
+  };
   cJSON const* data = cJSON_GetObjectItemCaseSensitive(root.get(), "data");
-  if (!cJSON_IsObject(data)) return config;
-  config.valid = true;
+  if (!cJSON_IsObject(data)) return refuse("\"data\" is missing");
+  cJSON const* mode = cJSON_GetObjectItemCaseSensitive(root.get(), "mode");
+  if (mode != nullptr && !cJSON_IsNull(mode) &&
+      !(cJSON_IsString(mode) && oneOf(mode->valuestring, {"merge", "replace", "remove"})))
+    return refuse("unknown \"mode\"");
   cJSON const* entry = nullptr;
   cJSON_ArrayForEach(entry, data) {
-    config.data[entry->string] = cJSON_IsString(entry) ? entry->valuestring : std::string();
+    std::string value;
+    if (cJSON_IsString(entry)) {
+      value = entry->valuestring;
+    } else if (cJSON_IsNumber(entry)) {
+      value = std::to_string(entry->valuedouble);
+    } else {
+      return refuse("the value of \"" + std::string(entry->string) + "\" is no string");
+    }
+    if (std::string(entry->string).size() > 128 || value.size() > 128)
+      return refuse("\"" + std::string(entry->string).substr(0, 32) + "\" is over 128 characters");
+    config.data[entry->string] = value;
   }
+  if (config.data.empty()) return refuse("no attributes");
+  config.valid = true;
   return config;
 }
 

@@ -31,7 +31,18 @@ struct DeploymentDocument {
   std::vector<ChunkDocument> chunks;
 };
 
-std::string deploymentBaseJson(DeploymentDocument const& deployment);
+// The messages of an action as hawkBit adds them on "?actionHistory=N":
+// its status in upper case ("RUNNING", "FINISHED", ...) and the messages,
+// newest first.
+struct ActionHistory {
+  std::string status;
+  std::vector<std::string> messages;
+};
+
+// A deploymentBase document; with a history also an installedBase document,
+// which has the same shape.
+std::string deploymentBaseJson(DeploymentDocument const& deployment,
+                               ActionHistory const* history = nullptr);
 std::string cancelActionJson(std::string const& id, std::string const& stopId);
 // hawkBit's error document (ExceptionInfo).
 std::string exceptionInfoJson(std::string const& exceptionClass, std::string const& errorCode,
@@ -39,24 +50,30 @@ std::string exceptionInfoJson(std::string const& exceptionClass, std::string con
 
 // A controller base document in hawkBit's shape: the polling sleep
 // ("HH:MM:SS") and _links to deploymentBase (with a "?c=" query as hawkBit
-// sends it), cancelAction and configData as asked.
+// sends it), cancelAction, installedBase and configData as asked.
 std::string controllerBaseJson(std::string const& baseUrl, std::string const& controllerPath,
                                std::string const& sleep, std::string const& deploymentActionId,
-                               std::string const& cancelActionId, bool configData);
+                               std::string const& cancelActionId, bool configData,
+                               std::string const& installedActionId = "");
 
-// What a feedback body says; `valid` false when it is not a feedback document.
+// What a feedback body says. `valid` is false, with the reason in `error`,
+// for a body hawkBit refuses: no JSON object, no status, execution or
+// result.finished, a value outside hawkBit's enumerations, or progress,
+// details or code of the wrong type. Unknown members are ignored.
 struct Feedback {
   bool valid = false;
+  std::string error;
   std::string execution, finished;
   std::vector<std::string> details;
-  // "closed", or "downloaded" for a download-only action, ends the action.
-  bool closesAction() const { return execution == "closed" || execution == "downloaded"; }
 };
 Feedback readFeedback(std::string const& body);
 
-// The attributes of a configData body; `valid` false when "data" is no object.
+// The attributes of a configData body; `valid` false, with the reason in
+// `error`, when "data" is no object of strings or numbers, when it is empty
+// or a key or value is over 128 characters, or "mode" is unknown.
 struct ConfigData {
   bool valid = false;
+  std::string error;
   std::map<std::string, std::string> data;
 };
 ConfigData readConfigData(std::string const& body);

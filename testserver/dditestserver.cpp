@@ -75,7 +75,7 @@ std::string RecordedRequest::header(std::string const& name) const {
 DdiTestServer::DdiTestServer() : DdiTestServer(Options{}) {}
 
 DdiTestServer::DdiTestServer(Options const& options)
-    : hawkbitRules_(options.hawkbitRules), https_(options.https), onRequest_(options.onRequest) {
+    : https_(options.https), onRequest_(options.onRequest) {
   if (https_) {
     certFile_ = options.certFile;
     std::string keyFile = options.keyFile;
@@ -208,9 +208,19 @@ std::string DdiTestServer::addFileArtifact(std::string const& path, std::string 
   return baseUrl() + path;
 }
 
+void DdiTestServer::setHandler(Handler handler) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  handler_ = std::move(handler);
+}
+
 void DdiTestServer::setFault(std::string const& path, Fault const& fault) {
   std::lock_guard<std::mutex> lock(mutex_);
-  faults_[path] = fault;
+  faults_[path] = {fault};
+}
+
+void DdiTestServer::addFault(std::string const& path, Fault const& fault) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  faults_[path].push_back(fault);
 }
 
 void DdiTestServer::clearFault(std::string const& path) {
@@ -258,7 +268,7 @@ void DdiTestServer::handle(httplib::Request const& req, httplib::Response& res) 
   record.body = req.body;
 
   // Look-ups use the path as sent first, then percent-decoded.
-  auto find = [&](auto const& map) {
+  auto find = [&](auto& map) {
     auto it = map.find(record.path);
     return it != map.end() ? it : map.find(req.path);
   };
@@ -268,18 +278,27 @@ void DdiTestServer::handle(httplib::Request const& req, httplib::Response& res) 
   Resource resource;
   bool hasResource = false;
   std::string token;
+  Handler handler;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     requests_.push_back(record);
     if (onRequest_) onRequest_(record);
     token = requireToken;
-    if (auto it = find(faults_); it != faults_.end()) {
-      fault = it->second;
-      hasFault = true;
-    }
+    handler = handler_;
     if (auto it = find(resources_); it != resources_.end()) {
       resource = it->second;
       hasResource = true;
+    }
+    // An artifact's HEAD neither meets nor spends its faults.
+    bool const artifactHead = hasResource && resource.artifact && req.method == "HEAD";
+    if (auto it = find(faults_); it != faults_.end() && !artifactHead) {
+      std::vector<Fault>& queue = it->second;
+      while (!queue.empty() && queue.front().times == 0) queue.erase(queue.begin());
+      if (!queue.empty()) {
+        fault = queue.front();
+        hasFault = true;
+        if (queue.front().times > 0) --queue.front().times;
+      }
     }
   }
 
@@ -287,7 +306,6 @@ void DdiTestServer::handle(httplib::Request const& req, httplib::Response& res) 
     res.status = 401;
     return;
   }
-  if (hawkbitRules_ && refuse(record, res)) return;
   if (hasFault && fault.answerDelayMs > 0) sleepUnlessStopping(fault.answerDelayMs);
   if (hasFault && !fault.redirectTo.empty()) {
     res.set_redirect(fault.redirectTo, 302);
@@ -308,6 +326,19 @@ void DdiTestServer::handle(httplib::Request const& req, httplib::Response& res) 
     return;
   }
   Fault const* shaping = hasFault ? &fault : nullptr;
+  Answer answer;
+  if (handler && handler(record, answer)) {
+    if (req.method == "GET" || req.method == "HEAD") {
+      answerResource(req, res,
+                     Resource{std::make_shared<std::string const>(std::move(answer.body)),
+                              answer.status, answer.contentType, false, "", 0},
+                     shaping);
+    } else {
+      res.status = answer.status;
+      if (!answer.body.empty()) res.set_content(answer.body, answer.contentType);
+    }
+    return;
+  }
   if (req.method == "GET" || req.method == "HEAD") {
     if (hasResource) {
       answerResource(req, res, resource, shaping);
@@ -457,42 +488,6 @@ void DdiTestServer::endIdleConnections() const {
       shutdown(fd, SHUT_RD);
     }
   }
-}
-
-bool DdiTestServer::refuse(RecordedRequest const& record, httplib::Response& res) {
-  auto const answer = [&res](int status, std::string const& errorCode, std::string const& message) {
-    res.status = status;
-    res.set_content(
-        exceptionInfoJson("org.eclipse.hawkbit.exception." + errorCode, errorCode, message),
-        "application/json");
-    return true;
-  };
-  if (record.path.find("//") != std::string::npos) {
-    return answer(400, "hawkbit.server.error.rest.param.invalid",
-                  "The request was rejected because the URL contained \"//\"");
-  }
-  std::string const controller = controllerPath();
-  if (record.method == "PUT" && record.path == controller + "/configData") {
-    ConfigData const config = readConfigData(record.body);
-    bool fits = config.valid && !config.data.empty();
-    for (auto const& [key, value] : config.data)
-      fits = fits && key.size() <= 128 && value.size() <= 128;
-    if (!fits)
-      return answer(400, "hawkbit.server.error.rest.body.notReadable", "Invalid configData");
-    return false;
-  }
-  std::string const prefix = controller + "/deploymentBase/";
-  if (record.method != "POST" || record.path.compare(0, prefix.size(), prefix) != 0 ||
-      record.path.size() < 9 || record.path.compare(record.path.size() - 9, 9, "/feedback") != 0) {
-    return false;
-  }
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (std::find(closedActions_.begin(), closedActions_.end(), record.path) !=
-      closedActions_.end()) {
-    return answer(410, "hawkbit.server.error.action.notActive", "Action is not active anymore");
-  }
-  if (readFeedback(record.body).closesAction()) closedActions_.push_back(record.path);
-  return false;
 }
 
 bool writeSelfSignedCertificate(std::string const& certFile, std::string const& keyFile,

@@ -39,9 +39,12 @@ struct RecordedRequest {
 };
 
 // Misbehaviour injected for one path; it applies to every method on that
-// path until cleared. Checked in this order: redirectTo, status, emptyBody,
-// then the body shaping (ignoreRange, chunkBytes/delayMs, dropAfterBytes).
+// path (to GET only for an artifact, whose HEAD is always answered) until
+// cleared or, with `times`, spent. Checked in this order: redirectTo, status,
+// emptyBody, then the body shaping (ignoreRange, chunkBytes/delayMs,
+// dropAfterBytes).
 struct Fault {
+  int times = -1;          // answers it applies to, -1: all
   int status = 0;          // answer with this status instead (0 = no override)
   bool withBody = true;    // with status: a small JSON error body, or none
   bool emptyBody = false;  // answer 200 with an empty body
@@ -71,12 +74,15 @@ class DdiTestServer {
     int port = 0;
     // Called for every request as it is recorded (on a server thread).
     std::function<void(RecordedRequest const&)> onRequest;
-    // Refuse what a current hawkBit server refuses: a path with "//" (400),
-    // configData with no attributes or a key or value over 128 characters
-    // (400), feedback to a deployment already closed (410, with an error
-    // document). A deployment is closed by feedback "closed" or "downloaded".
-    bool hawkbitRules = false;
   };
+
+  // An answer made per request by a handler (see setHandler).
+  struct Answer {
+    int status = 200;
+    std::string body;  // "" for none
+    std::string contentType = "application/hal+json";
+  };
+  using Handler = std::function<bool(RecordedRequest const&, Answer&)>;
 
   DdiTestServer();
   explicit DdiTestServer(Options const& options);
@@ -104,7 +110,15 @@ class DdiTestServer {
   // so sparse files of any size can be served. Returns its full URL.
   std::string addFileArtifact(std::string const& path, std::string const& file);
 
+  // Consulted for every request after the faults and before the served
+  // resources; when it returns true its answer is sent (shaped by the
+  // path's fault for GET). Called outside the server's lock.
+  void setHandler(Handler handler);
+
+  // setFault replaces the path's faults; addFault queues one that applies
+  // once those before it are spent.
   void setFault(std::string const& path, Fault const& fault);
+  void addFault(std::string const& path, Fault const& fault);
   void clearFault(std::string const& path);
 
   std::vector<RecordedRequest> requests() const;  // in arrival order
@@ -133,8 +147,6 @@ class DdiTestServer {
                       Fault const* fault);
   void sendBody(httplib::Response& res, Reader const& read, size_t offset, size_t length,
                 std::string const& contentType, Fault const* fault);
-  // The hawkBit refusals of Options::hawkbitRules; true when answered.
-  bool refuse(RecordedRequest const& record, httplib::Response& res);
   void sendOverlong(httplib::Response& res, Reader const& read, size_t offset, size_t length,
                     std::string const& contentType, Fault const& fault);
   void sleepUnlessStopping(int ms) const;
@@ -144,10 +156,9 @@ class DdiTestServer {
   std::string tenant_ = "DEFAULT";
   std::string controller_ = "dev01";
   std::map<std::string, Resource> resources_;
-  std::map<std::string, Fault> faults_;
+  std::map<std::string, std::vector<Fault>> faults_;  // applies from the front
   std::vector<RecordedRequest> requests_;
-  bool hawkbitRules_ = false;
-  std::vector<std::string> closedActions_;  // feedback paths of closed deployments
+  Handler handler_;
 
   bool https_ = false;
   std::string certFile_;

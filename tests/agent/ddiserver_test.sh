@@ -1,0 +1,102 @@
+#!/usr/bin/env bash
+# tamrel-ddi-server as a hawkBit stand-in for any client, spoken to with
+# curl: what it refuses (400, 404, 405, 410) and with which error document,
+# feedback read as JSON whatever its layout, the links it offers as the
+# action runs, is canceled or closes, installedBase and actionHistory, and
+# one-shot faults that HEAD requests neither meet nor spend.
+# usage: ddiserver_test.sh BUILD_DIR   (KEEP=1 keeps the work directory)
+set -uo pipefail
+. "$(dirname "$0")/lib.sh"
+mkdir -p "$work/art"
+head -c 5000 /dev/urandom > "$work/art/image.bin"
+
+# request METHOD PATH [BODY]: prints the status; the answer lands in $work/answer.
+request() {
+  local body=()
+  [ -z "${3:-}" ] || body=(-H 'Content-Type: application/json' --data-binary "$3")
+  curl -s -o "$work/answer" -w '%{http_code}' -X "$1" -H 'Authorization: TargetToken t0k#1' \
+    "${body[@]}" "$address$2"
+}
+answered() {  # status, error code ("" for none), METHOD PATH [BODY]
+  local want=$1 code=$2; shift 2
+  [ "$(request "$@")" = "$want" ] && { [ -z "$code" ] || grep -q "\"errorCode\":\"$code\"" "$work/answer"; }
+}
+links() { request GET "$c" > /dev/null; grep -o '"[a-zA-Z]*":{"href"' "$work/answer" | cut -d'"' -f2 | tr '\n' ' '; }
+fb() { printf '{"status":{"execution":"%s","result":{"finished":"%s"}%s}}' "$1" "$2" "${3:-}"; }
+
+serve
+address=$(sed -n 's|^DDI server on \(http://[0-9.:]*\)/.*|\1|p' "$log")
+c=/DEFAULT/controller/v1/dev01
+d=$c/deploymentBase/1/feedback
+unreadable=hawkbit.server.error.rest.body.notReadable
+while IFS='|' read -r what want code method path body; do
+  check "refused: $what ($want)" answered "$want" "$code" "$method" "$path" "$body"
+done <<EOF
+a path with "//"|400|hawkbit.server.error.rest.param.invalid|GET|/$c|
+feedback that is no JSON|400|$unreadable|POST|$d|closed
+feedback without status|400|$unreadable|POST|$d|{"time":"20140511T121314"}
+feedback without result.finished|400|$unreadable|POST|$d|{"status":{"execution":"closed","result":{}}}
+execution not spelled as hawkBit spells it|400|$unreadable|POST|$d|$(fb Closed success)
+unknown result|400|$unreadable|POST|$d|$(fb closed ok)
+progress without a number|400|$unreadable|POST|$d|{"status":{"execution":"proceeding","result":{"finished":"none","progress":{"cnt":"2"}}}}
+details that are no strings|400|$unreadable|POST|$d|{"status":{"execution":"proceeding","result":{"finished":"none"},"details":[1]}}
+feedback to an unknown action|404|hawkbit.server.error.repo.entitiyNotFound|POST|$c/deploymentBase/7/feedback|$(fb closed success)
+an unknown action's document|404|hawkbit.server.error.repo.entitiyNotFound|GET|$c/deploymentBase/7|
+a base not installed|404|hawkbit.server.error.repo.entitiyNotFound|GET|$c/installedBase/1|
+a POST to the controller base|405||POST|$c|{}
+configData without attributes|400|$unreadable|PUT|$c/configData|{"data":{}}
+configData with a key over 128|400|$unreadable|PUT|$c/configData|{"data":{"$(printf 'k%.0s' $(seq 129))":"v"}}
+configData with an unknown mode|400|$unreadable|PUT|$c/configData|{"data":{"k":"v"},"mode":"add"}
+EOF
+check "refused feedback ends nothing" eval '! grep -q "^action" "$log"'
+
+check "first contact: deployment and configData offered" test "$(links)" = "deploymentBase configData "
+check "configData accepted, then no longer asked for" eval \
+  'answered 200 "" PUT $c/configData "{\"data\":{\"serial\":\"42\"}}" && test "$(links)" = "deploymentBase "'
+check "feedback with legacy fields and any layout is recorded" answered 200 "" POST "$d" \
+  '{ "id" : "1", "time" : "20140511T121314", "status" : { "result" : { "progress" : { "of" : 5, "cnt" : 2 }, "finished" : "none" }, "execution" : "proceeding", "details" : [ "Write firmware", "Download done" ] } }'
+check "\"downloaded\" does not end an action that installs" answered 200 "" POST "$d" "$(fb downloaded none)"
+check "actionHistory: newest first, limited to N" eval \
+  'answered 200 "" GET "$c/deploymentBase/1?actionHistory=3" &&
+   grep -q "\"actionHistory\":{\"status\":\"RUNNING\",\"messages\":\[\"downloaded: none\",\"Download done\",\"Write firmware\"\]}" "$work/answer"'
+check "closed with spaces after the colons ends the action" eval \
+  'answered 200 "" POST "$d" "{\"status\": {\"execution\": \"closed\", \"result\": {\"finished\": \"success\"}}}" &&
+   grep -qx "action 1 closed: success" "$log"'
+check "after a success: installedBase and configData offered, no deployment" \
+  test "$(links)" = "installedBase configData "
+check "installedBase answers with the action's history" eval \
+  'answered 200 "" GET "$c/installedBase/1?actionHistory=-1" && grep -q "\"status\":\"FINISHED\"" "$work/answer" &&
+   grep -q "Assignment initiated by user" "$work/answer"'
+check "feedback to a closed action: 410 with an error document" \
+  answered 410 hawkbit.server.error.action.notActive POST "$d" "$(fb closed success)"
+
+# Cancel after two polls; the cancel request carries the action's id.
+serve --cancel-after-polls 2 --ask-config-data
+address=$(sed -n 's|^DDI server on \(http://[0-9.:]*\)/.*|\1|p' "$log")
+check "before the cancel request: the deployment" eval 'links > /dev/null; test "$(links)" = "deploymentBase configData "'
+check "after N polls: only the cancel request (and configData, asked for at every poll)" \
+  test "$(links)" = "cancelAction configData "
+check "cancelAction names the action to stop" eval \
+  'answered 200 "" GET $c/cancelAction/1 && grep -q "\"stopId\":\"1\"" "$work/answer"'
+check "cancel feedback \"canceled\" closes the action as canceled" eval \
+  'answered 200 "" POST $c/cancelAction/1/feedback "$(fb canceled success)" && grep -qx "action 1 canceled" "$log" &&
+   test "$(links)" = "configData " && answered 410 "" POST "$d" "$(fb closed success)"'
+
+# One-shot faults are for the first GET of the chosen artifact; HEAD is answered as GET without a body.
+fetch() { curl -s -H 'Authorization: TargetToken t0k#1' "$@" "$address/artifacts/image.bin"; }
+for fault in '--drop-after 1000:image.bin' '--fail-first 503:image.bin'; do
+  serve $fault
+  address=$(sed -n 's|^DDI server on \(http://[0-9.:]*\)/.*|\1|p' "$log")
+  check "$fault: HEAD has length and Accept-Ranges, twice" eval \
+    '(for _ in 1 2; do fetch -I | tr -d "\r" > "$work/head"; grep -qx "Content-Length: 5000" "$work/head" &&
+     grep -qx "Accept-Ranges: bytes" "$work/head" || exit 1; done)'
+  fetch -o "$work/got"
+  check "$fault: the first GET meets it, the second is whole" eval \
+    'test "$(stat -c %s "$work/got")" -lt 5000 && fetch -o "$work/got" && cmp -s "$work/got" "$work/art/image.bin"'
+done
+
+serve --download-only
+address=$(sed -n 's|^DDI server on \(http://[0-9.:]*\)/.*|\1|p' "$log")
+check "\"downloaded\" closes a download-only action" eval \
+  'answered 200 "" POST "$d" "$(fb downloaded none)" && grep -qx "action 1 closed: downloaded" "$log"'
+exit $fail

@@ -1,0 +1,239 @@
+#include "testserver/hawkbittarget.h"
+
+#include <cstdlib>
+#include <utility>
+
+namespace tamrel::testing {
+namespace {
+
+// hawkBit's error answers: status, error code and message in its
+// ExceptionInfo document.
+bool refuse(DdiTestServer::Answer& answer, int status, std::string const& errorCode,
+            std::string const& message) {
+  static std::map<int, char const*> const kClasses = {
+      {400, "org.springframework.http.converter.HttpMessageNotReadableException"},
+      {404, "org.eclipse.hawkbit.repository.exception.EntityNotFoundException"},
+      {403, "org.eclipse.hawkbit.repository.exception.AssignmentQuotaExceededException"},
+      {405, "org.springframework.web.HttpRequestMethodNotSupportedException"},
+      {410, "org.eclipse.hawkbit.repository.exception.ActionNotActiveException"}};
+  answer.status = status;
+  answer.contentType = "application/json";
+  answer.body = exceptionInfoJson(kClasses.at(status), errorCode, message);
+  return true;
+}
+
+bool notFound(DdiTestServer::Answer& answer, std::string const& what) {
+  return refuse(answer, 404, "hawkbit.server.error.repo.entitiyNotFound", what + " not found");
+}
+
+bool notReadable(DdiTestServer::Answer& answer, std::string const& reason) {
+  return refuse(answer, 400, "hawkbit.server.error.rest.body.notReadable",
+                "The given request body is not well formed: " + reason);
+}
+
+bool notActive(DdiTestServer::Answer& answer) {
+  return refuse(answer, 410, "hawkbit.server.error.action.notActive",
+                "Action is not active anymore");
+}
+
+constexpr int kMaxStatusEntries = 1000;
+constexpr std::size_t kMaxMessagesPerStatus = 50;
+
+// The value of `name` in a query string, "" when absent.
+std::string queryValue(std::string const& query, std::string const& name) {
+  std::size_t at = 0;
+  while (at <= query.size()) {
+    std::size_t const end = std::min(query.find('&', at), query.size());
+    std::string const pair = query.substr(at, end - at);
+    if (pair.compare(0, name.size() + 1, name + "=") == 0) return pair.substr(name.size() + 1);
+    at = end + 1;
+  }
+  return "";
+}
+
+}  // namespace
+
+HawkbitTarget::HawkbitTarget(Options options) : options_(std::move(options)) {}
+
+void HawkbitTarget::assign(DeploymentDocument deployment) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  Action& action = actions_[deployment.id];
+  action = Action{};
+  action.messages.push_back("Assignment initiated by user 'tamrel-ddi-server'");
+  running_ = deployment.id;
+  action.deployment = std::move(deployment);
+}
+
+void HawkbitTarget::requestCancel(std::string const& cancelId) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (running_.empty()) return;
+  Action& action = actions_[running_];
+  action.cancelId = cancelId;
+  action.status = "CANCELING";
+}
+
+bool HawkbitTarget::answer(RecordedRequest const& request, DdiTestServer::Answer& answer) {
+  std::string const& path = request.path;
+  // hawkBit's firewall refuses such a URL whatever it names.
+  if (path.find("//") != std::string::npos) {
+    return refuse(answer, 400, "hawkbit.server.error.rest.param.invalid",
+                  "The request was rejected because the URL contained \"//\"");
+  }
+  std::string const& controller = options_.controllerPath;
+  if (path.compare(0, controller.size(), controller) != 0) return false;
+  std::string const rest = path.substr(controller.size());
+  if (!rest.empty() && rest[0] != '/') return false;
+  std::lock_guard<std::mutex> lock(mutex_);
+  // rest: "", "/configData", "/<kind>/<id>" or "/<kind>/<id>/feedback"
+  std::vector<std::string> parts;
+  for (std::size_t at = 1; at <= rest.size();) {
+    std::size_t const slash = std::min(rest.find('/', at), rest.size());
+    parts.push_back(rest.substr(at, slash - at));
+    at = slash + 1;
+  }
+  bool const get = request.method == "GET" || request.method == "HEAD";
+  bool const post = request.method == "POST", put = request.method == "PUT";
+  bool const known = !parts.empty() && (parts[0] == "deploymentBase" ||
+                                        parts[0] == "cancelAction" || parts[0] == "installedBase");
+  bool const isFeedback =
+      known && parts.size() == 3 && parts[2] == "feedback" && parts[0] != "installedBase";
+  if (parts.empty() && get) return poll(answer);
+  if (parts.size() == 1 && parts[0] == "configData" && put) return configData(request.body, answer);
+  if (known && parts.size() == 2 && get) return document(parts[0], parts[1], request.query, answer);
+  if (isFeedback && post) return feedback(parts[0], parts[1], request.body, answer);
+  if (parts.empty() || (parts.size() == 1 && parts[0] == "configData") ||
+      (known && parts.size() == 2) || isFeedback) {
+    return refuse(answer, 405, "hawkbit.server.error.rest.method.notSupported",
+                  "Request method '" + request.method + "' is not supported");
+  }
+  return notFound(answer, "Resource " + rest);
+}
+
+bool HawkbitTarget::poll(DdiTestServer::Answer& answer) {
+  ++polls_;
+  std::string deploymentId, cancelId;
+  if (!running_.empty()) {
+    Action& action = actions_[running_];
+    if (options_.cancelAfterPolls > 0 && polls_ > options_.cancelAfterPolls &&
+        action.cancelId.empty()) {
+      action.cancelId = running_;  // hawkBit gives a cancel request its action's id
+      action.status = "CANCELING";
+      event("action " + running_ + ": cancel requested");
+    }
+    // While a cancel request is open, hawkBit links only to it.
+    if (action.cancelId.empty()) {
+      deploymentId = running_;
+    } else {
+      cancelId = action.cancelId;
+    }
+  }
+  answer.body =
+      controllerBaseJson(options_.baseUrl, options_.controllerPath, options_.sleep, deploymentId,
+                         cancelId, attributesWanted_ || options_.askConfigData, installed_);
+  return true;
+}
+
+bool HawkbitTarget::document(std::string const& kind, std::string const& id,
+                             std::string const& query, DdiTestServer::Answer& answer) {
+  if (kind == "cancelAction") {
+    for (auto const& [actionId, action] : actions_) {
+      if (action.active && action.cancelId == id) {
+        answer.body = cancelActionJson(id, actionId);
+        return true;
+      }
+    }
+    return notFound(answer, "Cancel action " + id);
+  }
+  auto const it = actions_.find(id);
+  if (it == actions_.end() || (kind == "installedBase" && id != installed_))
+    return notFound(answer, "Action " + id);
+  Action& action = it->second;
+  if (kind == "deploymentBase" && ++deploymentRequests_ == options_.windowOpensAt &&
+      !action.deployment.maintenanceWindow.empty()) {
+    action.deployment.maintenanceWindow = "available";
+    action.deployment.update = "forced";
+    event("action " + id + ": maintenance window open");
+  }
+  std::string const count = queryValue(query, "actionHistory");
+  long const wanted = count.empty() ? 0 : std::strtol(count.c_str(), nullptr, 10);
+  ActionHistory history{action.status, action.messages};
+  if (wanted > 0 && history.messages.size() > static_cast<std::size_t>(wanted))
+    history.messages.resize(static_cast<std::size_t>(wanted));
+  answer.body = deploymentBaseJson(action.deployment, wanted != 0 ? &history : nullptr);
+  return true;
+}
+
+bool HawkbitTarget::feedback(std::string const& kind, std::string const& id,
+                             std::string const& body, DdiTestServer::Answer& answer) {
+  Feedback const sent = readFeedback(body);
+  if (!sent.valid) return notReadable(answer, sent.error);
+  Action* action = nullptr;
+  std::string actionId = id;
+  if (kind == "cancelAction") {
+    for (auto& [candidate, entry] : actions_) {
+      if (entry.cancelId == id) {
+        action = &entry;
+        actionId = candidate;
+      }
+    }
+  } else if (auto const it = actions_.find(id); it != actions_.end()) {
+    action = &it->second;
+  }
+  if (action == nullptr) return notFound(answer, "Action " + id);
+  if (!action->active) return notActive(answer);
+  // hawkBit's default quotas, which also bound what a client can make us keep.
+  if (++action->feedbacks > kMaxStatusEntries || sent.details.size() > kMaxMessagesPerStatus) {
+    return refuse(answer, 403, "hawkbit.server.error.quota.tooManyEntries",
+                  "Quota exceeded: too many status entries or messages for action " + actionId);
+  }
+  record(*action, sent);
+  std::string const& execution = sent.execution;
+  std::string const prefix = "action " + actionId;
+  if (kind == "cancelAction") {
+    if (execution == "canceled" || (execution == "closed" && sent.finished != "failure")) {
+      action->active = false;
+      action->status = "CANCELED";
+      event(prefix + " canceled");
+    } else if (execution == "rejected" || execution == "closed") {
+      action->cancelId.clear();
+      action->status = "RUNNING";
+      event(prefix + ": cancel rejected");
+    }
+  } else if (execution == "closed") {
+    action->active = false;
+    bool const success = sent.finished != "failure";
+    action->status = success ? "FINISHED" : "ERROR";
+    if (success) {
+      installed_ = actionId;
+      attributesWanted_ = true;  // hawkBit asks for the attributes after an update
+    }
+    event(prefix + " closed: " + sent.finished);
+  } else if (execution == "downloaded" && action->deployment.update == "skip") {
+    action->active = false;
+    action->status = "DOWNLOADED";
+    event(prefix + " closed: downloaded");
+  }
+  if (!action->active && running_ == actionId) running_.clear();
+  return true;
+}
+
+bool HawkbitTarget::configData(std::string const& body, DdiTestServer::Answer& answer) {
+  ConfigData const config = readConfigData(body);
+  if (!config.valid) return notReadable(answer, config.error);
+  for (auto const& [key, value] : config.data) attributes_[key] = value;
+  attributesWanted_ = false;
+  return true;
+}
+
+void HawkbitTarget::record(Action& action, Feedback const& feedback) {
+  // hawkBit keeps each feedback's details; the newest come first.
+  std::vector<std::string> lines(feedback.details.rbegin(), feedback.details.rend());
+  if (lines.empty()) lines.push_back(feedback.execution + ": " + feedback.finished);
+  action.messages.insert(action.messages.begin(), lines.begin(), lines.end());
+}
+
+void HawkbitTarget::event(std::string const& line) const {
+  if (options_.onEvent) options_.onEvent(line);
+}
+
+}  // namespace tamrel::testing
