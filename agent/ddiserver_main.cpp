@@ -334,6 +334,13 @@ int main(int argc, char** argv) {
       } else if (isFault(settings.always)) {
         server.setFault(urlPath, settings.always);
       }
+      // hawkBit's download headers, and its MD5SUM file: "<md5>  <name>".
+      server.setArtifactHeaders(
+          urlPath, {{"ETag", "\"" + artifact.hashes["sha1"] + "\""},
+                    {"Content-Disposition", "attachment;filename=" + artifact.filename},
+                    {"X-Content-Type-Options", "nosniff"}});
+      server.serve(urlPath + ".MD5SUM", artifact.hashes["md5"] + "  " + artifact.filename, 200,
+                   "application/octet-stream");
       bool const tls = settings.tlsLinks || settings.bothLinks;
       artifact.links[tls ? "download" : "download-http"] = url;
       artifact.links[tls ? "md5sum" : "md5sum-http"] = url + ".MD5SUM";

@@ -213,6 +213,12 @@ void DdiTestServer::setHandler(Handler handler) {
   handler_ = std::move(handler);
 }
 
+void DdiTestServer::setArtifactHeaders(std::string const& path,
+                                       std::map<std::string, std::string> headers) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  artifactHeaders_[path] = std::move(headers);
+}
+
 void DdiTestServer::setFault(std::string const& path, Fault const& fault) {
   std::lock_guard<std::mutex> lock(mutex_);
   faults_[path] = {fault};
@@ -277,6 +283,7 @@ void DdiTestServer::handle(httplib::Request const& req, httplib::Response& res) 
   bool hasFault = false;
   Resource resource;
   bool hasResource = false;
+  std::map<std::string, std::string> headers;
   std::string token;
   Handler handler;
   {
@@ -289,6 +296,7 @@ void DdiTestServer::handle(httplib::Request const& req, httplib::Response& res) 
       resource = it->second;
       hasResource = true;
     }
+    if (auto it = find(artifactHeaders_); it != artifactHeaders_.end()) headers = it->second;
     // An artifact's HEAD neither meets nor spends its faults.
     bool const artifactHead = hasResource && resource.artifact && req.method == "HEAD";
     if (auto it = find(faults_); it != faults_.end() && !artifactHead) {
@@ -341,6 +349,7 @@ void DdiTestServer::handle(httplib::Request const& req, httplib::Response& res) 
   }
   if (req.method == "GET" || req.method == "HEAD") {
     if (hasResource) {
+      for (auto const& [name, value] : headers) res.set_header(name, value);
       answerResource(req, res, resource, shaping);
     } else {
       res.status = 404;

@@ -117,6 +117,9 @@ class DdiTestServer {
 
   // setFault replaces the path's faults; addFault queues one that applies
   // once those before it are spent.
+  // Extra header lines on every answer of the artifact at `path`.
+  void setArtifactHeaders(std::string const& path, std::map<std::string, std::string> headers);
+
   void setFault(std::string const& path, Fault const& fault);
   void addFault(std::string const& path, Fault const& fault);
   void clearFault(std::string const& path);
@@ -156,6 +159,7 @@ class DdiTestServer {
   std::string tenant_ = "DEFAULT";
   std::string controller_ = "dev01";
   std::map<std::string, Resource> resources_;
+  std::map<std::string, std::map<std::string, std::string>> artifactHeaders_;
   std::map<std::string, std::vector<Fault>> faults_;  // applies from the front
   std::vector<RecordedRequest> requests_;
   Handler handler_;

@@ -95,6 +95,9 @@ for fault in '--drop-after 1000:image.bin' '--fail-first 503:image.bin'; do
     'test "$(stat -c %s "$work/got")" -lt 5000 && fetch -o "$work/got" && cmp -s "$work/got" "$work/art/image.bin"'
 done
 
+check "MD5SUM file as hawkBit writes it" test "$(fetch -o - | md5sum | cut -c1-32)  image.bin" = \
+  "$(curl -s -H 'Authorization: TargetToken t0k#1' "$address/artifacts/image.bin.MD5SUM")"
+
 serve --download-only
 address=$(sed -n 's|^DDI server on \(http://[0-9.:]*\)/.*|\1|p' "$log")
 check "\"downloaded\" closes a download-only action" eval \
