@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # SWUpdate in suricatta (hawkBit) mode, a client written independently of this
-# project, against tamrel-ddi-server: a signed image installs and its success
-# is confirmed after a restart, a corrupt image is reported as a failure, a cut
-# transfer is retried to a whole file, and a cancel request is answered.
+# project, against tamrel-ddi-server: the client's attributes are asked for
+# once, a signed image installs and its success is confirmed after a restart,
+# a corrupt image is reported as a failure, a cut transfer is retried to a
+# whole file, and a cancel request during the download is answered.
 # Usage: scripts/peer-test.sh BUILD_DIR   (BUILD_DIR holds tamrel-ddi-server)
 set -euo pipefail
 
@@ -26,9 +27,6 @@ trap cleanup EXIT
 # A copy, so that a rebuild during the run does not replace the server under it.
 server=$work/tamrel-ddi-server
 cp "$build/tamrel-ddi-server" "$server"
-# Servers that know --cancel-after-polls also print a line for each closed action.
-announces_closing=0
-"$server" --help 2>&1 | grep -q -- --cancel-after-polls && announces_closing=1
 
 # The image: one file of random bytes for the rawfile handler, described and
 # signed (CMS, self-signed certificate) as the Debian build of SWUpdate expects.
@@ -62,12 +60,23 @@ EOF
     > "$work/artifacts/peer.swu"
 }
 
-# count FILE ERE [AFTER]: the number of lines after line AFTER that match.
-count() { tail -n +"$((${3:-0} + 1))" "$1" | grep -c -E -- "$2" || true; }
+# The client's configuration: attributes it sends when the server asks for them.
+cat > "$work/swupdate.cfg" << EOF
+globals : {
+};
+identify : (
+	{ name = "serial"; value = "peer-01"; }
+);
+EOF
+
+# view FILE: the server's output with each POST or PUT body on its request line.
+view() { sed '/^\(POST\|PUT\) /{N;s/\n */ /}' "$1"; }
+# count FILE ERE [AFTER]: the number of lines of the view after line AFTER that match.
+count() { view "$1" | tail -n +"$((${3:-0} + 1))" | grep -c -E -- "$2" || true; }
 # line_of FILE ERE [AFTER]: the number of the first matching line after AFTER.
 line_of() {
   local n
-  n=$(tail -n +"$((${3:-0} + 1))" "$1" | grep -n -m1 -E -- "$2" | cut -d: -f1)
+  n=$(view "$1" | tail -n +"$((${3:-0} + 1))" | grep -n -m1 -E -- "$2" | cut -d: -f1)
   [ -n "$n" ] && echo $((n + ${3:-0}))
 }
 # wait_for FILE ERE SECONDS [N [AFTER]]: until N lines (default 1) after AFTER match.
@@ -81,8 +90,9 @@ wait_for() {
 
 # What the server prints for the client's requests.
 base_poll='^GET /DEFAULT/controller/v1/dev01(\?.*)?$'
-closing='"execution": *"closed"'
-installed='All Chunks Installed'
+feedback='^POST /DEFAULT/controller/v1/dev01/deploymentBase/1/feedback '
+closing="$feedback"'.*"execution": *"closed"'
+installed="$feedback.*All Chunks Installed"
 offered='^GET /DEFAULT/controller/v1/dev01/(deploymentBase|cancelAction)/|^(GET|HEAD) /artifacts/'
 
 # start_server NAME OPTION...: the server on a free loopback port, polled every second.
@@ -103,7 +113,7 @@ start_server() {
 start_client() {
   cli_log=$work/$1.swupdate
   mkdir -p "$work/$1.tmp"
-  TMPDIR=$work/$1.tmp timeout 60 swupdate -k "$work/cert.pem" -H peer:1.0 -l 5 \
+  TMPDIR=$work/$1.tmp timeout 60 swupdate -f "$work/swupdate.cfg" -k "$work/cert.pem" -H peer:1.0 -l 5 \
     -u "-t DEFAULT -u $url -i dev01 -p 1 -r 3 -w 1 ${*:2}" > "$cli_log" 2>&1 &
   cli_pid=$!
 }
@@ -132,24 +142,25 @@ case_success() {
   local token=peer-secret at
   start_server "$case_name" --token "$token" || { why="the server did not start"; return 1; }
   start_client "$case_name-install" -k "$token"
-  wait_for "$srv_log" "$installed|$closing" 30 \
+  wait_for "$srv_log" "$installed|$closing" 20 \
     || { why="no feedback that the image was installed"; return 1; }
   stop "$cli_pid"
   [ "$(count "$srv_log" "$closing")" -eq 0 ] || { why="the install run closed the action"; return 1; }
+  # Polls followed the attributes; once sent, they are not asked for again.
+  [ "$(count "$srv_log" '^PUT /DEFAULT/controller/v1/dev01/configData ')" -eq 1 ] \
+    || { why="the client did not send its attributes exactly once"; return 1; }
   cmp -s "$payload" "$install_dir/payload.bin" \
     || { why="the installed file differs from the image's"; return 1; }
 
   # A restart as after a reboot into the new software, which confirms it.
-  at=$(wc -l < "$srv_log")
+  at=$(view "$srv_log" | wc -l)
   start_client "$case_name-confirm" -k "$token" -c 2
-  wait_for "$srv_log" "$closing" 20 1 "$at" || { why="the confirming run sent no closing feedback"; return 1; }
+  wait_for "$srv_log" "$closing" 15 1 "$at" || { why="the confirming run sent no closing feedback"; return 1; }
   at=$(line_of "$srv_log" "$closing" "$at")
-  sed -n "${at}p" "$srv_log" | grep -q -E '"finished": *"success"' \
+  view "$srv_log" | sed -n "${at}p" | grep -q -E '"finished": *"success"' \
     || { why="the closing feedback is no success"; return 1; }
-  if [ "$announces_closing" = 1 ]; then
-    wait_for "$srv_log" '^action 1 closed: success$' 5 1 "$at" \
-      || { why="the server did not close action 1 as a success"; return 1; }
-  fi
+  wait_for "$srv_log" '^action 1 closed: success$' 5 1 "$at" \
+    || { why="the server did not close action 1 as a success"; return 1; }
   after_close "$at" || return 1
   [ "$(count "$srv_log" '^GET /artifacts/')" -eq 1 ] || { why="the image was downloaded again"; return 1; }
   no_error_answers || { why="the server answered a request with an error"; return 1; }
@@ -159,14 +170,12 @@ case_corrupt() {
   local at
   start_server "$case_name" --corrupt peer.swu || { why="the server did not start"; return 1; }
   start_client "$case_name"
-  wait_for "$srv_log" "$closing" 30 || { why="no closing feedback"; return 1; }
+  wait_for "$srv_log" "$closing" 20 || { why="no closing feedback"; return 1; }
   at=$(line_of "$srv_log" "$closing")
-  sed -n "${at}p" "$srv_log" | grep -q -E '"finished": *"failure"' \
+  view "$srv_log" | sed -n "${at}p" | grep -q -E '"finished": *"failure"' \
     || { why="the closing feedback is no failure"; return 1; }
-  if [ "$announces_closing" = 1 ]; then
-    wait_for "$srv_log" '^action 1 closed: failure$' 5 1 "$at" \
-      || { why="the server did not close action 1 as a failure"; return 1; }
-  fi
+  wait_for "$srv_log" '^action 1 closed: failure$' 5 1 "$at" \
+    || { why="the server did not close action 1 as a failure"; return 1; }
   after_close "$at" || return 1
   no_error_answers || { why="the server answered a request with an error"; return 1; }
 }
@@ -174,7 +183,7 @@ case_corrupt() {
 case_cut() {
   start_server "$case_name" --drop-after 100000:peer.swu || { why="the server did not start"; return 1; }
   start_client "$case_name"
-  wait_for "$srv_log" "$installed|$closing" 40 \
+  wait_for "$srv_log" "$installed|$closing" 25 \
     || { why="no feedback that the image was installed"; return 1; }
   [ "$(count "$srv_log" "$closing")" -eq 0 ] || { why="the client gave up on the image"; return 1; }
   [ "$(count "$srv_log" '^GET /artifacts/peer.swu')" -ge 2 ] \
@@ -184,13 +193,14 @@ case_cut() {
   no_error_answers || { why="the server answered a request with an error"; return 1; }
 }
 
-# The image comes in 64 KiB pieces a second apart, so the cancel request of
-# the third poll reaches the client while it downloads.
+# The client polls three times before it downloads (the first poll
+# fetches the attributes); the image comes in 64 KiB pieces a second
+# apart, so the cancel request of the fourth poll reaches it mid-transfer.
 case_cancel() {
   local at
-  start_server "$case_name" --cancel-after-polls 2 --slow 1000 || { why="the server did not start"; return 1; }
+  start_server "$case_name" --cancel-after-polls 3 --slow 1000 || { why="the server did not start"; return 1; }
   start_client "$case_name"
-  wait_for "$srv_log" '^POST /DEFAULT/controller/v1/dev01/cancelAction/[0-9]+/feedback' 30 \
+  wait_for "$srv_log" '^POST /DEFAULT/controller/v1/dev01/cancelAction/[0-9]+/feedback' 20 \
     || { why="the client did not answer a cancel request"; return 1; }
   wait_for "$srv_log" '^action 1 canceled$' 5 \
     || { why="the server did not close action 1 as canceled"; return 1; }
