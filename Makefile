@@ -5,7 +5,7 @@ CMAKE_FLAGS ?=
 CTEST = ctest --output-on-failure --no-tests=error -j$(JOBS)
 
 .PHONY: all deps build test test-asan test-tsan test-valgrind test-armhf soak bench fuzz fuzz-smoke demo clean format \
-	deb deb-armhf test-deb
+	deb deb-armhf test-deb test-peer
 
 all: build
 
@@ -74,6 +74,11 @@ deb-armhf:
 
 test-deb: deb
 	scripts/deb-test.sh
+
+# SWUpdate, an independent hawkBit client Debian ships, against tamrel-ddi-server.
+test-peer: build
+	@scripts/install-deps.sh peer
+	scripts/peer-test.sh build
 
 demo: build
 	./build/tamrel-demo

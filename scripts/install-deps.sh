@@ -8,11 +8,12 @@ packages=(cmake ninja-build g++ pkg-config make
           libcurl4-openssl-dev libcjson-dev libssl-dev
           libgtest-dev libgmock-dev libcpp-httplib-dev python3)
 # Extra groups, selected by arguments: fuzz (clang + libFuzzer runtime),
-# valgrind.
+# valgrind, peer (SWUpdate for scripts/peer-test.sh).
 for extra in "$@"; do
   case "$extra" in
     fuzz) packages+=(clang libclang-rt-14-dev) ;;
     valgrind) packages+=(valgrind) ;;
+    peer) packages+=(swupdate openssl cpio) ;;
     *) echo "install-deps: unknown group '$extra'" >&2; exit 2 ;;
   esac
 done
