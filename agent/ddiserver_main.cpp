@@ -48,7 +48,7 @@ char const kUsage[] =
     "    --wrong-sha256 FILE   list a wrong SHA-256 digest for FILE\n"
     "    --empty-artifact      an artifact element without members first in the list\n"
     "  faults for testing a host:\n"
-    "    --corrupt FILE        serve FILE with one byte flipped (digest mismatch)\n"
+    "    --corrupt FILE        serve FILE with its middle byte flipped (digest mismatch)\n"
     "    --drop-after BYTES[:FILE]   close the first GET answer of FILE (of each artifact\n"
     "                          without FILE) after BYTES bytes\n"
     "    --fail-first STATUS[:FILE]  answer that first GET with STATUS and an error page\n"
@@ -318,7 +318,8 @@ int main(int argc, char** argv) {
       if (file == settings.corrupt && info.st_size > 0) {
         std::ifstream in(path, std::ios::binary);
         std::string content((std::istreambuf_iterator<char>(in)), {});
-        content[0] = static_cast<char>(~content[0]);
+        // In the middle: a container's header stays readable, only the digests fail.
+        content[content.size() / 2] = static_cast<char>(~content[content.size() / 2]);
         url = server.addArtifact(urlPath, content);
       } else {
         url = server.addFileArtifact(urlPath, path);

@@ -97,6 +97,20 @@ bool HawkbitTarget::answer(RecordedRequest const& request, DdiTestServer::Answer
                                         parts[0] == "cancelAction" || parts[0] == "installedBase");
   bool const isFeedback =
       known && parts.size() == 3 && parts[2] == "feedback" && parts[0] != "installedBase";
+  if (get && (parts.empty() || (known && parts.size() == 2))) {
+    // Spring's negotiation: HAL unless only plain JSON is acceptable.
+    std::string const accept = request.header("Accept");
+    if (!accept.empty() && accept.find("hal+json") == std::string::npos &&
+        accept.find("*/*") == std::string::npos &&
+        accept.find("application/*") == std::string::npos) {
+      if (accept.find("application/json") == std::string::npos) {
+        answer.status = 406;
+        answer.body.clear();
+        return true;
+      }
+      answer.contentType = "application/json";
+    }
+  }
   if (parts.empty() && get) return poll(answer);
   if (parts.size() == 1 && parts[0] == "configData" && put) return configData(request.body, answer);
   if (known && parts.size() == 2 && get) return document(parts[0], parts[1], request.query, answer);

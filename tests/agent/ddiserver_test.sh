@@ -50,6 +50,10 @@ configData with an unknown mode|400|$unreadable|PUT|$c/configData|{"data":{"k":"
 EOF
 check "refused feedback ends nothing" eval '! grep -q "^action" "$log"'
 
+check "Accept: application/json gets application/json, text/html 406" eval \
+  'curl -s -o /dev/null -w "%{content_type}" -H "Accept: application/json" -H "Authorization: TargetToken t0k#1" \
+     "$address$c" | grep -qx application/json &&
+   test "$(curl -s -o /dev/null -w "%{http_code}" -H "Accept: text/html" -H "Authorization: TargetToken t0k#1" "$address$c")" = 406'
 check "first contact: deployment and configData offered" test "$(links)" = "deploymentBase configData "
 check "configData accepted, then no longer asked for" eval \
   'answered 200 "" PUT $c/configData "{\"data\":{\"serial\":\"42\"}}" && test "$(links)" = "deploymentBase "'
