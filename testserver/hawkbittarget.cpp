@@ -69,6 +69,7 @@ void HawkbitTarget::requestCancel(std::string const& cancelId) {
   if (running_.empty()) return;
   Action& action = actions_[running_];
   action.cancelId = cancelId;
+  action.cancelOffered = true;
   action.status = "CANCELING";
 }
 
@@ -129,8 +130,9 @@ bool HawkbitTarget::poll(DdiTestServer::Answer& answer) {
   if (!running_.empty()) {
     Action& action = actions_[running_];
     if (options_.cancelAfterPolls > 0 && polls_ > options_.cancelAfterPolls &&
-        action.cancelId.empty()) {
-      action.cancelId = running_;  // hawkBit gives a cancel request its action's id
+        !action.cancelOffered) {
+      action.cancelOffered = true;  // once: a rejected cancel request is not repeated
+      action.cancelId = running_;   // hawkBit gives a cancel request its action's id
       action.status = "CANCELING";
       event("action " + running_ + ": cancel requested");
     }

@@ -51,8 +51,9 @@ class HawkbitTarget {
   struct Action {
     DeploymentDocument deployment;
     bool active = true;
-    std::string status = "RUNNING";     // hawkBit's action status, upper-case
-    std::string cancelId;               // set while a cancel request is offered
+    std::string status = "RUNNING";  // hawkBit's action status, upper-case
+    std::string cancelId;            // set while a cancel request is offered
+    bool cancelOffered = false;
     std::vector<std::string> messages;  // newest first
     int feedbacks = 0;
   };

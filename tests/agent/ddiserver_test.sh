@@ -86,6 +86,13 @@ check "cancel feedback \"canceled\" closes the action as canceled" eval \
   'answered 200 "" POST $c/cancelAction/1/feedback "$(fb canceled success)" && grep -qx "action 1 canceled" "$log" &&
    test "$(links)" = "configData " && answered 410 "" POST "$d" "$(fb closed success)"'
 
+serve --cancel-after-polls 1
+address=$(sed -n 's|^DDI server on \(http://[0-9.:]*\)/.*|\1|p' "$log")
+check "a rejected cancel request is withdrawn and not offered again" eval \
+  'links > /dev/null; test "$(links)" = "cancelAction configData " &&
+   answered 200 "" POST $c/cancelAction/1/feedback "$(fb rejected none)" && grep -qx "action 1: cancel rejected" "$log" &&
+   test "$(links)" = "deploymentBase configData " && test "$(links)" = "deploymentBase configData "'
+
 # One-shot faults are for the first GET of the chosen artifact; HEAD is answered as GET without a body.
 fetch() { curl -s -H 'Authorization: TargetToken t0k#1' "$@" "$address/artifacts/image.bin"; }
 for fault in '--drop-after 1000:image.bin' '--fail-first 503:image.bin'; do
