@@ -31,7 +31,8 @@ namespace {
 namespace testing = tamrel::testing;
 
 char const kUsage[] =
-    "usage: tamrel-ddi-server [--port N] [--token T] [--artifacts DIR] [--sleep HH:MM:SS]\n"
+    "usage: tamrel-ddi-server [--help] [--port N] [--token T] [--artifacts DIR] [--sleep "
+    "HH:MM:SS]\n"
     "                         [--chunk NAME] [--name-as FILE=NAME] [--action ID]\n"
     "                         [--ask-config-data]   (ask for attributes at every poll)\n"
     "  cancel requests:\n"
@@ -231,6 +232,10 @@ bool digests(std::string const& path, std::map<std::string, std::string>& hashes
 
 int main(int argc, char** argv) {
   Settings settings;
+  if (argc == 2 && std::string(argv[1]) == "--help") {
+    std::fputs(kUsage, stdout);
+    return 0;
+  }
   if (!parse(argc, argv, settings)) {
     std::fputs(kUsage, stderr);
     return 2;

@@ -12,8 +12,8 @@ bool refuse(DdiTestServer::Answer& answer, int status, std::string const& errorC
             std::string const& message) {
   static std::map<int, char const*> const kClasses = {
       {400, "org.springframework.http.converter.HttpMessageNotReadableException"},
-      {404, "org.eclipse.hawkbit.repository.exception.EntityNotFoundException"},
       {403, "org.eclipse.hawkbit.repository.exception.AssignmentQuotaExceededException"},
+      {404, "org.eclipse.hawkbit.repository.exception.EntityNotFoundException"},
       {405, "org.springframework.web.HttpRequestMethodNotSupportedException"},
       {410, "org.eclipse.hawkbit.repository.exception.ActionNotActiveException"}};
   answer.status = status;
