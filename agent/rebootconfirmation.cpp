@@ -54,6 +54,13 @@ bool RebootConfirmation::confirm() {
   return deployment.finished == finished_t::success;
 }
 
+bool RebootConfirmation::installed(std::string const& actionId) const {
+  InstallState::Pending pending;
+  std::string error;
+  return actionId == rebootAction_ || actionId == confirmedAction_ ||
+         (state_.load(pending, error) && pending.actionId == actionId);
+}
+
 bool RebootConfirmation::handles(std::string const& actionId, bool& result) {
   result = true;
   if (actionId == rebootAction_) {

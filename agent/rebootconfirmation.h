@@ -29,6 +29,9 @@ class RebootConfirmation {
   // for the reboot, or confirmed): it must not be deployed again. `result`
   // is what deploying it would have returned.
   bool handles(std::string const& actionId, bool& result);
+  // True when the action is installed on this device, waiting for its
+  // reboot or its confirmation: too late to cancel it.
+  bool installed(std::string const& actionId) const;
 
  private:
   libtamrelcore& client_;

@@ -121,13 +121,7 @@ UpdateAgent::Cycle UpdateAgent::cycle() {
                 cancel.id.c_str(), cancel.stop_id.c_str());
     result.status = kExitDeploymentFailed;
   } else if (!cancel.url.empty() && !cancel.stop_id.empty()) {
-    std::string const failure = server_.send([&] {
-      return client_.sendCancelActionFeedback(
-          cancel.url, cancel.id, "closed", "success",
-          "cancellation of action " + cancel.stop_id + " accepted");
-    });
-    std::printf("cancel request for action %s: %s\n", cancel.stop_id.c_str(),
-                failure.empty() ? "feedback sent" : failure.c_str());
+    answerCancel(cancel);
   }
   if (!answer.deployment.url.empty() && !answer.deployment.chunks.empty() && !stopping()) {
     if (!deploy(answer.deployment) && !stopping()) {
@@ -139,6 +133,32 @@ UpdateAgent::Cycle UpdateAgent::cycle() {
     }
   }
   return result;
+}
+
+void UpdateAgent::answerCancel(hawkbit_query_t::cancel_action_t const& cancel) {
+  // What is installed cannot be taken back; anything else is dropped.
+  bool const installed = reboot_.installed(cancel.stop_id);
+  std::string const failure = server_.send([&] {
+    return installed ? client_.sendCancelActionFeedback(
+                           cancel.url, cancel.id, "rejected", "none",
+                           "action " + cancel.stop_id + " is installed, waiting for its reboot")
+                     : client_.sendCancelActionFeedback(
+                           cancel.url, cancel.id, "closed", "success",
+                           "cancellation of action " + cancel.stop_id + " accepted");
+  });
+  std::string removed;
+  if (!installed && failure.empty() && cancel.stop_id == waitingAction_) {
+    // Downloaded for a maintenance window that no longer matters.
+    for (std::string const& file : waitingFiles_) std::remove(file.c_str());
+    for (std::string const& dir : waitingDirs_) rmdir(dir.c_str());
+    removed = ", its downloaded files removed";
+    waitingAction_.clear();
+  }
+  std::printf("cancel request for action %s: %s%s\n", cancel.stop_id.c_str(),
+              !failure.empty() ? failure.c_str()
+              : installed      ? "rejected (installed already), feedback sent"
+                               : "feedback sent",
+              removed.c_str());
 }
 
 std::string UpdateAgent::pollFailure(Watchdog::Verdict verdict,
@@ -222,6 +242,12 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
     proceed(deployment, "downloaded, waiting for maintenance window",
             "downloaded, waiting for the maintenance window");
     waitingAction_ = deployment.id;
+    waitingFiles_.clear();
+    waitingDirs_.clear();
+    for (std::size_t c = 0; c < files.size(); ++c) {
+      waitingFiles_.insert(waitingFiles_.end(), files[c].begin(), files[c].end());
+      waitingDirs_.push_back(config_.downloadDir + "/" + deployment.chunks[c].name);
+    }
     return true;
   }
   waitingAction_.clear();

@@ -49,6 +49,9 @@ class UpdateAgent {
 
  private:
   bool deploy(hawkbit_query_t::deployment_t deployment);
+  // Accepts a cancel request, or rejects it for an action installed already;
+  // an accepted one drops what was downloaded for an action still waiting.
+  void answerCancel(hawkbit_query_t::cancel_action_t const& cancel);
   // Downloads and verifies every chunk's artifacts into download-dir/<chunk>;
   // `files` gets each chunk's paths. False when any artifact failed.
   bool download(hawkbit_query_t::deployment_t& deployment, DeploymentPlan const& plan,
@@ -74,7 +77,8 @@ class UpdateAgent {
   ServerRequest server_;  // every POST/PUT goes through it
   RebootConfirmation reboot_;
   // An action downloaded in this run and waiting for its maintenance window.
-  std::string waitingAction_;
+  std::string waitingAction_;  // downloaded, waiting for its maintenance window
+  std::vector<std::string> waitingFiles_, waitingDirs_;
   std::mutex sleepLock_;
   std::condition_variable wake_;
 };

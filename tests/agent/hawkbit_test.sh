@@ -2,7 +2,7 @@
 # The agent against tamrel-ddi-server answering like a current hawkBit
 # server: link choice, digests, completeness, handling types, maintenance
 # window, download-only actions, install command, reboot and confirmation,
-# and an artifact above 4 GiB resumed near its end.
+# cancel requests, and an artifact above 4 GiB resumed near its end.
 # usage: hawkbit_test.sh BUILD_DIR   (KEEP=1 keeps the work directory)
 set -uo pipefail
 . "$(dirname "$0")/lib.sh"
@@ -79,11 +79,14 @@ check "maintenance window: waited, then installed; fetched once" \
 
 # Reboot flow: the install command asks for a reboot, the reboot command
 # kills the agent (as a reboot would); the next start confirms.
+reboot_settings() {  # confirm command
+  printf '%s\n' "${install/exit 0/exit 7}" 'reboot-exit-code = 7' "state-dir = $work/state" \
+    'reboot-command = kill -KILL $PPID' "confirm-command = $1" >> "$conf"
+}
 reboot_flow() {  # confirm command, expected result
   want=$2
   serve
-  printf '%s\n' "${install/exit 0/exit 7}" 'reboot-exit-code = 7' "state-dir = $work/state" \
-    'reboot-command = kill -KILL $PPID' "confirm-command = $1" >> "$conf"
+  reboot_settings "$1"
   "$agent" --once --config "$conf" > "$work/reboot$n.log" 2>&1 &
   wait $! 2>/dev/null
   code=$?
@@ -97,6 +100,29 @@ reboot_flow() {  # confirm command, expected result
 }
 reboot_flow 'echo said ok >&2' success
 reboot_flow 'echo said no >&2; exit 1' failure
+
+# Cancel requests: one for an action waiting for its window drops what was
+# downloaded; one for an action installed and not yet confirmed (the server
+# did not take the result) is rejected.
+rm -f "$inst"
+serve --handling forced:skip:unavailable --cancel-after-polls 1 --sleep 00:00:01
+printf '%s\n' "$install" >> "$conf"
+"$agent" --config "$conf" > "$work/cancel.log" 2>&1 &
+pids+=($!)
+wait_for 'cancel request for action 1' "$work/cancel.log"
+kill $! 2>/dev/null
+check "cancel while waiting for the window: accepted, download removed, nothing installed" \
+  eval 'grep -qx "action 1 canceled" "$log" && test ! -e "$dl/firmware" && test ! -e "$inst"'
+serve
+reboot_settings true
+"$agent" --once --config "$conf" > "$work/reboot$n.log" 2>&1 &
+wait $! 2>/dev/null
+serve --cancel 1 --fault feedback=503
+reboot_settings true
+"$agent" --once --config "$conf" > "$work/reject.log" 2>&1
+check "cancel for an installed action waiting for confirmation: rejected, record kept" \
+  eval 'grep -qx "action 1: cancel rejected" "$log" && grep -qx "action 1" "$work/state/pending"'
+rm -f "$work/state/pending"
 
 # Above 4 GiB, served from a sparse file: a partial file of 4 GiB or more
 # starts over; one below resumes near the end. Nothing writes gigabytes.
