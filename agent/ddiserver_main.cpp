@@ -367,9 +367,11 @@ int main(int argc, char** argv) {
                     settings.feedback);
   }
   {
+    // The server's lock is taken before this one on its threads, never after.
+    std::string const controller = server.controllerPath();
     std::lock_guard<std::mutex> guard(output);
     std::printf("DDI server on %s%s (tenant DEFAULT, controller dev01)\n", base.c_str(),
-                server.controllerPath().c_str());
+                controller.c_str());
     std::fflush(stdout);
   }
   int number = 0;
