@@ -12,8 +12,11 @@ mkdir -p "$work/art" "$work/two" "$work/state"
 head -c 300000 /dev/urandom > "$work/art/image.bin"
 head -c 1000 /dev/urandom > "$work/two/a.bin"; head -c 1000 /dev/urandom > "$work/two/b.bin"
 inst=$work/installed
-# A background child keeps the command's standard error open: not waited for.
-install='install-command = sleep 20 & printf "%s\n" "$#" "$@" > '"$inst"'; echo "last words" >&2; exit 0'
+# A background child keeps the command's standard error open: the agent must
+# not wait for it (it is still running when the agent has finished).
+children=$work/children
+trap 'xargs -r kill < "$children" 2>/dev/null; cleanup' EXIT
+install='install-command = sleep 300 & echo $! >> '"$children"'; printf "%s\n" "$#" "$@" > '"$inst"'; echo "last words" >&2; exit 0'
 details_have() { closing | grep -q -- "$1"; }
 no_feedback() { ! grep -q '^POST' "$log"; }
 fetched() { test "$(grep -c 'GET /artifacts' "$log")" -eq "$1"; }
@@ -26,8 +29,9 @@ row() {  # description, expectation, server options, agent settings (shell words
   eval "run_agent ${4:-}"
   check "$1" eval "$2"
 }
-row 'installs through sh -c with the files as $1..' \
-  'closed_with success && installed_once && details_have "install command succeeded (exit 0)"' \
+row 'installs through sh -c with the files as $1..; its background child not waited for' \
+  'closed_with success && installed_once && details_have "install command succeeded (exit 0)" &&
+   kill -0 "$(tail -1 "$children")"' \
   '' '"$install"'
 row 'install failure: exit status and stderr tail in the details' \
   'closed_with failure && details_have "(exit 3)" && details_have "install: last words"' \
