@@ -66,14 +66,20 @@ run_agent
 check "no attribute configured: the agent's version is sent" \
   eval 'grep -A1 "PUT .*/configData" "$log" | grep -q "\"tamrel-agent.version\""'
 
+# poll_until PATTERN NAME: the agent polling on (not --once) with the
+# install command, until PATTERN shows in $work/NAME.log.
+poll_until() {
+  printf '%s\n' "$install" >> "$conf"
+  "$agent" --config "$conf" > "$work/$2.log" 2>&1 &
+  pids+=($!)
+  wait_for "$1" "$work/$2.log"
+  kill $! 2>/dev/null
+}
+
 # Update "skip" while the window is unavailable: downloaded and reported
 # waiting; once a later poll shows the window, installed without fetching again.
 serve --handling forced:skip:unavailable --window-opens-at 2 --sleep 00:00:01
-printf '%s\n' "$install" >> "$conf"
-"$agent" --config "$conf" > "$work/window.log" 2>&1 &
-pids+=($!)
-wait_for 'deployment 1: success' "$work/window.log"
-kill $! 2>/dev/null
+poll_until 'deployment 1: success' window
 window_order() {
   grep -A1 '^POST .*/feedback$' "$log" | grep -o '"execution":"[a-z]*"\|waiting for maintenance window' |
     tr '\n' ' ' | grep -q 'proceeding.*waiting for maintenance window.*"closed"'
@@ -110,11 +116,7 @@ reboot_flow 'echo said no >&2; exit 1' failure
 # did not take the result) is rejected.
 rm -f "$inst"
 serve --handling forced:skip:unavailable --cancel-after-polls 1 --sleep 00:00:01
-printf '%s\n' "$install" >> "$conf"
-"$agent" --config "$conf" > "$work/cancel.log" 2>&1 &
-pids+=($!)
-wait_for 'cancel request for action 1' "$work/cancel.log"
-kill $! 2>/dev/null
+poll_until 'cancel request for action 1' cancel
 check "cancel while waiting for the window: accepted, download removed, nothing installed" \
   eval 'grep -qx "action 1 canceled" "$log" && test ! -e "$dl/firmware" && test ! -e "$inst"'
 serve
