@@ -1,6 +1,6 @@
 #include "agent/artifactfetcher.h"
 
-#include "agent/sha256file.h"
+#include "digest/digest.h"
 
 #include <sys/stat.h>
 
@@ -96,7 +96,9 @@ bool ArtifactFetcher::verify(artifact_t const& artifact, std::string const& sha2
     return false;
   }
   if (sha256.empty()) return true;
-  std::string const digest = Sha256File::digest(filePath(artifact), stop_);
+  tamrel::Digest hasher(tamrel::Digest::Kind::kSha256);
+  std::string const digest =
+      tamrel::digestFile(filePath(artifact), {&hasher}, &stop_) ? hasher.hex() : std::string();
   if (digest != sha256) {
     detail = artifact.filename + (stopping()       ? ": interrupted"
                                   : digest.empty() ? ": cannot read the file for SHA-256"

@@ -1,5 +1,7 @@
 #include "agent/deploymentplan.h"
 
+#include "digest/digest.h"
+
 #include <cjson/cJSON.h>
 
 #include <algorithm>
@@ -37,10 +39,7 @@ std::string shown(std::string const& name) {
   for (char c : name) {
     unsigned char const u = static_cast<unsigned char>(c);
     if (u < 0x20 || u == 0x7f) {
-      static char const digits[] = "0123456789abcdef";
-      out += "\\x";
-      out += digits[u >> 4];
-      out += digits[u & 15];
+      out += "\\x" + tamrel::hexOf(&u, 1);
     } else {
       out += c;
     }

@@ -22,7 +22,7 @@
 #include "plugin/libtamrelcore.h"
 #include "transport/curlmanager.h"
 #ifdef TAMREL_BENCH_WITH_SERVER
-#include "testserver/dditestserver.h"
+#include "ddiserver/dditestserver.h"
 #endif
 
 namespace {

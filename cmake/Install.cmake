@@ -1,9 +1,7 @@
 # Installs the plug-in, the static library, the host headers under
 # include/tamrel/, a pkg-config file and a CMake package with the imported
-# targets tamrelcore::plugin, tamrelcore::static and tamrelcore::headers; with
-# the agent, the agent, its systemd unit and its example configuration. The
-# DDI test server is installed only on request:
-#   cmake --install BUILD --component ddi-server
+# targets tamrelcore::plugin, tamrelcore::static and tamrelcore::headers. The
+# agent and the DDI server install themselves (agent/, ddiserver/).
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -29,12 +27,12 @@ install(TARGETS tamrelcore_shared tamrelcore_static tamrelcore_headers EXPORT ta
 foreach(header properties/lookup.h properties/simple_signal.h properties/value_container.h
     ddi/hawkbit_query.h ddi/artifact_path.h ddi/tamrel_export.h plugin/libtamrelcore.h)
   get_filename_component(folder ${header} DIRECTORY)
-  install(FILES ${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tamrel/${folder})
+  install(FILES ${PROJECT_SOURCE_DIR}/${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tamrel/${folder})
 endforeach()
 
 install(EXPORT tamrelcoreTargets NAMESPACE tamrelcore::
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tamrelcore)
-configure_package_config_file(cmake/tamrelcoreConfig.cmake.in
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/tamrelcoreConfig.cmake.in
   ${CMAKE_BINARY_DIR}/tamrelcoreConfig.cmake
   INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tamrelcore)
 write_basic_package_version_file(${CMAKE_BINARY_DIR}/tamrelcoreConfigVersion.cmake
@@ -46,30 +44,5 @@ install(FILES ${CMAKE_BINARY_DIR}/tamrelcoreConfig.cmake
 # `cmake --install --prefix` works whatever the configured prefix was.
 file(RELATIVE_PATH TAMREL_PC_TO_PREFIX "/p/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/p")
 string(REGEX REPLACE "/$" "" TAMREL_PC_TO_PREFIX "${TAMREL_PC_TO_PREFIX}")
-configure_file(cmake/tamrelcore.pc.in ${CMAKE_BINARY_DIR}/tamrelcore.pc @ONLY)
+configure_file(${PROJECT_SOURCE_DIR}/cmake/tamrelcore.pc.in ${CMAKE_BINARY_DIR}/tamrelcore.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/tamrelcore.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
-
-option(TAMREL_INSTALL_SYSTEMD_UNIT "Install the agent's systemd unit" ON)
-set(TAMREL_SYSTEMD_UNITDIR "lib/systemd/system" CACHE STRING
-  "Where the agent's unit is installed, relative to the prefix or absolute")
-if(TARGET tamrel-agent)
-  install(TARGETS tamrel-agent RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-  install(TARGETS tamrel-ddi-server RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
-    COMPONENT ddi-server EXCLUDE_FROM_ALL)
-  # The unit names the plug-in by its SONAME file, which the runtime package
-  # ships; the unversioned name belongs to development installs.
-  set(TAMREL_PLUGIN_FILE
-    "${CMAKE_INSTALL_FULL_LIBDIR}/libtamrelcore.so.${PROJECT_VERSION_MAJOR}")
-  # Where the configuration is installed, not GNUInstallDirs' /etc special
-  # case for the prefix /usr, so that the unit names the installed file.
-  if(IS_ABSOLUTE "${CMAKE_INSTALL_SYSCONFDIR}")
-    set(TAMREL_CONFIG_DIR "${CMAKE_INSTALL_SYSCONFDIR}/tamrel")
-  else()
-    set(TAMREL_CONFIG_DIR "${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_SYSCONFDIR}/tamrel")
-  endif()
-  configure_file(packaging/tamrel-agent.service.in ${CMAKE_BINARY_DIR}/tamrel-agent.service @ONLY)
-  if(TAMREL_INSTALL_SYSTEMD_UNIT)
-    install(FILES ${CMAKE_BINARY_DIR}/tamrel-agent.service DESTINATION ${TAMREL_SYSTEMD_UNITDIR})
-  endif()
-  install(FILES packaging/agent.conf DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/tamrel)
-endif()

@@ -16,7 +16,7 @@
 #include "plugin/libtamrelcore.h"
 #include "tests/support/capture_stderr.h"
 #include "tests/support/temp_dir.h"
-#include "testserver/dditestserver.h"
+#include "ddiserver/dditestserver.h"
 #include "transport/curlmanager.h"
 
 namespace {

@@ -10,8 +10,8 @@
 #include "plugin/libtamrelcore.h"
 #include "tests/support/capture_stderr.h"
 #include "tests/support/settings.h"
-#include "testserver/ddidocument.h"
-#include "testserver/dditestserver.h"
+#include "ddiserver/ddidocument.h"
+#include "ddiserver/dditestserver.h"
 #include "transport/curlmanager.h"
 
 namespace {

@@ -21,8 +21,8 @@
 #include "tests/support/settings.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/valgrind.h"
-#include "testserver/dditestserver.h"
-#include "testserver/rawcaptureserver.h"
+#include "ddiserver/dditestserver.h"
+#include "tests/support/rawcaptureserver.h"
 #include "transport/curlmanager.h"
 
 namespace {

@@ -17,8 +17,8 @@
 #include "tests/support/capture_stderr.h"
 #include "tests/support/settings.h"
 #include "tests/support/valgrind.h"
-#include "testserver/ddidocument.h"
-#include "testserver/dditestserver.h"
+#include "ddiserver/ddidocument.h"
+#include "ddiserver/dditestserver.h"
 #include "transport/curlmanager.h"
 
 namespace {

@@ -9,8 +9,8 @@
 #include "plugin/libtamrelcore.h"
 #include "tests/support/capture_stderr.h"
 #include "tests/support/temp_dir.h"
-#include "testserver/dditestserver.h"
-#include "testserver/rawcaptureserver.h"
+#include "ddiserver/dditestserver.h"
+#include "tests/support/rawcaptureserver.h"
 #include "transport/curlmanager.h"
 
 namespace {

@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "testserver/ddidocument.h"
-#include "testserver/dditestserver.h"
+#include "ddiserver/ddidocument.h"
+#include "ddiserver/dditestserver.h"
 
 namespace tamrel::testing {
 

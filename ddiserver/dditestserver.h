@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "testserver/ddidocument.h"
+#include "ddiserver/ddidocument.h"
 
 namespace httplib {
 class Server;

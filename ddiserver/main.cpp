@@ -6,7 +6,6 @@
 // feedback ("action 1 closed: success").
 #include <dirent.h>
 #include <fcntl.h>
-#include <openssl/evp.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -22,9 +21,10 @@
 #include <string>
 #include <vector>
 
-#include "testserver/ddidocument.h"
-#include "testserver/dditestserver.h"
-#include "testserver/hawkbittarget.h"
+#include "ddiserver/ddidocument.h"
+#include "ddiserver/dditestserver.h"
+#include "ddiserver/hawkbittarget.h"
+#include "digest/digest.h"
 
 namespace {
 
@@ -202,30 +202,13 @@ bool isFault(testing::Fault const& fault) {
 
 // SHA-1, MD5 and SHA-256 of a file in one streamed pass.
 bool digests(std::string const& path, std::map<std::string, std::string>& hashes) {
-  std::ifstream in(path, std::ios::binary);
-  std::pair<char const*, EVP_MD const*> const kinds[] = {
-      {"sha1", EVP_sha1()}, {"md5", EVP_md5()}, {"sha256", EVP_sha256()}};
-  std::vector<EVP_MD_CTX*> contexts;
-  for (auto const& kind : kinds) {
-    contexts.push_back(EVP_MD_CTX_new());
-    EVP_DigestInit_ex(contexts.back(), kind.second, nullptr);
-  }
-  std::vector<char> block(1 << 20);
-  while (in) {
-    in.read(block.data(), static_cast<std::streamsize>(block.size()));
-    for (EVP_MD_CTX* context : contexts) {
-      EVP_DigestUpdate(context, block.data(), static_cast<std::size_t>(in.gcount()));
-    }
-  }
-  bool const ok = in.eof();
-  for (std::size_t i = 0; i < contexts.size(); ++i) {
-    unsigned char value[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    EVP_DigestFinal_ex(contexts[i], value, &length);
-    EVP_MD_CTX_free(contexts[i]);
-    hashes[kinds[i].first] = testing::hex(value, length);
-  }
-  return ok;
+  using tamrel::Digest;
+  Digest sha1(Digest::Kind::kSha1), md5(Digest::Kind::kMd5), sha256(Digest::Kind::kSha256);
+  if (!tamrel::digestFile(path, {&sha1, &md5, &sha256})) return false;
+  hashes["sha1"] = sha1.hex();
+  hashes["md5"] = md5.hex();
+  hashes["sha256"] = sha256.hex();
+  return true;
 }
 
 }  // namespace

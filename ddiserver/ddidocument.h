@@ -78,7 +78,5 @@ struct ConfigData {
 };
 ConfigData readConfigData(std::string const& body);
 
-// Lower-case hex of bytes.
-std::string hex(unsigned char const* bytes, std::size_t n);
 
 }  // namespace tamrel::testing

@@ -1,4 +1,4 @@
-#include "testserver/dditestserver.h"
+#include "ddiserver/dditestserver.h"
 
 #include <arpa/inet.h>
 #include <dirent.h>

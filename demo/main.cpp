@@ -2,8 +2,6 @@
 // in-process DDI server: configuration data, a deployment of two chunks and
 // three artifacts, a cancel request, then what the server received.
 #include <ftw.h>
-#include <openssl/md5.h>
-#include <openssl/sha.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -14,8 +12,9 @@
 #include "agent/pluginloader.h"
 #include "agent/signalthread.h"
 #include "agent/updateagent.h"
-#include "testserver/ddidocument.h"
-#include "testserver/dditestserver.h"
+#include "ddiserver/ddidocument.h"
+#include "ddiserver/dditestserver.h"
+#include "digest/digest.h"
 
 namespace {
 
@@ -47,16 +46,15 @@ testing::DeploymentDocument offer(testing::DdiTestServer& server) {
       if (chunk != item.chunk) continue;
       std::string content(item.size, '\0');
       for (char& c : content) c = static_cast<char>(random());
-      auto const* bytes = reinterpret_cast<unsigned char const*>(content.data());
-      unsigned char sha[SHA_DIGEST_LENGTH], md5[MD5_DIGEST_LENGTH];
-      SHA1(bytes, content.size(), sha);
-      MD5(bytes, content.size(), md5);
       std::string const path = std::string("/artifacts/") + item.name;
       testing::ArtifactDocument artifact;
       artifact.filename = item.name;
       artifact.size = item.size;
-      artifact.hashes["md5"] = testing::hex(md5, sizeof md5);
-      if (item.sha1) artifact.hashes["sha1"] = testing::hex(sha, sizeof sha);
+      using tamrel::Digest;
+      artifact.hashes["md5"] = Digest::of(Digest::Kind::kMd5, content.data(), content.size());
+      if (item.sha1) {
+        artifact.hashes["sha1"] = Digest::of(Digest::Kind::kSha1, content.data(), content.size());
+      }
       artifact.links["download-http"] = server.addArtifact(path, content);
       // Paced (about 8 MiB/s) so that the progress bars can be watched.
       testing::Fault paced;

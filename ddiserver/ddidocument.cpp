@@ -1,4 +1,4 @@
-#include "testserver/ddidocument.h"
+#include "ddiserver/ddidocument.h"
 
 #include <cjson/cJSON.h>
 
@@ -208,16 +208,6 @@ ConfigData readConfigData(std::string const& body) {
   if (config.data.empty()) return refuse("no attributes");
   config.valid = true;
   return config;
-}
-
-std::string hex(unsigned char const* bytes, std::size_t n) {
-  static char const digits[] = "0123456789abcdef";
-  std::string text;
-  for (std::size_t i = 0; i < n; ++i) {
-    text += digits[bytes[i] >> 4];
-    text += digits[bytes[i] & 15];
-  }
-  return text;
 }
 
 }  // namespace tamrel::testing

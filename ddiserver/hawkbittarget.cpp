@@ -1,4 +1,4 @@
-#include "testserver/hawkbittarget.h"
+#include "ddiserver/hawkbittarget.h"
 
 #include <cstdlib>
 #include <utility>
