@@ -32,30 +32,6 @@ bool hasControl(std::string const& text) {
   return false;
 }
 
-// Whole-number keys: name, smallest and largest value, where it goes.
-struct NumberKey {
-  char const* name;
-  long long min, max;
-  void (*store)(AgentConfig&, long long);
-};
-
-NumberKey const kNumbers[] = {
-    {"download-retries", 0, 100, [](AgentConfig& c, long long v) { c.retries = int(v); }},
-    {"download-timeout-s", 0, 86400,
-     [](AgentConfig& c, long long v) { c.timeoutSeconds = int(v); }},
-    {"download-min-rate", 0, 999999999, [](AgentConfig& c, long long v) { c.downloadMinRate = v; }},
-    {"poll-timeout-s", 1, 86400,
-     [](AgentConfig& c, long long v) { c.pollTimeoutSeconds = int(v); }},
-    {"feedback-timeout-s", 1, 86400,
-     [](AgentConfig& c, long long v) { c.feedbackTimeoutSeconds = int(v); }},
-    {"max-document-mib", 1, 4096, [](AgentConfig& c, long long v) { c.maxDocumentMib = v; }},
-    {"poll-interval-s", 1, 31 * 86400,
-     [](AgentConfig& c, long long v) { c.pollIntervalSeconds = v; }},
-    {"max-poll-interval-s", 1, 31 * 86400,
-     [](AgentConfig& c, long long v) { c.maxPollIntervalSeconds = v; }},
-    {"reboot-exit-code", 1, 255, [](AgentConfig& c, long long v) { c.rebootExitCode = int(v); }},
-};
-
 std::string* textField(AgentConfig& config, std::string const& key) {
   if (key == "download-dir") return &config.downloadDir;
   if (key == "state-dir") return &config.stateDir;
@@ -81,33 +57,91 @@ std::string normaliseAddress(std::string address, std::string& problem) {
 
 }  // namespace
 
+std::vector<AgentConfig::Key> const& AgentConfig::keys() {
+  using K = Key::Kind;
+  static std::vector<Key> const table = {
+      {"address", K::kServer, true, "", "the server's URL, http:// or https://", 0, 0},
+      {"tenant-id", K::kServer, true, "", "the tenant on the server", 0, 0},
+      {"controller-id", K::kServer, true, "", "this device's controller id", 0, 0},
+      {"token", K::kServer, true, "", "target security token, one line", 0, 0},
+      {"download-dir", K::kText, true, "", "where artifacts are stored, a folder per chunk", 0, 0},
+      {"state-dir", K::kText, false, "", "where the pending-reboot record is kept", 0, 0},
+      {"install-command", K::kText, false, "", "sh -c command, the chunk's files as $1, $2, ...", 0,
+       0},
+      {"reboot-exit-code", K::kNumber, false, "", "install exit status meaning reboot needed", 1,
+       255},
+      {"reboot-command", K::kText, false, "", "run for that reboot", 0, 0},
+      {"confirm-command", K::kText, false, "", "run after that reboot; exit 0 confirms", 0, 0},
+      {"attribute.NAME", K::kAttribute, false, "", "sent as config data (<= 128 characters)", 0, 0},
+      {"download-retries", K::kNumber, false, "3", "further attempts per artifact", 0, 100},
+      {"download-timeout-s", K::kNumber, false, "60",
+       "window in which download-min-rate must arrive; 0: off", 0, 86400},
+      {"download-min-rate", K::kNumber, false, "1024", "bytes/s; below it a download is cancelled",
+       0, 999999999},
+      {"poll-timeout-s", K::kNumber, false, "60", "deadline of one poll", 1, 86400},
+      {"feedback-timeout-s", K::kNumber, false, "60", "deadline of one POST/PUT; past it: exit 4",
+       1, 86400},
+      {"max-document-mib", K::kNumber, false, "64", "memory one poll answer may take", 1, 4096},
+      {"poll-interval-s", K::kNumber, false, "300",
+       "wait after a failed poll, or when the server names none", 1, 31 * 86400},
+      {"max-poll-interval-s", K::kNumber, false, "86400", "longest wait between polls", 1,
+       31 * 86400},
+  };
+  return table;
+}
+
+AgentConfig::AgentConfig() {
+  for (Key const& key : keys()) {
+    if (key.kind == Key::Kind::kNumber && *key.defaultValue != '\0') {
+      storeNumber(key.name, std::stoll(key.defaultValue));
+    }
+  }
+}
+
+void AgentConfig::storeNumber(std::string const& key, long long value) {
+  struct Field {
+    char const* key;
+    void (*store)(AgentConfig&, long long);
+  };
+  static Field const fields[] = {
+      {"reboot-exit-code", [](AgentConfig& c, long long v) { c.rebootExitCode = int(v); }},
+      {"download-retries", [](AgentConfig& c, long long v) { c.retries = int(v); }},
+      {"download-timeout-s", [](AgentConfig& c, long long v) { c.timeoutSeconds = int(v); }},
+      {"download-min-rate", [](AgentConfig& c, long long v) { c.downloadMinRate = v; }},
+      {"poll-timeout-s", [](AgentConfig& c, long long v) { c.pollTimeoutSeconds = int(v); }},
+      {"feedback-timeout-s",
+       [](AgentConfig& c, long long v) { c.feedbackTimeoutSeconds = int(v); }},
+      {"max-document-mib", [](AgentConfig& c, long long v) { c.maxDocumentMib = v; }},
+      {"poll-interval-s", [](AgentConfig& c, long long v) { c.pollIntervalSeconds = v; }},
+      {"max-poll-interval-s", [](AgentConfig& c, long long v) { c.maxPollIntervalSeconds = v; }},
+  };
+  for (Field const& field : fields) {
+    if (key == field.key) field.store(*this, value);
+  }
+}
+
 std::string AgentConfig::keysHelp() {
-  return "configuration keys (key = value; # starts a comment after a blank):\n"
-         "  address, tenant-id, controller-id   the server and this device (required)\n"
-         "  token                               target security token, one line (required)\n"
-         "  KEY-file = PATH                     any of the four above read from a file\n"
-         "                                      (one line; one line ending is removed)\n"
-         "  download-dir                        where artifacts are stored (required)\n"
-         "  state-dir                           where the pending-reboot record is kept\n"
-         "  install-command                     sh -c command, the files as $1, $2, ...\n"
-         "  reboot-exit-code                    install exit status meaning reboot needed\n"
-         "  reboot-command, confirm-command     run for and after that reboot\n"
-         "  attribute.NAME = VALUE              sent as config data (<= 128 characters)\n"
-         "  download-retries [3]                further attempts per artifact\n"
-         "  download-timeout-s [60]             window in which download-min-rate must arrive\n"
-         "  download-min-rate [1024]            bytes/s; below it a download is cancelled\n"
-         "  poll-timeout-s [60]                 deadline of one poll\n"
-         "  feedback-timeout-s [60]             deadline of one POST/PUT; past it: exit 4\n"
-         "  max-document-mib [64]               memory one poll answer may take\n"
-         "  poll-interval-s [300]               after a failed poll, or when the server\n"
-         "                                      names no interval the agent can read\n"
-         "  max-poll-interval-s [86400]         longest wait between polls\n";
+  std::string text = "configuration keys (key = value; # starts a comment after a blank):\n";
+  for (Key const& key : keys()) {
+    std::string name = key.name;
+    if (key.required) name += " (required)";
+    if (*key.defaultValue != '\0') name += std::string(" [") + key.defaultValue + "]";
+    name.resize(name.size() < 34 ? 34 : name.size() + 1, ' ');
+    text += "  " + name + key.help + "\n";
+  }
+  text +=
+      "  KEY-file = PATH                   address, tenant-id, controller-id or token read\n"
+      "                                    from a file (one line; its line ending removed)\n";
+  return text;
 }
 
 AgentConfig AgentConfig::fromFile(std::string const& path) {
   std::ifstream in(path);
   if (!in) throw ConfigError(path + ": cannot read the configuration file");
-  static std::set<std::string> const settings = {"address", "tenant-id", "controller-id", "token"};
+  std::set<std::string> settings;
+  for (Key const& key : keys()) {
+    if (key.kind == Key::Kind::kServer) settings.insert(key.name);
+  }
   AgentConfig config;
   std::map<std::string, int> seen;  // key (a "-file" key under its base name) -> line
   std::string line;
@@ -142,9 +176,9 @@ AgentConfig AgentConfig::fromFile(std::string const& path) {
     }
     seen[slot] = number;
 
-    NumberKey const* numeric = nullptr;
-    for (auto const& candidate : kNumbers) {
-      if (key == candidate.name) numeric = &candidate;
+    Key const* known = nullptr;
+    for (Key const& candidate : keys()) {
+      if (key == candidate.name) known = &candidate;
     }
     if (settings.count(key) || settings.count(base)) {
       std::string const filePath = value;
@@ -169,13 +203,13 @@ AgentConfig AgentConfig::fromFile(std::string const& path) {
       } else {
         *(*config.properties)[key] = link_t{filePath, value};
       }
-    } else if (numeric != nullptr) {
+    } else if (known != nullptr && known->kind == Key::Kind::kNumber) {
       long long count = 0;
-      if (!parseNumber(value, count) || count < numeric->min || count > numeric->max) {
-        fail(key + " must be a whole number from " + std::to_string(numeric->min) + " to " +
-             std::to_string(numeric->max));
+      if (!parseNumber(value, count) || count < known->min || count > known->max) {
+        fail(key + " must be a whole number from " + std::to_string(known->min) + " to " +
+             std::to_string(known->max));
       }
-      numeric->store(config, count);
+      config.storeNumber(key, count);
       // The library's table carries the download settings too.
       if (key == "download-retries" || key == "download-timeout-s") {
         *(*config.properties)[key] = static_cast<int>(count);
@@ -186,7 +220,7 @@ AgentConfig AgentConfig::fromFile(std::string const& path) {
         fail(key + ": attribute names and values are limited to 128 characters");
       }
       config.attributes.push_back({name, value});
-    } else if (std::string* field = textField(config, key)) {
+    } else if (std::string* field = known != nullptr ? textField(config, key) : nullptr) {
       *field = value;
     } else {
       fail("unknown key '" + key + "'");

@@ -4,11 +4,26 @@
 // The agent's exit statuses, for its supervisor (systemd's Restart= and
 // SuccessExitStatus=) and for scripts around --once.
 enum ExitCode : int {
-  kExitOk = 0,                // nothing went wrong
-  kExitDeploymentFailed = 1,  // a deployment failed or was refused
-  kExitConfig = 2,            // configuration error
-  kExitUnreachable = 3,       // server unreachable, token refused, poll timed out
-  kExitFeedbackDeadline = 4,  // a POST/PUT passed its deadline
+  kExitOk = 0,
+  kExitDeploymentFailed = 1,
+  kExitConfig = 2,
+  kExitUnreachable = 3,
+  kExitFeedbackDeadline = 4,
+};
+
+// Each status with what it means, for --help and the docs.
+struct ExitCodeText {
+  ExitCode code;
+  char const* meaning;
+};
+inline constexpr ExitCodeText kExitCodeTexts[] = {
+    {kExitOk, "nothing went wrong (also after SIGINT/SIGTERM)"},
+    {kExitDeploymentFailed, "a deployment failed or was refused (--once)"},
+    {kExitConfig, "configuration error, or the host is not ready (directories, commands, plug-in)"},
+    {kExitUnreachable,
+     "the server could not be reached, refused the token, or a poll timed out "
+     "(--once)"},
+    {kExitFeedbackDeadline, "a POST/PUT to the server passed feedback-timeout-s"},
 };
 
 #endif  // TAMREL_AGENT_EXITCODE_H_

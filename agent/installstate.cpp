@@ -1,6 +1,6 @@
 #include "agent/installstate.h"
 
-#include "agent/installer.h"
+#include "agent/command.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -105,7 +105,7 @@ bool InstallState::confirm(std::string const& confirmCommand, Pending& pending,
     pending.result = "success";
     pending.details.push_back("restarted after the reboot; no confirm-command configured");
   } else {
-    Installer::Result const result = Installer::run(confirmCommand);
+    CommandResult const result = runCommand(confirmCommand);
     pending.result = result.exitCode == 0 ? "success" : "failure";
     pending.details.push_back("confirm command: " + result.describe());
     for (auto const& line : result.stderrTail) pending.details.push_back("confirm: " + line);

@@ -34,14 +34,13 @@ char const kHelp[] =
     "  --download-only    without install-command: download and verify, report \"downloaded\"\n"
     "  --help, --version\n\n";
 
-char const kExitCodes[] =
-    "\nexit status:\n"
-    "  0  nothing went wrong (also after SIGINT/SIGTERM)\n"
-    "  1  a deployment failed or was refused (--once)\n"
-    "  2  configuration error, or the host is not ready (directories, commands, plug-in)\n"
-    "  3  the server could not be reached, refused the token, or a poll timed out (--once)\n"
-    "  4  a POST/PUT to the server passed feedback-timeout-s\n"
-    "Without --once the agent keeps running through 1 and 3.\n";
+std::string exitCodesHelp() {
+  std::string text = "\nexit status:\n";
+  for (ExitCodeText const& entry : kExitCodeTexts) {
+    text += "  " + std::to_string(entry.code) + "  " + entry.meaning + "\n";
+  }
+  return text + "Without --once the agent keeps running through 1 and 3.\n";
+}
 
 }  // namespace
 
@@ -60,7 +59,8 @@ int main(int argc, char** argv) {
     } else if (arg == "--download-only") {
       downloadOnly = true;
     } else if (arg == "--help" || arg == "-h") {
-      std::printf("%s%s%s%s", kUsage, kHelp, AgentConfig::keysHelp().c_str(), kExitCodes);
+      std::printf("%s%s%s%s", kUsage, kHelp, AgentConfig::keysHelp().c_str(),
+                  exitCodesHelp().c_str());
       return kExitOk;
     } else if (arg == "--version") {
       std::printf("tamrel-agent %s\n", TAMREL_VERSION);
@@ -74,7 +74,7 @@ int main(int argc, char** argv) {
     std::fputs(kUsage, stderr);
     return kExitConfig;
   }
-  Console::install();
+  Console console;
 
   // Declared before the configuration so that it is destroyed after it: the
   // library adds entries to the property table, and their code lives in the
@@ -88,7 +88,7 @@ int main(int argc, char** argv) {
     return kExitConfig;
   }
   config.downloadOnly = downloadOnly;
-  std::string const problem = StartupCheck::run(config);
+  std::string const problem = checkHost(config);
   if (!problem.empty()) {
     std::fprintf(stderr, "tamrel-agent: %s: %s\n", configPath.c_str(), problem.c_str());
     return kExitConfig;
@@ -102,7 +102,6 @@ int main(int argc, char** argv) {
               plugin->client()->uuid().c_str());
 
   UpdateAgent agent(*plugin->client(), config);
-  agent.progress().captureStderr();
   SignalThread stopper(agent);
   if (!agent.connect()) {
     std::fprintf(stderr, "tamrel-agent: %s: the library refused the settings\n",

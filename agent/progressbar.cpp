@@ -1,8 +1,8 @@
 #include "agent/progressbar.h"
 
-#include <unistd.h>
-
 #include <cstdio>
+
+#include "agent/console.h"
 
 namespace {
 
@@ -18,65 +18,9 @@ std::string mebibytes(double bytes) {
   return text;
 }
 
-void writeAll(int fd, char const* data, std::size_t size) {
-  while (size > 0) {
-    ssize_t const n = write(fd, data, size);
-    if (n <= 0) return;
-    data += n;
-    size -= static_cast<std::size_t>(n);
-  }
-}
-
 }  // namespace
 
-ProgressBar::ProgressBar() : terminal_(isatty(STDOUT_FILENO) != 0) {}
-
-ProgressBar::~ProgressBar() {
-  if (!pump_.joinable()) return;
-  // Putting the terminal back on fd 2 closes the pipe's last writer, which
-  // ends the pump.
-  std::fflush(stderr);
-  dup2(realStderr_, STDERR_FILENO);
-  pump_.join();
-  close(pipeRead_);
-  close(realStderr_);
-}
-
-void ProgressBar::captureStderr() {
-  if (!terminal_ || pump_.joinable()) return;
-  int ends[2];
-  if (pipe(ends) != 0) return;
-  realStderr_ = dup(STDERR_FILENO);
-  if (realStderr_ < 0 || dup2(ends[1], STDERR_FILENO) < 0) {
-    close(ends[0]);
-    close(ends[1]);
-    if (realStderr_ >= 0) close(realStderr_);
-    return;
-  }
-  close(ends[1]);
-  pipeRead_ = ends[0];
-  setvbuf(stderr, nullptr, _IOLBF, 0);
-  pump_ = std::thread([this] { pump(); });
-}
-
-void ProgressBar::pump() {
-  std::string pending;
-  char buffer[4096];
-  for (;;) {
-    ssize_t const n = read(pipeRead_, buffer, sizeof buffer);
-    if (n <= 0) break;
-    pending.append(buffer, static_cast<std::size_t>(n));
-    std::size_t const end = pending.rfind('\n');
-    if (end == std::string::npos) continue;
-    std::lock_guard<std::mutex> guard(lock_);
-    if (live_) std::fputs("\r\033[K", stdout);
-    std::fflush(stdout);
-    writeAll(realStderr_, pending.data(), end + 1);
-    pending.erase(0, end + 1);
-    if (live_) draw();
-  }
-  if (!pending.empty()) writeAll(realStderr_, pending.data(), pending.size());
-}
+ProgressBar::ProgressBar() : terminal_(Console::terminal()) {}
 
 void ProgressBar::start(std::string const& name, std::uint64_t size, std::uint64_t already) {
   std::lock_guard<std::mutex> guard(lock_);
@@ -88,7 +32,7 @@ void ProgressBar::start(std::string const& name, std::uint64_t size, std::uint64
   started_ = drawn_ = std::chrono::steady_clock::now();
   live_ = true;
   if (terminal_) {
-    draw();
+    Console::live(bar());
   } else {
     std::printf("  %s: downloading %s%s\n", name_.c_str(), mebibytes(size).c_str(),
                 already > 0 ? (", resuming at " + mebibytes(already)).c_str() : "");
@@ -102,7 +46,7 @@ void ProgressBar::bytes(int count) {
   auto const now = std::chrono::steady_clock::now();
   if (terminal_ && now - drawn_ > std::chrono::milliseconds(100)) {
     drawn_ = now;
-    draw();
+    Console::live(bar());
   }
 }
 
@@ -119,18 +63,19 @@ void ProgressBar::percent(int value) {
   }
 }
 
-void ProgressBar::draw() {
+std::string ProgressBar::bar() const {
   double const seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - started_).count();
   double const rate = seconds > 0 ? static_cast<double>(done_ - resumedAt_) / seconds : 0;
   double const eta = rate > 0 && size_ > done_ ? static_cast<double>(size_ - done_) / rate : 0;
   int const width = 24;
   int const filled = percent_ >= 100 ? width : percent_ * width / 100;
-  std::printf("\r  %-16.16s [%s%s] %3d %% %10s %9s/s ETA %3.0fs\033[K", name_.c_str(),
-              std::string(static_cast<std::size_t>(filled), '#').c_str(),
-              std::string(static_cast<std::size_t>(width - filled), '.').c_str(), percent_,
-              mebibytes(static_cast<double>(done_)).c_str(), mebibytes(rate).c_str(), eta);
-  std::fflush(stdout);
+  char text[160];
+  std::snprintf(text, sizeof text, "  %-16.16s [%s%s] %3d %% %10s %9s/s ETA %3.0fs", name_.c_str(),
+                std::string(static_cast<std::size_t>(filled), '#').c_str(),
+                std::string(static_cast<std::size_t>(width - filled), '.').c_str(), percent_,
+                mebibytes(static_cast<double>(done_)).c_str(), mebibytes(rate).c_str(), eta);
+  return text;
 }
 
 void ProgressBar::finish(std::string const& outcome) {
@@ -138,8 +83,8 @@ void ProgressBar::finish(std::string const& outcome) {
   if (!live_) return;
   live_ = false;
   if (terminal_) {
-    draw();
-    std::printf("  %s\n", outcome.c_str());
+    Console::live(std::string());
+    std::printf("%s  %s\n", bar().c_str(), outcome.c_str());
   } else {
     std::printf("  %s: %s\n", name_.c_str(), outcome.c_str());
   }

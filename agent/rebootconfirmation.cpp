@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "agent/installer.h"
+#include "agent/command.h"
 
 RebootConfirmation::RebootConfirmation(libtamrelcore& client, AgentConfig const& config, Post post)
     : client_(client), config_(config), post_(std::move(post)), state_(config.stateDir) {}
@@ -30,7 +30,7 @@ bool RebootConfirmation::begin(hawkbit_query_t::deployment_t& deployment) {
     std::printf("deployment %s: no reboot-command configured; confirmed after the next start\n",
                 deployment.id.c_str());
   } else {
-    std::printf("reboot command: %s\n", Installer::run(config_.rebootCommand).describe().c_str());
+    std::printf("reboot command: %s\n", runCommand(config_.rebootCommand).describe().c_str());
   }
   return true;
 }

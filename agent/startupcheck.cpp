@@ -17,7 +17,7 @@ bool executable(std::string const& path) {
 
 }  // namespace
 
-std::string StartupCheck::program(std::string const& commandLine) {
+std::string commandProgram(std::string const& commandLine) {
   std::istringstream words(commandLine);
   std::string first;
   words >> first;
@@ -32,7 +32,11 @@ std::string StartupCheck::program(std::string const& commandLine) {
   return std::string();
 }
 
-std::string StartupCheck::directory(char const* key, std::string const& path) {
+namespace {
+
+// Creates `path` and its parents as needed; "" when it is a writable
+// directory, otherwise the reason.
+std::string directory(char const* key, std::string const& path) {
   for (std::size_t slash = path.find('/', 1);; slash = path.find('/', slash + 1)) {
     std::string const part = path.substr(0, slash);
     if (!part.empty() && mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) {
@@ -55,7 +59,9 @@ std::string StartupCheck::directory(char const* key, std::string const& path) {
   return std::string();
 }
 
-std::string StartupCheck::run(AgentConfig const& config) {
+}  // namespace
+
+std::string checkHost(AgentConfig const& config) {
   std::string problem = directory("download-dir", config.downloadDir);
   if (problem.empty() && !config.stateDir.empty())
     problem = directory("state-dir", config.stateDir);
@@ -77,7 +83,7 @@ std::string StartupCheck::run(AgentConfig const& config) {
                         {"reboot-command", config.rebootCommand},
                         {"confirm-command", config.confirmCommand}};
   for (auto const& entry : commands) {
-    if (!entry.command.empty() && program(entry.command).empty()) {
+    if (!entry.command.empty() && commandProgram(entry.command).empty()) {
       return std::string(entry.key) + ": no executable program for '" + entry.command + "'";
     }
   }

@@ -8,17 +8,11 @@
 // What a deployment will need of this host, checked before the first poll:
 // a local mistake ends the agent with a reason instead of failing an action
 // on the server. Creates missing directories.
-class StartupCheck {
- public:
-  // "" when the host is ready, otherwise the reason.
-  static std::string run(AgentConfig const& config);
+// "" when the host is ready, otherwise the reason.
+std::string checkHost(AgentConfig const& config);
 
-  // The program a command line starts: its first word, looked up in PATH
-  // when it has no slash; "" when there is no such executable file.
-  static std::string program(std::string const& commandLine);
-
- private:
-  static std::string directory(char const* key, std::string const& path);
-};
+// The program a command line starts: its first word, looked up in PATH when
+// it has no slash; "" when there is no such executable file.
+std::string commandProgram(std::string const& commandLine);
 
 #endif  // TAMREL_AGENT_STARTUPCHECK_H_

@@ -2,7 +2,7 @@
 
 #include "agent/console.h"
 #include "agent/exitcode.h"
-#include "agent/installer.h"
+#include "agent/command.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -346,7 +346,7 @@ void UpdateAgent::closeDownloaded(hawkbit_query_t::deployment_t const& deploymen
 
 UpdateAgent::Installed UpdateAgent::install(std::vector<std::string> const& files,
                                             std::vector<std::string>& details) {
-  Installer::Result const result = Installer::run(config_.installCommand, files, &stop_);
+  CommandResult const result = runCommand(config_.installCommand, files, &stop_);
   Installed const installed =
       result.exitCode == 0 ? Installed::kDone
       : config_.rebootExitCode >= 0 && result.exitCode == config_.rebootExitCode

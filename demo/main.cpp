@@ -9,6 +9,7 @@
 #include <string>
 
 #include "agent/agentconfig.h"
+#include "agent/console.h"
 #include "agent/pluginloader.h"
 #include "agent/signalthread.h"
 #include "agent/updateagent.h"
@@ -119,7 +120,7 @@ int main(int argc, char** argv) {
       return arg == "--help" || arg == "-h" ? 0 : 2;
     }
   }
-  setvbuf(stdout, nullptr, _IOLBF, 0);
+  Console console;
   // Declared before the configuration: the property table must go before
   // the plug-in whose code its entries use.
   PluginLoader plugin(pluginPath);
@@ -151,7 +152,6 @@ int main(int argc, char** argv) {
   bool ok = false;
   {
     UpdateAgent agent(*plugin.client(), config);
-    agent.progress().captureStderr();
     SignalThread stopper(agent);  // Ctrl-C stops the agent; the directory is removed
     std::printf("DDI test server on %s, downloads into %s\n\n", base.c_str(), dir);
     bool const connected = agent.connect();

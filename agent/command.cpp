@@ -1,4 +1,4 @@
-#include "agent/installer.h"
+#include "agent/command.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -11,14 +11,14 @@
 #include <cstdio>
 #include <deque>
 
-std::string Installer::Result::describe() const {
+std::string CommandResult::describe() const {
   if (!started) return "could not be started";
   return exitCode >= 0 ? "exit " + std::to_string(exitCode) : "killed by a signal";
 }
 
-Installer::Result Installer::run(std::string const& command, std::vector<std::string> const& args,
-                                 std::atomic<bool> const* stop) {
-  Result result;
+CommandResult runCommand(std::string const& command, std::vector<std::string> const& args,
+                         std::atomic<bool> const* stop) {
+  CommandResult result;
   std::vector<std::string> words = {"/bin/sh", "-c", command, "tamrel-install"};
   words.insert(words.end(), args.begin(), args.end());
   std::vector<char*> argv;
@@ -57,7 +57,7 @@ Installer::Result Installer::run(std::string const& command, std::vector<std::st
     if (stop == nullptr || !stop->load()) return;
     auto const now = std::chrono::steady_clock::now();
     if (sent == 0 ||
-        (sent == SIGTERM && now - signalledAt >= std::chrono::milliseconds(kKillAfterMs))) {
+        (sent == SIGTERM && now - signalledAt >= std::chrono::milliseconds(kCommandKillAfterMs))) {
       sent = sent == 0 ? SIGTERM : SIGKILL;
       signalledAt = now;
       kill(-child, sent);
@@ -78,8 +78,8 @@ Installer::Result Installer::run(std::string const& command, std::vector<std::st
       for (ssize_t i = 0; i < n; ++i) {
         if (buffer[i] == '\n') {
           tail.emplace_back();
-          if (tail.size() > kTailLines + 1) tail.pop_front();
-        } else if (tail.back().size() < kLineBytes) {
+          if (tail.size() > kCommandTailLines + 1) tail.pop_front();
+        } else if (tail.back().size() < kCommandLineBytes) {
           tail.back() += buffer[i] == '\r' || buffer[i] == '\t' ? ' ' : buffer[i];
         }
       }
@@ -101,7 +101,7 @@ Installer::Result Installer::run(std::string const& command, std::vector<std::st
   result.started = true;
   result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   if (tail.back().empty()) tail.pop_back();
-  while (tail.size() > kTailLines) tail.pop_front();
+  while (tail.size() > kCommandTailLines) tail.pop_front();
   result.stderrTail.assign(tail.begin(), tail.end());
   return result;
 }
