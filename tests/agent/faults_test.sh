@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # The agent against a hostile or broken server and a wrong configuration:
 # poll and feedback deadlines, slow and overlong downloads, memory bound,
-# tokens, a complete file kept across a restart, exit statuses, start-up
-# checks and the polling interval in loop mode.
+# a complete file kept across a restart, exit statuses, start-up checks and
+# the polling interval in loop mode.
 # usage: faults_test.sh BUILD_DIR   (KEEP=1 keeps the work directory)
 set -uo pipefail
 . "$(dirname "$0")/lib.sh"
@@ -116,22 +116,6 @@ once "$ok"
 expect "PUT refused" 0 10 "refused by the server: Injected status 410"
 check "PUT refused: server text not printed" bash -c "! grep -q exceptionClass '$(alog)'"
 
-# Tokens: one line ending is removed; a second line or a control character
-# is a configuration error.
-while IFS='|' read -r what content status; do
-  serve
-  sed -i '/^token = /d' "$conf"
-  printf "$content" > "$work/token$n"
-  once "$ok" "token-file = $work/token$n"
-  expect "$what" "$status" 10 ""
-done <<'EOF'
-token file with LF|t0k#1\n|0
-token file with CRLF|t0k#1\r\n|0
-token file with a second line|t0k#1\nX-Injected: 1\n|2
-token file with a tab|t0k\t#1|2
-EOF
-check "token file with a second line: says why" grep -q 'must hold one line' "$work/agent$((n - 1)).log"
-
 # A complete file left by an earlier run is verified and kept; a damaged
 # one of the same size is fetched again.
 for damaged in no yes; do
@@ -145,7 +129,8 @@ for damaged in no yes; do
     test "$fetched" -eq "$([ $damaged = yes ] && echo 1 || echo 0)"
 done
 
-# Start-up checks and configuration errors: status 2 with the reason.
+# Start-up checks: status 2 with the reason (the configuration file's own
+# errors are unit-tested).
 touch "$work/plain-file"
 while IFS='|' read -r what settings options pattern; do
   serve
@@ -155,10 +140,6 @@ done <<EOF
 no install command|download-retries=1||install-command is not set
 install command missing|install-command=/nonexistent/x||no executable program
 download dir under a file|install-command=true download-dir=/dev/null/x||cannot create /dev/null
-key given twice|install-command=true install-command=true||conf:[0-9]*: 'install-command' repeats the setting of line [0-9]
-address with a query|install-command=true address=http://h/?x=1||query or fragment
-token with a control character|install-command=true token=t$(printf '\001')k||control characters
-attribute over 128 characters|install-command=true attribute.a=$(printf %0129d 0)||limited to 128
 reboot code without its record|install-command=true reboot-exit-code=7||needs state-dir
 EOF
 serve

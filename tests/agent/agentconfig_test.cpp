@@ -1,0 +1,180 @@
+// The agent's configuration: what a file makes of the settings, each
+// refusal with its line, and the copies of the key table (docs, the shipped
+// example file, --help's exit statuses) checked against it.
+#include "agent/agentconfig.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <set>
+#include <sstream>
+
+#include "agent/exitcode.h"
+#include "tests/support/temp_dir.h"
+
+namespace {
+
+using tamrel::testing::TempDir;
+
+std::string const kServer =
+    "address = http://127.0.0.1:8080/\ntenant-id = DEFAULT\ncontroller-id = dev01\n"
+    "download-dir = /tmp/dl\n";
+
+std::string write(TempDir const& dir, std::string const& name, std::string const& text) {
+  std::string const path = dir.path() + "/" + name;
+  std::ofstream(path, std::ios::binary) << text;
+  return path;
+}
+
+std::string text(lookup& table, char const* key) {
+  value_container const& entry = *table[key];
+  if (entry.is_string()) return entry.string();
+  if (entry.is_link()) return entry.link().text + " (from " + entry.link().target + ")";
+  return "<not text>";
+}
+
+TEST(AgentConfig, DefaultsComeFromTheKeyTable) {
+  AgentConfig const config;
+  EXPECT_EQ(config.retries, 3);
+  EXPECT_EQ(config.timeoutSeconds, 60);
+  EXPECT_EQ(config.downloadMinRate, 1024);
+  EXPECT_EQ(config.pollTimeoutSeconds, 60);
+  EXPECT_EQ(config.feedbackTimeoutSeconds, 60);
+  EXPECT_EQ(config.maxDocumentMib, 64);
+  EXPECT_EQ(config.pollIntervalSeconds, 300);
+  EXPECT_EQ(config.maxPollIntervalSeconds, 86400);
+  EXPECT_EQ(config.rebootExitCode, -1);
+}
+
+TEST(AgentConfig, FileSettings) {
+  TempDir dir;
+  std::string const token = write(dir, "token", "s3cr#t\r\n");
+  AgentConfig config = AgentConfig::fromFile(
+      write(dir, "agent.conf",
+            "# comment\n" + kServer + "token-file = " + token +
+                "  # after a blank\ninstall-command = /bin/true \"$@\"\ndownload-retries = 0\n"
+                "download-timeout-s=7\nreboot-exit-code = 10\nstate-dir = /tmp/s\n"
+                "reboot-command = reboot\nconfirm-command = true\nattribute.hw = a#b\n"));
+  lookup& table = *config.properties;
+  EXPECT_EQ(text(table, "address"), "http://127.0.0.1:8080");  // trailing '/' removed
+  EXPECT_EQ(text(table, "token-file"), "s3cr#t (from " + token + ")");
+  EXPECT_EQ(config.installCommand, "/bin/true \"$@\"");
+  EXPECT_EQ(config.retries, 0);
+  EXPECT_EQ(config.timeoutSeconds, 7);
+  EXPECT_EQ(config.rebootExitCode, 10);
+  EXPECT_EQ(config.stateDir, "/tmp/s");
+  // The library's table carries the download settings the file names.
+  EXPECT_EQ(table["download-retries"]->integer(), 0);
+  EXPECT_EQ(table["download-timeout-s"]->integer(), 7);
+  ASSERT_EQ(config.attributes.size(), 1u);
+  EXPECT_EQ(config.attributes[0].key, "hw");
+  EXPECT_EQ(config.attributes[0].value, "a#b");
+}
+
+TEST(AgentConfig, RefusalsNameTheLine) {
+  TempDir dir;
+  std::string const twoLines = write(dir, "two", "one\ntwo\n");
+  struct Case {
+    std::string lines, message;
+  } const cases[] = {
+      {"token = t\ntoken = u\n", ":6: 'token' repeats the setting of line 5"},
+      {"token = t\ntoken-file = " + twoLines + "\n", "repeats the setting of line 5"},
+      {"token-file = " + twoLines + "\n", "must hold one line without control characters"},
+      {"token-file = /nonexistent\n", "cannot read '/nonexistent' for token-file"},
+      {"token = t\nbogus = 1\n", ":6: unknown key 'bogus'"},
+      {"token = t\ndownload-retries = 101\n", "download-retries must be a whole number from 0"},
+      {"token = t\npoll-timeout-s = 0\n", "poll-timeout-s must be a whole number from 1"},
+      {"token = t\nmax-document-mib = 1e3\n", "max-document-mib must be a whole number"},
+      {"token = t\nreboot-exit-code = -1\n", "reboot-exit-code must be a whole number from 1"},
+      {"token = t\nattribute.x = " + std::string(129, 'v') + "\n", "limited to 128 characters"},
+      {"token = t\njust words\n", "expected 'key = value'"},
+      {"token = t\n= 1\n", "missing key before '='"},
+      {"token = t\x01\n", "token must not contain control characters"},
+      {"", "neither token nor token-file is set"},
+  };
+  for (Case const& c : cases) {
+    std::string const path = write(dir, "agent.conf", kServer + c.lines);
+    try {
+      AgentConfig::fromFile(path);
+      ADD_FAILURE() << "accepted: " << c.lines;
+    } catch (ConfigError const& error) {
+      EXPECT_NE(std::string(error.what()).find(c.message), std::string::npos)
+          << c.lines << " gave: " << error.what();
+    }
+  }
+  for (char const* address : {"ftp://h", "http://h/?x=1", "http://h/#top"}) {
+    std::string text = kServer + "token = t\n";
+    text.replace(10, 22, address);
+    EXPECT_THROW(AgentConfig::fromFile(write(dir, "agent.conf", text)), ConfigError) << address;
+  }
+}
+
+// The rows of the table under `heading` in a Markdown file: first cell ->
+// second cell, with the backticks of the first removed.
+std::map<std::string, std::string> tableRows(std::string const& path, std::string const& heading) {
+  std::ifstream in(path);
+  std::map<std::string, std::string> rows;
+  bool inside = false;
+  std::regex const row(R"(^\|\s*`?([^`|]+?)`?\s*\|\s*([^|]*?)\s*\|)");
+  for (std::string line; std::getline(in, line);) {
+    if (line.rfind("## ", 0) == 0) inside = line == heading;
+    std::smatch match;
+    if (inside && std::regex_search(line, match, row) && match[1] != "key" &&
+        match[1].str().find("---") == std::string::npos && match[1] != "status") {
+      rows[match[1]] = match[2];
+    }
+  }
+  return rows;
+}
+
+TEST(AgentConfig, DocsAndExampleFileMatchTheKeyTable) {
+  std::string const source = TAMREL_SOURCE_DIR;
+  auto rows = tableRows(source + "/docs/agent.md", "## Configuration");
+  std::ifstream example(source + "/packaging/agent.conf");
+  std::set<std::string> shipped;
+  std::regex const setting(R"(^#?\s*([a-z][a-zA-Z0-9.-]*)\s*=)");
+  for (std::string line; std::getline(example, line);) {
+    std::smatch match;
+    if (std::regex_search(line, match, setting)) shipped.insert(match[1]);
+  }
+  for (AgentConfig::Key const& key : AgentConfig::keys()) {
+    std::string const expected = key.required ? "required" : key.defaultValue;
+    auto const row = rows.find(key.name);
+    if (row == rows.end()) {
+      ADD_FAILURE() << key.name << " is not in docs/agent.md";
+      continue;
+    }
+    EXPECT_EQ(row->second, expected) << "default of " << key.name << " in docs/agent.md";
+    rows.erase(row);
+    std::string const name =
+        key.kind == AgentConfig::Key::Kind::kAttribute ? "attribute." : key.name;
+    bool const found = std::any_of(shipped.begin(), shipped.end(),
+                                   [&](std::string const& s) { return s.rfind(name, 0) == 0; });
+    EXPECT_TRUE(found) << key.name << " is not in packaging/agent.conf";
+  }
+  rows.erase("KEY-file");
+  for (auto const& unknown : rows)
+    ADD_FAILURE() << "docs/agent.md lists unknown key " << unknown.first;
+  for (std::string const& name : shipped) {
+    bool const known =
+        name.rfind("attribute.", 0) == 0 ||
+        std::any_of(AgentConfig::keys().begin(), AgentConfig::keys().end(),
+                    [&](AgentConfig::Key const& key) {
+                      return name == key.name || name == std::string(key.name) + "-file";
+                    });
+    EXPECT_TRUE(known) << "packaging/agent.conf names unknown key " << name;
+  }
+
+  auto codes = tableRows(source + "/docs/agent.md", "## Exit codes");
+  for (ExitCodeText const& entry : kExitCodeTexts) {
+    EXPECT_EQ(codes.erase(std::to_string(entry.code)), 1u)
+        << "exit code " << entry.code << " undocumented";
+  }
+  for (auto const& unknown : codes)
+    ADD_FAILURE() << "docs/agent.md lists unknown exit code " << unknown.first;
+}
+
+}  // namespace

@@ -1,0 +1,93 @@
+// The pending-install record: what a crash at any point of a save leaves
+// behind reads as the old record or the new one, never as a mix, and the
+// confirm command runs once.
+#include "agent/installstate.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/support/temp_dir.h"
+
+namespace {
+
+using tamrel::testing::readFile;
+using tamrel::testing::TempDir;
+using tamrel::testing::writeFile;
+
+InstallState::Pending record(std::string const& id, std::string const& result) {
+  InstallState::Pending pending;
+  pending.actionId = id;
+  pending.chunks = {"rootfs", "app"};
+  pending.result = result;
+  if (!result.empty()) pending.details = {"confirm command: exit 0", "line\nwith break"};
+  return pending;
+}
+
+std::string shown(InstallState::Pending const& p) {
+  std::string text = p.actionId + "|" + p.result;
+  for (auto const& c : p.chunks) text += "|c:" + c;
+  for (auto const& d : p.details) text += "|d:" + d;
+  return text;
+}
+
+TEST(InstallState, EveryCrashPointOfASaveLeavesOldOrNew) {
+  TempDir dir;
+  InstallState const state(dir.path());
+  std::string error;
+  InstallState::Pending const before = record("7", ""), after = record("7", "success");
+  // The bytes a save of `after` writes, taken from a save elsewhere.
+  TempDir other;
+  ASSERT_TRUE(InstallState(other.path()).save(after, error)) << error;
+  std::string const bytes = readFile(other.path() + "/pending");
+
+  // Killed while the temporary file is written (nothing, a part, all but its
+  // end), or after it was complete but before the rename: the old record
+  // stands.
+  for (std::size_t length : {std::size_t(0), std::size_t(1), bytes.size() / 2, bytes.size() - 4,
+                             bytes.size() - 1, bytes.size()}) {
+    ASSERT_TRUE(state.save(before, error)) << error;
+    writeFile(dir.path() + "/pending.new", bytes.substr(0, length));
+    InstallState::Pending loaded;
+    ASSERT_TRUE(state.load(loaded, error)) << length << ": " << error;
+    EXPECT_EQ(shown(loaded), shown(before)) << length;
+  }
+  // The next save goes through whatever was left, and its record is read back.
+  ASSERT_TRUE(state.save(after, error)) << error;
+  InstallState::Pending loaded;
+  ASSERT_TRUE(state.load(loaded, error));
+  EXPECT_EQ(shown(loaded), "7|success|c:rootfs|c:app|d:confirm command: exit 0|d:line with break");
+
+  // A record cut short (a file system that lost its end) is not taken.
+  for (std::size_t length : {std::size_t(0), std::size_t(8), bytes.size() - 4}) {
+    writeFile(dir.path() + "/pending", bytes.substr(0, length));
+    error.clear();
+    EXPECT_FALSE(state.load(loaded, error)) << length;
+    EXPECT_NE(error.find("is incomplete"), std::string::npos) << length;
+  }
+  ASSERT_TRUE(state.clear(error));
+  error.clear();
+  EXPECT_FALSE(state.load(loaded, error));
+  EXPECT_EQ(error, "");  // no record is no error
+}
+
+TEST(InstallState, ConfirmRunsTheCommandOnce) {
+  TempDir dir;
+  InstallState const state(dir.path());
+  std::string error;
+  ASSERT_TRUE(state.save(record("9", ""), error));
+  std::string const counter = dir.path() + "/runs";
+  std::string const command = "echo run >> " + counter + "; echo said no >&2; exit 3";
+  for (int attempt = 0; attempt < 2; ++attempt) {  // the second: after a crash before reporting
+    InstallState::Pending pending;
+    ASSERT_TRUE(state.confirm(command, pending, error)) << error;
+    EXPECT_EQ(pending.result, "failure");
+    EXPECT_EQ(shown(pending),
+              "9|failure|c:rootfs|c:app|d:confirm command: exit 3|d:confirm: said no");
+  }
+  EXPECT_EQ(readFile(counter), "run\n");
+  auto const feedback = InstallState::closingFeedback(record("9", "success"));
+  EXPECT_EQ(feedback.finished, finished_t::success);
+  EXPECT_EQ(feedback.chunks.size(), 2u);
+  EXPECT_TRUE(feedback.chunks[1].completed);
+}
+
+}  // namespace
