@@ -16,8 +16,8 @@ check() {  # description, command...
   local what=$1; shift
   if "$@"; then echo "ok: $what"; else echo "FAILED: $what"; fail=1; fi
 }
-wait_for() {  # pattern, file: up to 10 s
-  for _ in $(seq 100); do grep -q -- "$1" "$2" 2>/dev/null && return 0; sleep 0.1; done
+wait_for() {  # pattern, file; the cap (120 s) only bounds a failing run
+  for _ in $(seq 1200); do grep -q -- "$1" "$2" 2>/dev/null && return 0; sleep 0.1; done
   return 1
 }
 
