@@ -30,8 +30,9 @@ function(tamrel_man_page target description)
   if(CMAKE_CROSSCOMPILING)
     list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " emulator)
     set(program ${CMAKE_BINARY_DIR}/man/run/${target})
-    file(GENERATE OUTPUT ${program} FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE
-      CONTENT "#!/bin/sh\nexec ${emulator} '$<TARGET_FILE:${target}>' \"$@\"\n")
+    file(GENERATE OUTPUT ${program}
+      CONTENT "#!/bin/sh\nexec ${emulator} '$<TARGET_FILE:${target}>' \"$@\"\n"
+      FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE)
   endif()
   # The version is the project's: not every program answers --version.
   add_custom_command(OUTPUT ${page}
