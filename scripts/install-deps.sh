@@ -6,7 +6,7 @@ set -euo pipefail
 
 packages=(cmake ninja-build g++ pkg-config make
           libcurl4-openssl-dev libcjson-dev libssl-dev
-          libgtest-dev libgmock-dev libcpp-httplib-dev python3)
+          libgtest-dev libgmock-dev libcpp-httplib-dev python3 help2man)
 # Extra groups, selected by arguments: fuzz (clang + libFuzzer runtime),
 # valgrind, peer (SWUpdate for scripts/peer-test.sh).
 for extra in "$@"; do
