@@ -147,6 +147,25 @@ TEST_F(Artifacts, DigestDecides) {
   EXPECT_EQ(client.downloadArtifact("x", artifact), download_ok);
 }
 
+// Someone truncates the file while it is being written: the next chunk is a
+// short write, and the download fails instead of ending with a corrupt file.
+TEST_F(Artifacts, FileTruncatedMidDownloadFails) {
+  bool truncated = false;
+  client.downloadBytes.connect([&](int) {
+    if (!truncated && std::filesystem::file_size(path()) > 0) {
+      std::filesystem::resize_file(path(), 0);
+      truncated = true;
+    }
+  });
+  SignalLog log(client);
+  CaptureStderr capture;
+  EXPECT_EQ(client.downloadArtifact("x", artifact), download_failed);
+  EXPECT_TRUE(truncated);
+  EXPECT_EQ(log.events.back(), "finished x fw.bin 3 200");
+  EXPECT_NE(capture.text().find("[E] libtamrelcore -> Unable to write "), std::string::npos);
+  EXPECT_NE(capture.text().find("Failed to download: fw.bin ([23] "), std::string::npos);
+}
+
 TEST_F(Artifacts, VerificationChecksLengthBeforeHashing) {
   putOnDisk(content);
   unsigned int hashed = 0;

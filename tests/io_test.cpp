@@ -100,6 +100,31 @@ TEST(FileIo, FailuresCountPositionDifferences) {
             "[E] libtamrelcore -> Unable to write 10 bytes to file (wrote 0)\n");
 }
 
+// A file truncated or appended to by someone else between two writes: the
+// second write's count is the stream's advance, not its length, so the chunk
+// is refused and the hasher never sees it.
+TEST_F(FileSink, OutsideChangesBetweenWritesAreShortWrites) {
+  std::pair<std::function<void(std::string const&)>, unsigned int> const rows[] = {
+      {[](std::string const& name) { std::filesystem::resize_file(name, 0); }, 1000},
+      {[](std::string const& name) { std::ofstream(name, std::ios::app) << patterned(500); }, 3500},
+  };
+  std::string const data = patterned(3000);
+  for (auto const& [change, counted] : rows) {
+    std::string const name = file("changed", "");
+    fileio io(name);
+    auto recorder = std::make_unique<RecordingHash>();
+    RecordingHash* seen = recorder.get();
+    io.setHash(std::move(recorder));
+    EXPECT_EQ(io.write(data.data(), 2000), 2000u);  // past the stream's buffer, on disk
+    change(name);
+    CaptureStderr capture;
+    EXPECT_EQ(io.write(data.data(), 3000), counted);
+    EXPECT_EQ(capture.text(), "[E] libtamrelcore -> Unable to write 3000 bytes to file (wrote " +
+                                  std::to_string(counted) + ")\n");
+    EXPECT_EQ(seen->bytes, data.substr(0, 2000));
+  }
+}
+
 TEST_F(FileSink, FileShrinkingWhileRehashedCountsThePositionDifference) {
   std::string const name = file("shrinks", patterned(100000));
   fileio io(name);
