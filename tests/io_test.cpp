@@ -59,9 +59,16 @@ TEST(Hash, KnownAnswersComparedExactly) {
   }
   EXPECT_TRUE(sha1.matches());
   EXPECT_TRUE(md5.matches());
+  // Finished once: asking again gives the same text.
+  EXPECT_EQ(sha1.hash(), "2fd4e1c67a2d28fced849ee1bb76e7391b93eb12");
+  EXPECT_EQ(md5.hash(), "9e107d9d372bb6826bd81d3542a419d6");
   EXPECT_EQ(sha1sum().hash(), "da39a3ee5e6b4b0d3255bfef95601890afd80709");  // of no input
-  CaptureStderr quiet;  // the comparison is exact: upper case never matches
+  CaptureStderr capture;  // the comparison is exact: upper case never matches
   EXPECT_FALSE(sha1sum("DA39A3EE5E6B4B0D3255BFEF95601890AFD80709").matches());
+  EXPECT_EQ(capture.text(),
+            "[W] libtamrelcore -> Checksum does not match. Expected "
+            "\"DA39A3EE5E6B4B0D3255BFEF95601890AFD80709\" but got "
+            "\"da39a3ee5e6b4b0d3255bfef95601890afd80709\"\n");
 }
 
 TEST_F(FileSink, FileRehashesExistingContentInBlocks) {
