@@ -164,6 +164,9 @@ TEST_F(Conversation, ServerAnswersAndRefusals) {
   deployment.finished = finished_t::success;
   deployment.execution = execution_t::uninitialized;
   EXPECT_FALSE(client.sendUpdateFeedback(deployment));
+  deployment.execution = execution_t::closed;
+  deployment.chunks.clear();  // nothing to report, silently
+  EXPECT_FALSE(client.sendUpdateFeedback(deployment));
   EXPECT_FALSE(client.sendConfigData({}));  // no poll has named a configData link yet
   EXPECT_FALSE(client.sendCancelActionFeedback("", "1", "closed", "success", ""));
   EXPECT_EQ(capture.text(),
@@ -240,6 +243,9 @@ TEST(Binding, SettingPairs) {
     auto const table = settings(row.entries);
     CaptureStderr capture;
     EXPECT_EQ(client.connectProperties(table), row.bound) << row.log;
+    std::string names;  // the names asked for are added when missing
+    for (auto const& entry : table->entries) names += " " + entry.first;
+    EXPECT_NE(names.find(" download-retries download-timeout-s"), std::string::npos) << names;
     EXPECT_EQ(transport.targetToken, row.token);
     EXPECT_EQ(row.bound ? client.buildQueryUrl() : "", row.url);
     EXPECT_EQ(capture.text(), row.log);
