@@ -18,7 +18,8 @@ std::shared_ptr<curlbuffer> jsonBuffer() {
 }  // namespace
 
 hawkbit_query_t query_online_status(CurlManager& transport, std::weak_ptr<lookup> const& properties,
-                                    std::unordered_map<std::string, std::string>& links) {
+                                    std::unordered_map<std::string, std::string>& links,
+                                    deployment_reader const& readDeployment) {
   hawkbit_query_t result;
   logLine("[I] libtamrelcore -> Querying server status\n");
   std::string const url = build_query_url(properties);
@@ -55,7 +56,8 @@ hawkbit_query_t query_online_status(CurlManager& transport, std::weak_ptr<lookup
     if (buffer->result == 0) {
       std::string const text = buffer->sink->data();
       if (!text.empty()) {
-        parse_deployment_base(text, result.deployment);
+        // The reader's result is not used: what it filled in is the answer.
+        readDeployment(text, result.deployment);
         result.deployment.json = text;
       }
     }

@@ -31,25 +31,20 @@ fileio::fileio(std::string const& name) : streamBuffer_(new char[kStreamBuffer])
 
 unsigned int fileio::write(char const* data, unsigned int length) {
   if (!file.is_open()) return 0;
-  // Appending writes land at the end anyway, but the stream only reports the
-  // end as its position once it has been moved there.
-  if (putPos_ < 0) {
-    file.seekp(0, std::ios_base::end);
-    putPos_ = static_cast<long long>(file.tellp());
-    getPos_ = -1;
-  }
-  // The count is the stream's advance. The position is kept here rather than
-  // asked of the stream around every chunk (a system call each). A failed
-  // stream reports -1 as its position, so a write failing at P counts -1-P,
-  // one on a stream that had already failed counts 0.
-  long long const before = file ? putPos_ : -1;
-  if (file.write(data, static_cast<std::streamsize>(length))) {
-    putPos_ += length;
+  getPos_ = -1;
+  // The count is the stream's advance, asked of the stream around the write.
+  // Appending writes go to the end of the file as it is now, so a file
+  // truncated or written by someone else meanwhile gives a different count
+  // and the chunk is refused. A failed stream reports -1 as its position, so
+  // a write failing at P counts -1-P, one on a stream that had already
+  // failed counts 0.
+  long long const before = static_cast<long long>(file.tellp());
+  file.write(data, static_cast<std::streamsize>(length));
+  long long const written = static_cast<long long>(file.tellp()) - before;
+  if (written == static_cast<long long>(length)) {
     if (hasher) hasher->write(data, length);
     return length;
   }
-  long long const written = -1 - before;
-  putPos_ = -1;
   logLine("[E] libtamrelcore -> Unable to write %u bytes to file (wrote %i)\n", length,
           static_cast<int>(written));
   return written > 0 ? static_cast<unsigned int>(written) : 0;
@@ -68,7 +63,7 @@ std::string fileio::data() const {
 }
 
 unsigned int fileio::size() const {
-  putPos_ = getPos_ = -1;
+  getPos_ = -1;
   std::streampos const here = file.tellg();
   file.seekg(0, std::ios_base::end);
   std::streampos const end = file.tellg();
@@ -79,10 +74,10 @@ unsigned int fileio::size() const {
 
 long long fileio::readChunk(char* buffer, long long n) {
   if (n < 0) return 0;
-  putPos_ = -1;
   if (getPos_ < 0) getPos_ = static_cast<long long>(file.tellg());
-  // As for write: the stream's advance, and a read cut short by the end of
-  // the file leaves the stream failed, so it counts -1-P.
+  // The stream's advance; while reading block after block the position is
+  // kept here rather than asked of the stream each time. A read cut short by
+  // the end of the file leaves the stream failed, so it counts -1-P.
   long long const before = file ? getPos_ : -1;
   if (file.read(buffer, static_cast<std::streamsize>(n))) {
     getPos_ += n;
@@ -112,7 +107,7 @@ void fileio::reset() {
   file.clear();
   file.rdbuf()->pubsetbuf(streamBuffer_.get(), kStreamBuffer);
   file.open(path, kTruncateMode);
-  putPos_ = getPos_ = -1;
+  getPos_ = -1;
 }
 
 void fileio::setHash(std::unique_ptr<hashbase>&& hash) {
@@ -127,7 +122,7 @@ void fileio::rehash() {
     logLine("[E] libtamrelcore -> Unable to rehash data - no hasher available\n");
     return;
   }
-  putPos_ = getPos_ = -1;
+  getPos_ = -1;
   file.seekg(0, std::ios_base::end);
   long long const total = static_cast<long long>(file.tellg());
   file.seekg(0, std::ios_base::beg);

@@ -42,8 +42,7 @@ class fileio : public iobase {
   std::unique_ptr<char[]> streamBuffer_;  // outlives `file`, which uses it
   mutable std::fstream file;
   std::string path;
-  mutable long long putPos_ = -1;  // the put position (at the end); -1: not known
-  mutable long long getPos_ = -1;  // the get position; -1: not known
+  mutable long long getPos_ = -1;  // the get position while reading; -1: not known
 };
 
 #endif  // TAMREL_IO_FILEIO_H_

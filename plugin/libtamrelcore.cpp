@@ -52,7 +52,10 @@ bool libtamrelcore::connectProperties(std::shared_ptr<lookup> const& table) {
 void libtamrelcore::cancelTransfer() { transport->cancelTransfer(); }
 
 hawkbit_query_t libtamrelcore::queryOnlineStatus() {
-  return query_online_status(*transport, properties, links);
+  return query_online_status(*transport, properties, links,
+                             [this](std::string const& json, hawkbit_query_t::deployment_t& d) {
+                               return parseDeploymentBase(json, d);
+                             });
 }
 
 download_errors_t libtamrelcore::downloadArtifact(

@@ -37,8 +37,10 @@ class libtamrelcore {
   // (binding unchanged) or when neither token setting exists.
   virtual bool connectProperties(std::shared_ptr<lookup> const& table);
   // Polls the controller base resource and follows its deploymentBase and
-  // cancelAction links. A default record when nothing could be read. A
-  // malformed polling interval raises std::invalid_argument/out_of_range.
+  // cancelAction links. The deploymentBase is read through parseDeploymentBase
+  // (an override is used); its text is kept in `json` afterwards. A default
+  // record when nothing could be read. A malformed polling interval raises
+  // std::invalid_argument/out_of_range.
   virtual hawkbit_query_t queryOnlineStatus();
   // Downloads one artifact into its file, resuming a partial one, checking
   // its digest. `label` is echoed as the first argument of every signal.

@@ -101,6 +101,11 @@ TEST_F(Artifacts, WholeDownloadReportsEverySignal) {
               log.percents.front() > 0);
   EXPECT_TRUE(client.verifyArtifact(artifact));
 
+  putOnDisk(content.substr(0, 500));  // resuming from under one percent: no 0 % either
+  log.events.clear();
+  EXPECT_EQ(client.downloadArtifact("chunk-1", artifact), download_ok);
+  EXPECT_EQ(log.events.at(0) + "|" + log.events.at(1), "bytes 500|started chunk-1 fw.bin");
+
   artifact.size = 0;  // an empty artifact has no percentages
   artifact.hashes = {{"sha1", digest<sha1sum>("")}};
   artifact.links["download-http"] = server.addArtifact("/artifacts/empty.bin", "");
@@ -145,28 +150,59 @@ TEST_F(Artifacts, DigestDecides) {
   artifact.hashes = {{"md5", digest<md5sum>(content)}};
   putOnDisk("");
   EXPECT_EQ(client.downloadArtifact("x", artifact), download_ok);
+
+  Fault cut;  // a body cut short by the server is judged by its digest too
+  cut.dropAfterBytes = 50000;
+  server.setFault("/artifacts/fw.bin", cut);
+  putOnDisk("");
+  EXPECT_EQ(client.downloadArtifact("x", artifact), download_hash_error);
+}
+
+// Someone truncates the file while it is being written: the next chunk is a
+// short write, and the download fails instead of ending with a corrupt file.
+TEST_F(Artifacts, FileTruncatedMidDownloadFails) {
+  bool truncated = false;
+  client.downloadBytes.connect([&](int) {
+    if (!truncated && std::filesystem::file_size(path()) > 0) {
+      std::filesystem::resize_file(path(), 0);
+      truncated = true;
+    }
+  });
+  SignalLog log(client);
+  CaptureStderr capture;
+  EXPECT_EQ(client.downloadArtifact("x", artifact), download_failed);
+  EXPECT_TRUE(truncated);
+  EXPECT_EQ(log.events.back(), "finished x fw.bin 3 200");
+  EXPECT_NE(capture.text().find("[E] libtamrelcore -> Unable to write "), std::string::npos);
+  EXPECT_NE(capture.text().find("Failed to download: fw.bin ([23] "), std::string::npos);
 }
 
 TEST_F(Artifacts, VerificationChecksLengthBeforeHashing) {
   putOnDisk(content);
-  unsigned int hashed = 0;
-  client.verifyBytes.connect([&](unsigned int n) { hashed += n; });
+  std::vector<unsigned int> blocks;
+  client.verifyBytes.connect([&](unsigned int n) { blocks.push_back(n); });
   CaptureStderr capture;
-  artifact_t shorter = artifact;  // the file is longer than announced
-  shorter.size -= 1;
-  EXPECT_FALSE(client.verifyArtifact(shorter));
-  EXPECT_EQ(hashed, 0u);
+  for (std::uint64_t listed : {content.size() - 1, content.size() + 1}) {  // longer, shorter file
+    artifact_t other = artifact;
+    other.size = listed;
+    EXPECT_FALSE(client.verifyArtifact(other)) << listed;
+  }
+  EXPECT_TRUE(blocks.empty());
 
   std::vector<unsigned int> percents;
   client.verifyProgress.connect([&](std::string, unsigned int p) { percents.push_back(p); });
   artifact.hashes.erase("sha1");
   EXPECT_TRUE(client.verifyArtifact(artifact));  // MD5 alone
-  EXPECT_EQ(hashed, 100000u);
+  std::vector<unsigned int> expected(24, 4096);
+  expected.push_back(100000 - 24 * 4096);
+  EXPECT_EQ(blocks, expected);
   EXPECT_EQ(percents.back(), 100u);
   EXPECT_TRUE(std::is_sorted(percents.begin(), percents.end(), std::less_equal<unsigned int>()));
   EXPECT_EQ(capture.text(),
             "[E] libtamrelcore -> Downloaded artifact \"fw.bin\" does not match expected size. "
-            "Expected 99999 bytes, got 100000 bytes\n");
+            "Expected 99999 bytes, got 100000 bytes\n"
+            "[E] libtamrelcore -> Downloaded artifact \"fw.bin\" does not match expected size. "
+            "Expected 100001 bytes, got 100000 bytes\n");
 }
 
 // Another thread cancels once the first bytes are stored, and the download

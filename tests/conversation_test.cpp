@@ -27,6 +27,21 @@ std::string sent(RecordedRequest const& request) {
          std::regex_replace(request.body, time, R"("time":"T")");
 }
 
+// A host's client with its own reading of deploymentBase documents: it counts
+// them and changes the kept text, which the poll must set back.
+class OwnReadingClient : public libtamrelcore {
+ public:
+  using libtamrelcore::libtamrelcore;
+  bool parseDeploymentBase(std::string const& json,
+                           hawkbit_query_t::deployment_t& deployment) const override {
+    ++reads;
+    bool const parsed = libtamrelcore::parseDeploymentBase(json, deployment);
+    deployment.json = "changed by the host";
+    return parsed;
+  }
+  mutable int reads = 0;
+};
+
 class Conversation : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_TRUE(client.connectProperties(table)); }
@@ -63,7 +78,7 @@ class Conversation : public ::testing::Test {
 
   DdiTestServer server;
   CurlManager transport;
-  libtamrelcore client{&transport};
+  OwnReadingClient client{&transport};
   std::shared_ptr<lookup> table = serverSettings(server.baseUrl());
 };
 
@@ -73,6 +88,7 @@ TEST_F(Conversation, FullPollFollowsLinksInOrder) {
   EXPECT_EQ(result.config.sleep, 300);
   EXPECT_EQ(result.config_data.url, base() + "/configData");
   EXPECT_EQ(result.deployment.id, "17");
+  EXPECT_EQ(client.reads, 1);  // through the client's own reader, its text set back
   EXPECT_EQ(result.deployment.json, deploymentDocument());
   EXPECT_EQ(result.cancel_action.id, "18");
   EXPECT_TRUE(is_valid(result.cancel_action) && is_valid(result.deployment));
@@ -147,6 +163,9 @@ TEST_F(Conversation, ServerAnswersAndRefusals) {
   EXPECT_FALSE(client.sendUpdateFeedback(deployment));
   deployment.finished = finished_t::success;
   deployment.execution = execution_t::uninitialized;
+  EXPECT_FALSE(client.sendUpdateFeedback(deployment));
+  deployment.execution = execution_t::closed;
+  deployment.chunks.clear();  // nothing to report, silently
   EXPECT_FALSE(client.sendUpdateFeedback(deployment));
   EXPECT_FALSE(client.sendConfigData({}));  // no poll has named a configData link yet
   EXPECT_FALSE(client.sendCancelActionFeedback("", "1", "closed", "success", ""));
@@ -224,6 +243,9 @@ TEST(Binding, SettingPairs) {
     auto const table = settings(row.entries);
     CaptureStderr capture;
     EXPECT_EQ(client.connectProperties(table), row.bound) << row.log;
+    std::string names;  // the names asked for are added when missing
+    for (auto const& entry : table->entries) names += " " + entry.first;
+    EXPECT_NE(names.find(" download-retries download-timeout-s"), std::string::npos) << names;
     EXPECT_EQ(transport.targetToken, row.token);
     EXPECT_EQ(row.bound ? client.buildQueryUrl() : "", row.url);
     EXPECT_EQ(capture.text(), row.log);

@@ -59,9 +59,16 @@ TEST(Hash, KnownAnswersComparedExactly) {
   }
   EXPECT_TRUE(sha1.matches());
   EXPECT_TRUE(md5.matches());
+  // Finished once: asking again gives the same text.
+  EXPECT_EQ(sha1.hash(), "2fd4e1c67a2d28fced849ee1bb76e7391b93eb12");
+  EXPECT_EQ(md5.hash(), "9e107d9d372bb6826bd81d3542a419d6");
   EXPECT_EQ(sha1sum().hash(), "da39a3ee5e6b4b0d3255bfef95601890afd80709");  // of no input
-  CaptureStderr quiet;  // the comparison is exact: upper case never matches
+  CaptureStderr capture;  // the comparison is exact: upper case never matches
   EXPECT_FALSE(sha1sum("DA39A3EE5E6B4B0D3255BFEF95601890AFD80709").matches());
+  EXPECT_EQ(capture.text(),
+            "[W] libtamrelcore -> Checksum does not match. Expected "
+            "\"DA39A3EE5E6B4B0D3255BFEF95601890AFD80709\" but got "
+            "\"da39a3ee5e6b4b0d3255bfef95601890afd80709\"\n");
 }
 
 TEST_F(FileSink, FileRehashesExistingContentInBlocks) {
@@ -98,6 +105,31 @@ TEST(FileIo, FailuresCountPositionDifferences) {
   EXPECT_EQ(capture.text(),
             "[E] libtamrelcore -> Unable to write 2000 bytes to file (wrote -101)\n"
             "[E] libtamrelcore -> Unable to write 10 bytes to file (wrote 0)\n");
+}
+
+// A file truncated or appended to by someone else between two writes: the
+// second write's count is the stream's advance, not its length, so the chunk
+// is refused and the hasher never sees it.
+TEST_F(FileSink, OutsideChangesBetweenWritesAreShortWrites) {
+  std::pair<std::function<void(std::string const&)>, unsigned int> const rows[] = {
+      {[](std::string const& name) { std::filesystem::resize_file(name, 0); }, 1000},
+      {[](std::string const& name) { std::ofstream(name, std::ios::app) << patterned(500); }, 3500},
+  };
+  std::string const data = patterned(3000);
+  for (auto const& [change, counted] : rows) {
+    std::string const name = file("changed", "");
+    fileio io(name);
+    auto recorder = std::make_unique<RecordingHash>();
+    RecordingHash* seen = recorder.get();
+    io.setHash(std::move(recorder));
+    EXPECT_EQ(io.write(data.data(), 2000), 2000u);  // past the stream's buffer, on disk
+    change(name);
+    CaptureStderr capture;
+    EXPECT_EQ(io.write(data.data(), 3000), counted);
+    EXPECT_EQ(capture.text(), "[E] libtamrelcore -> Unable to write 3000 bytes to file (wrote " +
+                                  std::to_string(counted) + ")\n");
+    EXPECT_EQ(seen->bytes, data.substr(0, 2000));
+  }
 }
 
 TEST_F(FileSink, FileShrinkingWhileRehashedCountsThePositionDifference) {

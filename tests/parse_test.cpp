@@ -33,6 +33,8 @@ std::string interval(std::string const& sleep) {
 
 TEST(ParseStatus, Table) {
   std::string const base = "http://localhost:8080/default/controller/v1/example/";
+  // Echoed in a log line of exactly 512 bytes, the log writer's inline limit.
+  std::string const long512 = "{\"config\":" + std::string(458, ' ');
   // Document, polling interval, "deploymentBase|configData|cancelAction" links, log.
   std::tuple<std::string, std::int64_t, std::string, std::string> const rows[] = {
       {fixture("controller-base.json"), 43200,
@@ -48,6 +50,7 @@ TEST(ParseStatus, Table) {
       {interval(R"("596524:0:0")"), 2147486400, "||", ""},  // beyond 32 bits
       {interval(R"("01:00:00~10%")"), 3600, "||", ""},      // newer servers
       {interval(R"("00:05")"), 0, "||", ""},
+      {interval(R"("01:02:03:04")"), 0, "||", ""},  // exactly three pieces
       {interval(R"("00:01:00","sleep2":"00:02:00")"), 120, "||", ""},
       // Only the first member of a link object is looked at.
       {R"({"_links":{"deploymentBase":{"name":"x","href":"d"},"configData":{"href":"c"}}})", 0,
@@ -57,6 +60,7 @@ TEST(ParseStatus, Table) {
       {"", 0, "||", "[E] libtamrelcore -> Unable to parse empty JSON string\n"},
       {"{\"config\":", 0, "||", "[E] libtamrelcore -> Unable to parse JSON: {\"config\":\n"},
       {"{} trailing", 0, "||", "[E] libtamrelcore -> Unable to parse JSON: {} trailing\n"},
+      {long512, 0, "||", "[E] libtamrelcore -> Unable to parse JSON: " + long512 + "\n"},
   };
   for (auto const& [input, sleep, links, log] : rows) {
     CaptureStderr capture;
@@ -138,6 +142,7 @@ TEST(ParseDeployment, Table) {
        true, "2 [] [] [n k=]", ""},
       {R"({"deployment":{"chunks":[]}})", true, "old", ""},  // no "id": the old one stays
       {R"({"id":"3","deployment":{}})", true, "3 []", ""},   // no chunks member: kept
+      {R"({"id":"4","deployment":{"chunks":{"c":{"name":"n"}}}})", true, "4", ""},  // no array
       {"[]", false, "old []", "[E] libtamrelcore -> JSON tree broken or incomplete\n"},
       {R"({"id":"1"} {"id":"2"})", false, "old []",
        "[E] libtamrelcore -> Unable to parse JSON: {\"id\":\"2\"}\n"},

@@ -76,9 +76,10 @@ TEST(Records, EqualityComparesEachFieldItNames) {
   EXPECT_TRUE(x != y && !(x == y));
   // Vectors: each left element needs an equal one anywhere on the right.
   metadata_entry_t const A{"a", "1"}, B{"b", "2"};
-  std::vector<metadata_entry_t> const aa{A, A}, ab{A, B}, ba{B, A};
+  std::vector<metadata_entry_t> const a{A}, aa{A, A}, ab{A, B}, ba{B, A};
   EXPECT_TRUE(ab == ba && aa == ab);
   EXPECT_FALSE(ab == aa);
+  EXPECT_FALSE(a == ab);  // sizes must match
 }
 
 TEST(Records, ArtifactPaths) {
