@@ -4,7 +4,7 @@ JOBS ?= 2
 CMAKE_FLAGS ?=
 CTEST = ctest --output-on-failure --no-tests=error -j$(JOBS)
 
-.PHONY: all deps build test test-asan test-tsan test-valgrind test-armhf soak bench fuzz fuzz-smoke demo clean format \
+.PHONY: all deps build test test-asan test-tsan test-valgrind test-armhf test-arm64 soak bench fuzz fuzz-smoke demo clean format \
 	deb deb-armhf test-deb test-peer
 
 all: build
@@ -45,12 +45,14 @@ test-valgrind: build
 	scripts/valgrind.sh build
 
 # The plug-in, the static library and the whole suite cross-built for 32-bit
-# ARM hard-float, run under qemu-arm.
-test-armhf:
-	scripts/armhf-sysroot.sh
-	cmake -S . -B build-armhf -G Ninja -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/armhf.cmake -DTAMREL_BUILD_TESTS=ON $(CMAKE_FLAGS)
-	cmake --build build-armhf -j$(JOBS)
-	cd build-armhf && $(CTEST)
+# ARM hard-float (test-armhf) or 64-bit ARM (test-arm64) against a bookworm
+# sysroot, run under qemu-user. docs/cross-building.md has the recipe.
+CROSS_ARCHES = armhf arm64
+$(addprefix test-,$(CROSS_ARCHES)): test-%:
+	scripts/cross-sysroot.sh $*
+	cmake -S . -B build-$* -G Ninja -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/$*.cmake -DTAMREL_BUILD_TESTS=ON $(CMAKE_FLAGS)
+	cmake --build build-$* -j$(JOBS)
+	cd build-$* && $(CTEST)
 
 fuzz:
 	@scripts/install-deps.sh fuzz
@@ -87,7 +89,7 @@ format:
 	clang-format -i $$(git ls-files '*.cpp' '*.h')
 
 clean:
-	rm -rf build build-asan build-tsan build-fuzz build-armhf build-deb
+	rm -rf build build-asan build-tsan build-fuzz build-armhf build-arm64 build-deb
 
 # Benchmarks against curl, openssl and coreutils (not part of `make test`).
 bench: build
