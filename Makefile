@@ -5,7 +5,7 @@ CMAKE_FLAGS ?=
 CTEST = ctest --output-on-failure --no-tests=error -j$(JOBS)
 
 .PHONY: all deps build test test-asan test-tsan test-valgrind test-armhf test-arm64 soak bench fuzz fuzz-smoke demo clean format \
-	deb deb-armhf test-deb test-peer
+	deb deb-armhf deb-arm64 test-deb test-peer
 
 all: build
 
@@ -65,14 +65,14 @@ FUZZ_SECONDS ?= 60
 fuzz-smoke: fuzz
 	scripts/fuzz-run.sh build-fuzz $(FUZZ_SECONDS)
 
-# Debian packages from a copy of the tree into build-deb/amd64 and
-# build-deb/armhf, checked with lintian; test-deb installs the amd64 ones in a
-# fresh bookworm chroot and runs them there (root).
+# Debian packages from a copy of the tree into build-deb/ARCH, checked with
+# lintian; test-deb installs the amd64 ones in a fresh bookworm chroot and runs
+# them there (root).
 deb:
 	JOBS=$(JOBS) scripts/deb-build.sh amd64
 
-deb-armhf:
-	JOBS=$(JOBS) scripts/deb-build.sh armhf
+$(addprefix deb-,$(CROSS_ARCHES)): deb-%:
+	JOBS=$(JOBS) scripts/deb-build.sh $*
 
 test-deb: deb
 	scripts/deb-test.sh
