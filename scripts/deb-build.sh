@@ -3,19 +3,26 @@
 # build-deb/ARCH/ and checks them with lintian (errors and warnings fail).
 #   amd64: dpkg-buildpackage on this machine; missing build dependencies are
 #          installed with `apt-get build-dep` from debian/control.
-#   armhf: dpkg-buildpackage --host-arch=armhf in a bookworm amd64 chroot
-#          (scripts/deb-chroot.sh) with the cross toolchain and the armhf build
-#          dependencies through multiarch. dpkg-shlibdeps needs the armhf
-#          packages in a dpkg database to give the packages their Depends,
-#          which a plain sysroot does not have; the chroot keeps the foreign
-#          architecture off this machine's apt.
+#   armhf, arm64: dpkg-buildpackage --host-arch=ARCH in a bookworm amd64
+#          chroot (scripts/deb-chroot.sh) with the cross toolchain and the
+#          ARCH build dependencies through multiarch. dpkg-shlibdeps needs the
+#          ARCH packages in a dpkg database to give the packages their
+#          Depends, which a plain sysroot does not have; the chroot keeps the
+#          foreign architecture off this machine's apt. The plug-in's ELF
+#          header is checked to be for ARCH.
 # The suite runs in `make test`, so the package build only builds, unless
 # DEB_BUILD_OPTIONS is set without nocheck.
-# usage: deb-build.sh [amd64|armhf]
+# usage: deb-build.sh [amd64|armhf|arm64]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 arch=${1:-amd64}
-[ "$arch" = amd64 ] || [ "$arch" = armhf ] || { echo "usage: deb-build.sh [amd64|armhf]" >&2; exit 2; }
+# The ELF class and machine readelf -h shows for the plug-in of a cross build.
+case $arch in
+  amd64) ;;
+  armhf) elf_class=ELF32 elf_machine=ARM ;;
+  arm64) elf_class=ELF64 elf_machine=AArch64 ;;
+  *) echo "usage: deb-build.sh [amd64|armhf|arm64]" >&2; exit 2 ;;
+esac
 out=$PWD/build-deb/$arch
 version=$(sed -n 's/^project(tamrelcore VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 packaged=$(dpkg-parsechangelog -l debian/changelog -S Version)
@@ -26,7 +33,7 @@ fi
 export DEB_BUILD_OPTIONS=${DEB_BUILD_OPTIONS:-nocheck parallel=${JOBS:-2}}
 profiles=
 case " $DEB_BUILD_OPTIONS " in *" nocheck "*) profiles=nocheck ;; esac
-[ "$arch" = armhf ] && profiles=cross${profiles:+,$profiles}
+[ "$arch" = amd64 ] || profiles=cross${profiles:+,$profiles}
 
 as_root() {
   [ "$(id -u)" -eq 0 ] || { echo "deb: run as root, or run first: sudo $*" >&2; exit 1; }
@@ -61,16 +68,16 @@ if [ "$arch" = amd64 ]; then
   rm -rf "$src"
 else
   . scripts/deb-chroot.sh
-  root=$PWD/build-deb/chroot-armhf
+  root=$PWD/build-deb/chroot-$arch
   trap chroot_close EXIT
-  chroot_open "$root" build-essential,crossbuild-essential-armhf,debhelper,cmake,ninja-build,pkg-config
+  chroot_open "$root" build-essential,crossbuild-essential-$arch,debhelper,cmake,ninja-build,pkg-config
   copy_tree "$root/srv/tamrel-$version"
   chroot_run "$root" /bin/sh -euc "
-    dpkg --add-architecture armhf
+    dpkg --add-architecture $arch
     apt-get update -q
-    apt-get build-dep -y -q -a armhf -P '$profiles' /srv/tamrel-$version
+    apt-get build-dep -y -q -a $arch -P '$profiles' /srv/tamrel-$version
     cd /srv/tamrel-$version
-    DEB_BUILD_OPTIONS='$DEB_BUILD_OPTIONS' dpkg-buildpackage -us -uc -b --host-arch=armhf \
+    DEB_BUILD_OPTIONS='$DEB_BUILD_OPTIONS' dpkg-buildpackage -us -uc -b --host-arch=$arch \
       --build-profiles='$profiles'"
   cp "$root"/srv/*.deb "$root"/srv/*.buildinfo "$root"/srv/*.changes "$out/"
   chroot_close
@@ -78,15 +85,17 @@ fi
 
 cd "$out"
 lintian --fail-on error,warning tamrel_"$packaged"_"$arch".changes
-if [ "$arch" = armhf ]; then
-  dpkg-deb --fsys-tarfile libtamrelcore1_"$packaged"_armhf.deb \
+if [ "$arch" != amd64 ]; then
+  dpkg-deb --fsys-tarfile libtamrelcore1_"$packaged"_"$arch".deb \
     | tar -xOf - --wildcards './usr/lib/*/libtamrelcore.so.*.*' > plugin.check
   header=$(readelf -h plugin.check)
   rm -f plugin.check
-  if ! grep -q 'Class:.*ELF32' <<< "$header" || ! grep -q 'Machine:.*ARM$' <<< "$header"; then
-    echo "deb: the armhf plug-in is not ELF32 ARM" >&2
+  if ! grep -q "Class: *$elf_class\$" <<< "$header" \
+     || ! grep -q "Machine: *$elf_machine\$" <<< "$header"; then
+    echo "deb: the $arch plug-in is not $elf_class $elf_machine:" >&2
+    grep -E 'Class:|Machine:' <<< "$header" >&2
     exit 1
   fi
-  echo "deb: the armhf plug-in is ELF32 ARM"
+  echo "deb: the $arch plug-in is $elf_class $elf_machine"
 fi
 ls -l "$out"
