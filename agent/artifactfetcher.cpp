@@ -90,8 +90,14 @@ bool ArtifactFetcher::watched(bool transfer, std::function<bool()> const& work) 
 }
 
 bool ArtifactFetcher::verify(artifact_t const& artifact, std::string const& sha256,
-                             std::string& detail) {
-  if (!watched(false, [&] { return client_.verifyArtifact(artifact); })) {
+                             std::string& detail, bool justDownloaded) {
+  // download_ok already means that the digest of every byte written matched
+  // after the file was flushed: such a file is not read again for it.
+  if (justDownloaded && fileSize(filePath(artifact)) != artifact.size) {
+    detail = artifact.filename + ": verification failed";
+    return false;
+  }
+  if (!justDownloaded && !watched(false, [&] { return client_.verifyArtifact(artifact); })) {
     detail = artifact.filename + (stopping() ? ": interrupted" : ": verification failed");
     return false;
   }
@@ -120,7 +126,7 @@ bool ArtifactFetcher::fetch(std::string const& label, artifact_t& artifact,
   expected_ = artifact.size;
   // A complete file from an earlier run (a restart, or a deployment that
   // waited for its maintenance window) is kept when it verifies.
-  if (fileSize(path) == artifact.size && verify(artifact, sha256, detail)) {
+  if (fileSize(path) == artifact.size && verify(artifact, sha256, detail, false)) {
     detail = artifact.filename + ": already on disk and verified";
     return true;
   }
@@ -151,7 +157,7 @@ bool ArtifactFetcher::fetch(std::string const& label, artifact_t& artifact,
     });
     bar_.finish(stalled_ ? "stalled, cancelled" : outcomeText(outcome));
     if (outcome == download_ok) {
-      if (verify(artifact, sha256, detail)) {
+      if (verify(artifact, sha256, detail, true)) {
         detail =
             artifact.filename + ": downloaded and verified" + (sha256.empty() ? "" : " (SHA-256)");
         return true;

@@ -37,7 +37,11 @@ class ArtifactFetcher {
   static std::string filePath(artifact_t const& artifact);
 
  private:
-  bool verify(artifact_t const& artifact, std::string const& sha256, std::string& detail);
+  // The library's verification (skipped for a file the library has just
+  // downloaded with a matching digest: its length is checked instead), then
+  // the SHA-256 when the server lists one.
+  bool verify(artifact_t const& artifact, std::string const& sha256, std::string& detail,
+              bool justDownloaded);
   // Runs `work` with a watchdog beside it that passes a stop request on to
   // the library (which forgets a cancel that comes before the work begins)
   // and, for a transfer, cancels it once fewer than download-min-rate bytes/s
