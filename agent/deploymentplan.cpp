@@ -95,6 +95,15 @@ DeploymentPlan DeploymentPlan::read(deployment_t& deployment) {
     problems.push_back("unknown maintenance window state \"" + window + "\"");
   }
 
+  // cJSON ends its strings at a NUL, so a name holding "\u0000" would reach
+  // the disk cut short: such a document is refused whole.
+  for (std::size_t at = deployment.json.find("\\u"); at != std::string::npos;
+       at = deployment.json.find("\\u", at + 2)) {
+    if (deployment.json.compare(at + 2, 4, "0000") == 0) {
+      problems.push_back("the document holds a NUL character (\\u0000)");
+      break;
+    }
+  }
   int const count = cJSON_GetArraySize(chunks);
   if (static_cast<std::size_t>(count) != deployment.chunks.size()) {
     problems.push_back("the document lists " + std::to_string(count) + " chunk(s), " +

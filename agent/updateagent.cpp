@@ -1,8 +1,8 @@
 #include "agent/updateagent.h"
 
+#include "agent/command.h"
 #include "agent/console.h"
 #include "agent/exitcode.h"
-#include "agent/command.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -42,7 +42,7 @@ UpdateAgent::UpdateAgent(libtamrelcore& client, AgentConfig const& config)
 }
 
 bool UpdateAgent::safeName(std::string const& name) {
-  return !name.empty() && name.find('/') == std::string::npos &&
+  return !name.empty() && name != "." && name.find('/') == std::string::npos &&
          name.find("..") == std::string::npos && name.find('\0') == std::string::npos;
 }
 
@@ -178,6 +178,10 @@ std::string UpdateAgent::pollFailure(Watchdog::Verdict verdict,
       libraryLog.find("certificate") != std::string::npos) {
     return "the TLS connection was refused; if the server's certificate comes from a private "
            "CA, install that CA into the system store (update-ca-certificates)";
+  }
+  if (libraryLog.find("Failed to parse response!") != std::string::npos) {
+    return "the server's answer could not be read: no polling interval the library can read "
+           "(hh:mm:ss) and nothing to act on";
   }
   return "the server could not be reached or sent no usable answer";
 }

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "agent/updateagent.h"
 #include "ddi/document_parsers.h"
 #include "tests/support/temp_dir.h"
 
@@ -103,6 +104,7 @@ TEST(DeploymentPlan, ProblemsNameChunkAndArtifact) {
       {edited("\"chunks\" : [ {", "\"chunks\" : [ {\"name\":\"empty\",\"artifacts\":[]}, {"),
        "chunk \"empty\": no artifacts"},
       {edited("\"deployment\"", "\"deploy\""), "the deployment document could not be read"},
+      {edited("\"binary.tgz\"", "\"binary.tgz\\u0000.sh\""), "holds a NUL character"},
   };
   for (Case const& c : cases) {
     DeploymentPlan::deployment_t deployment;

@@ -43,6 +43,11 @@ endless poll answer|--fault poll=endless|max-document-mib=8|20|more than 8 MiB
 token refused|--token other|poll-timeout-s=5|8|check token or token-file
 TLS certificate not trusted|--https|address=https://127.0.0.1:0|8|install that CA
 EOF
+# An interval the library cannot read, once the action has closed and the
+# attributes were sent: the reason is the interval, not the network.
+serve --sleep 1:2:3:4
+for _ in 1 2 3; do once "$ok"; done
+expect "four-piece interval, nothing linked" 3 10 "no polling interval the library can read"
 serve
 sed -i 's|^address = .*|address = http://127.0.0.1:1|' "$conf"
 once "$ok"
