@@ -123,7 +123,11 @@ UpdateAgent::Cycle UpdateAgent::cycle() {
   } else if (!cancel.url.empty() && !cancel.stop_id.empty()) {
     answerCancel(cancel);
   }
-  if (!answer.deployment.url.empty() && !answer.deployment.chunks.empty() && !stopping()) {
+  if (!answer.deployment.url.empty() && answer.deployment.chunks.empty() && !stopping()) {
+    // Nothing is reported: the action may be readable at the next poll.
+    std::printf("deployment: the deployment the server linked could not be read; nothing sent\n");
+    result.status = kExitUnreachable;
+  } else if (!answer.deployment.url.empty() && !stopping()) {
     if (!deploy(answer.deployment) && !stopping()) {
       result.status = kExitDeploymentFailed;
       // Directories made for a failed deployment go again when empty.

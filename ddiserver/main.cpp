@@ -56,8 +56,9 @@ char const kUsage[] =
     "    --ignore-range        answer range requests with the whole file\n"
     "    --https               serve over TLS with a self-signed certificate\n"
     "    --slow MS             send artifacts in 64 KiB pieces, MS apart\n"
-    "    --fault WHERE=WHAT    WHERE: poll, config (the configData PUT), feedback (of\n"
-    "                          deployment 1) or artifact; WHAT:\n"
+    "    --fault WHERE=WHAT    WHERE: poll, deployment (its deploymentBase), config\n"
+    "                          (the configData PUT), feedback (of the deployment) or\n"
+    "                          artifact; WHAT:\n"
     "                          stall (no answer), trickle (1 byte per 100 ms), overlong\n"
     "                          (the body and 1 MiB more) or endless (the body, then\n"
     "                          bytes without end), both without Content-Length,\n"
@@ -75,7 +76,7 @@ struct Settings {
   testing::Fault always, once;               // faults on every / the first GET of an artifact
   std::string onceFile;                      // the artifact `once` is for; "" for each
   bool https = false;
-  testing::Fault poll, config, feedback;  // --fault poll=, config=, feedback=
+  testing::Fault poll, deployment, config, feedback;  // --fault poll=, deployment=, ...
 };
 
 // --fault WHERE=WHAT into the settings; false when not understood.
@@ -98,6 +99,8 @@ bool parseFault(std::string const& value, Settings& settings) {
   }
   if (where == "poll") {
     settings.poll = fault;
+  } else if (where == "deployment") {
+    settings.deployment = fault;
   } else if (where == "config") {
     settings.config = fault;
   } else if (where == "feedback") {
@@ -342,6 +345,10 @@ int main(int argc, char** argv) {
     if (!settings.cancel.empty()) target->requestCancel(settings.cancel);
   }
   if (isFault(settings.poll)) server.setFault(server.controllerPath(), settings.poll);
+  if (isFault(settings.deployment)) {
+    server.setFault(server.controllerPath() + "/deploymentBase/" + settings.action,
+                    settings.deployment);
+  }
   if (isFault(settings.config)) {
     server.setFault(server.controllerPath() + "/configData", settings.config);
   }

@@ -43,6 +43,12 @@ endless poll answer|--fault poll=endless|max-document-mib=8|20|more than 8 MiB
 token refused|--token other|poll-timeout-s=5|8|check token or token-file
 TLS certificate not trusted|--https|address=https://127.0.0.1:0|8|install that CA
 EOF
+# A deploymentBase that cannot be read: said, nothing sent, status 3.
+serve --fault deployment=overlong
+once "$ok"
+expect "unreadable deployment" 3 10 "the deployment the server linked could not be read"
+check "unreadable deployment: no feedback" bash -c "! grep -q '^POST' '$log'"
+
 # An interval the library cannot read, once the action has closed and the
 # attributes were sent: the reason is the interval, not the network.
 serve --sleep 1:2:3:4
