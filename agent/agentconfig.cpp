@@ -38,6 +38,7 @@ std::string* textField(AgentConfig& config, std::string const& key) {
   if (key == "install-command") return &config.installCommand;
   if (key == "reboot-command") return &config.rebootCommand;
   if (key == "confirm-command") return &config.confirmCommand;
+  if (key == "trusted-hosts") return &config.trustedHosts;
   return nullptr;
 }
 
@@ -72,6 +73,8 @@ std::vector<AgentConfig::Key> const& AgentConfig::keys() {
        255},
       {"reboot-command", K::kText, false, "", "run for that reboot", 0, 0},
       {"confirm-command", K::kText, false, "", "run after that reboot; exit 0 confirms", 0, 0},
+      {"trusted-hosts", K::kText, false, "",
+       "hosts besides address that links may name: host[:port], ...", 0, 0},
       {"attribute.NAME", K::kAttribute, false, "", "sent as config data (<= 128 characters)", 0, 0},
       {"download-retries", K::kNumber, false, "3", "further attempts per artifact", 0, 100},
       {"download-timeout-s", K::kNumber, false, "60",

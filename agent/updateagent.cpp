@@ -3,6 +3,7 @@
 #include "agent/command.h"
 #include "agent/console.h"
 #include "agent/exitcode.h"
+#include "agent/linkorigin.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -37,6 +38,13 @@ UpdateAgent::UpdateAgent(libtamrelcore& client, AgentConfig const& config)
       server_(config, [this] { return stopping(); }),
       reboot_(client, config,
               [this](std::function<bool()> const& request) { return server_.send(request); }) {
+  // The server's address, as given or read from address-file.
+  for (auto const& entry : *config.properties) {
+    if (entry.first == "address" && entry.second->is_string()) address_ = entry.second->string();
+    if (entry.first == "address-file" && entry.second->is_link()) {
+      address_ = entry.second->link().text;
+    }
+  }
   // hawkBit refuses configuration data without attributes.
   if (attributes_.empty()) attributes_.push_back({"tamrel-agent.version", TAMREL_VERSION});
 }
@@ -108,7 +116,12 @@ UpdateAgent::Cycle UpdateAgent::cycle() {
       named > 0 ? std::max<std::int64_t>(named, 5) : config_.pollIntervalSeconds,
       config_.maxPollIntervalSeconds);
 
-  if (!answer.config_data.url.empty()) {
+  std::string host;
+  if (!answer.config_data.url.empty() &&
+      !linkAllowed(answer.config_data.url, address_, config_.trustedHosts, host)) {
+    std::printf("config data: not sent, the link names another host (%s; see trusted-hosts)\n",
+                host.c_str());
+  } else if (!answer.config_data.url.empty()) {
     std::string const failure = server_.send([&] { return client_.sendConfigData(attributes_); });
     std::printf("config data: %zu attributes %s\n", attributes_.size(),
                 failure.empty() ? "sent" : failure.c_str());
@@ -298,8 +311,16 @@ bool UpdateAgent::download(hawkbit_query_t::deployment_t& deployment, Deployment
     }
     for (auto& artifact : chunk.artifacts) {
       std::string detail;
+      std::string host;
+      auto const link = artifact.links.find("download-http");
       if (!safeName(artifact.filename)) {
         detail = "refused: unsafe artifact name \"" + artifact.filename + "\"";
+        success = false;
+      } else if (link != artifact.links.end() &&
+                 !linkAllowed(link->second, address_, config_.trustedHosts, host)) {
+        // The library would send the target token there.
+        detail = artifact.filename + ": refused, the link names another host (" + host +
+                 "; see trusted-hosts)";
         success = false;
       } else {
         artifact.destination = dir;

@@ -72,6 +72,7 @@ class UpdateAgent {
   libtamrelcore& client_;
   AgentConfig const& config_;
   std::atomic<bool> stop_{false};
+  std::string address_;                           // the server; links elsewhere are refused
   std::vector<tamrel::value_pair_t> attributes_;  // sent as configuration data
   ArtifactFetcher fetcher_;
   ServerRequest server_;  // every POST/PUT goes through it

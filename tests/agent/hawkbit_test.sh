@@ -57,6 +57,20 @@ row 'download-only action: closed "downloaded" at the feedback path, not install
   'test "$(feedbacks "\"execution\":\"downloaded\"")" -eq 1 && ! closing && test ! -e "$inst"' \
   --download-only '"$install"'
 
+# Links to another host (the server's own links name 127.0.0.1, the agent
+# knows it as localhost): refused unless trusted, the token never sent there.
+serve
+sed -i 's|^address = http://127.0.0.1|address = http://localhost|' "$conf"
+run_agent
+port=$(sed -n 's|^DDI server on http://127.0.0.1:\([0-9]*\).*|\1|p' "$log")
+check "link to another host: refused naming it, nothing fetched, no config data" \
+  eval 'closed_with failure && details_have "names another host (127.0.0.1:$port" && fetched 0 &&
+        ! grep -q "PUT .*/configData" "$log"'
+serve
+sed -i 's|^address = http://127.0.0.1|address = http://localhost|' "$conf"
+run_agent 'trusted-hosts = example.org, 127.0.0.1:'"$(sed -n 's|^DDI server on http://127.0.0.1:\([0-9]*\).*|\1|p' "$log")"
+check "link to a trusted host: fetched, success" 'closed_with' success
+
 # hawkBit refuses configData without attributes: the agent adds its version.
 serve
 sed -i '/^attribute/d' "$conf"
