@@ -9,7 +9,7 @@
 
 namespace {
 
-std::size_t const kMaxLine = 4096;
+std::size_t const kMaxLine = 1024;
 
 struct Stream {
   explicit Stream(int descriptor) : fd(descriptor) {}
@@ -41,6 +41,28 @@ void writeAll(int fd, std::string const& text) {
   }
 }
 
+// The length of the printable character at `text` (ASCII or a whole, valid
+// UTF-8 sequence); 0 for a control character or a byte that does not start
+// one.
+std::size_t utf8Length(unsigned char const* text, std::size_t available) {
+  unsigned char const c = text[0];
+  if (c < 0x80) return c >= 0x20 && c != 0x7f ? 1 : 0;
+  std::size_t const length = c >= 0xc2 && c <= 0xdf   ? 2
+                             : c >= 0xe0 && c <= 0xef ? 3
+                             : c >= 0xf0 && c <= 0xf4 ? 4
+                                                      : 0;
+  if (length == 0 || length > available) return 0;
+  // The second byte's range excludes overlong forms, surrogates and code
+  // points past U+10FFFF.
+  unsigned char const low = c == 0xe0 ? 0xa0 : c == 0xf0 ? 0x90 : 0x80;
+  unsigned char const high = c == 0xed ? 0x9f : c == 0xf4 ? 0x8f : 0xbf;
+  if (text[1] < low || text[1] > high) return 0;
+  for (std::size_t i = 2; i < length; ++i) {
+    if (text[i] < 0x80 || text[i] > 0xbf) return 0;
+  }
+  return length;
+}
+
 std::string stamp() {
   std::time_t const now = std::time(nullptr);
   std::tm utc{};
@@ -58,26 +80,47 @@ ssize_t writeStream(void* cookie, char const* data, std::size_t size) {
     stream.captured->append(data, size < room ? size : room);
     if (!stream.pass) return static_cast<ssize_t>(size);
   }
+  // On standard error (the library's log) a write is one line: a newline
+  // inside it is shown escaped, so that text from the server cannot forge
+  // lines of its own.
+  bool const oneLine = &stream == &err;
   std::string text;
-  for (std::size_t i = 0; i < size; ++i) {
-    char const c = data[i];
-    if (c == '\n') {
-      if (stream.cut > 0) text += " [" + std::to_string(stream.cut) + " bytes cut]";
-      text += c;
-      stream.atLineStart = true;
-      stream.lineLength = stream.cut = 0;
-      continue;
-    }
-    // The stamp goes before a line's first printable character.
-    if (stream.atLineStart && static_cast<unsigned char>(c) >= 0x20) {
+  auto const show = [&](char const* shown, std::size_t length, std::size_t bytes) {
+    if (stream.atLineStart) {
       text += stamp();
       stream.atLineStart = false;
       stream.lineLength = 0;
     }
-    if (stream.lineLength++ < kMaxLine) {
-      text += c;
+    if (stream.cut == 0 && stream.lineLength + length <= kMaxLine) {
+      text.append(shown, length);
+      stream.lineLength += length;
     } else {
-      ++stream.cut;
+      stream.cut += bytes;
+    }
+  };
+  auto const* bytes = reinterpret_cast<unsigned char const*>(data);
+  for (std::size_t i = 0; i < size; ++i) {
+    unsigned char const c = bytes[i];
+    if (c == '\n' && (!oneLine || i + 1 == size)) {
+      if (stream.cut > 0) text += "\xe2\x80\xa6 (" + std::to_string(stream.cut) + " bytes more)";
+      text += '\n';
+      stream.atLineStart = true;
+      stream.lineLength = stream.cut = 0;
+      continue;
+    }
+    std::size_t const length = utf8Length(bytes + i, size - i);
+    if (length > 1) {
+      show(data + i, length, length);
+      i += length - 1;
+    } else if (length == 1) {
+      show(data + i, 1, 1);
+    } else {
+      char escaped[8];
+      int const n = c == '\n'   ? std::snprintf(escaped, sizeof escaped, "\\n")
+                    : c == '\r' ? std::snprintf(escaped, sizeof escaped, "\\r")
+                    : c == '\t' ? std::snprintf(escaped, sizeof escaped, "\\t")
+                                : std::snprintf(escaped, sizeof escaped, "\\x%02x", c);
+      show(escaped, static_cast<std::size_t>(n), 1);
     }
   }
   if (text.empty()) return static_cast<ssize_t>(size);
