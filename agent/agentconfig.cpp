@@ -39,6 +39,7 @@ std::string* textField(AgentConfig& config, std::string const& key) {
   if (key == "reboot-command") return &config.rebootCommand;
   if (key == "confirm-command") return &config.confirmCommand;
   if (key == "trusted-hosts") return &config.trustedHosts;
+  if (key == "boot-id-file") return &config.bootIdFile;
   return nullptr;
 }
 
@@ -72,6 +73,8 @@ std::vector<AgentConfig::Key> const& AgentConfig::keys() {
       {"reboot-exit-code", K::kNumber, false, "", "install exit status meaning reboot needed", 1,
        255},
       {"reboot-command", K::kText, false, "", "run for that reboot", 0, 0},
+      {"boot-id-file", K::kText, false, "/proc/sys/kernel/random/boot_id",
+       "tells whether that reboot happened", 0, 0},
       {"confirm-command", K::kText, false, "", "run after that reboot; exit 0 confirms", 0, 0},
       {"trusted-hosts", K::kText, false, "",
        "hosts besides address that links may name: host[:port], ...", 0, 0},
@@ -95,8 +98,10 @@ std::vector<AgentConfig::Key> const& AgentConfig::keys() {
 
 AgentConfig::AgentConfig() {
   for (Key const& key : keys()) {
-    if (key.kind == Key::Kind::kNumber && *key.defaultValue != '\0') {
-      storeNumber(key.name, std::stoll(key.defaultValue));
+    if (*key.defaultValue == '\0') continue;
+    if (key.kind == Key::Kind::kNumber) storeNumber(key.name, std::stoll(key.defaultValue));
+    if (std::string* field = key.kind == Key::Kind::kText ? textField(*this, key.name) : nullptr) {
+      *field = key.defaultValue;
     }
   }
 }

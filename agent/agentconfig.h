@@ -47,6 +47,7 @@ class AgentConfig {
   std::string installCommand;            // run by /bin/sh -c, the files as $1, $2, ...
   std::string rebootCommand;             // "reboot-command"
   std::string confirmCommand;            // "confirm-command", run at start after a reboot
+  std::string bootIdFile;                // "boot-id-file": changes with every boot
   std::string trustedHosts;              // "trusted-hosts": host[:port], ... besides address
   int rebootExitCode = -1;               // "reboot-exit-code"; -1: none configured
   int retries = 0;                       // "download-retries"

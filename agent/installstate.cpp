@@ -48,6 +48,8 @@ bool InstallState::load(Pending& pending, std::string& error) const {
     std::string const value = space == std::string::npos ? "" : line.substr(space + 1);
     if (key == "action") pending.actionId = value;
     if (key == "chunk") pending.chunks.push_back(value);
+    if (key == "boot") pending.bootId = value;
+    if (key == "announced") pending.announced = true;
     if (key == "result") pending.result = value;
     if (key == "detail") pending.details.push_back(value);
     if (key == "end") complete = true;
@@ -63,6 +65,8 @@ bool InstallState::save(Pending const& pending, std::string& error) const {
   std::ostringstream text;
   text << "action " << oneLine(pending.actionId) << "\n";
   for (auto const& chunk : pending.chunks) text << "chunk " << oneLine(chunk) << "\n";
+  if (!pending.bootId.empty()) text << "boot " << oneLine(pending.bootId) << "\n";
+  if (pending.announced) text << "announced\n";
   if (!pending.result.empty()) text << "result " << oneLine(pending.result) << "\n";
   for (auto const& detail : pending.details) text << "detail " << oneLine(detail) << "\n";
   text << "end\n";
@@ -99,7 +103,6 @@ bool InstallState::clear(std::string& error) const {
 
 bool InstallState::confirm(std::string const& confirmCommand, Pending& pending,
                            std::string& error) const {
-  if (!load(pending, error)) return false;
   if (!pending.result.empty()) return true;
   if (confirmCommand.empty()) {
     pending.result = "success";

@@ -15,6 +15,8 @@ class InstallState {
   struct Pending {
     std::string actionId;
     std::vector<std::string> chunks;  // chunk names, for the feedback's progress
+    std::string bootId;               // of the boot that installed it
+    bool announced = false;           // "installed, rebooting" reached the server
     // "" while waiting for the reboot; "success" or "failure" once the
     // confirm command ran and its result is waiting to be reported.
     std::string result;
@@ -30,10 +32,10 @@ class InstallState {
   bool save(Pending const& pending, std::string& error) const;
   bool clear(std::string& error) const;
 
-  // After the restart: loads the record and, unless a result is recorded
+  // After the reboot, for a loaded record: unless a result is recorded
   // already, runs `confirmCommand` (exit 0: success; none configured: the
   // restart is success) and records its result before anything is
-  // reported, so the command runs once. False when there is no record.
+  // reported, so that the command runs again only after a crash during it.
   bool confirm(std::string const& confirmCommand, Pending& pending, std::string& error) const;
   // The closing feedback for a confirmed action.
   static hawkbit_query_t::deployment_t closingFeedback(Pending const& pending);

@@ -1,8 +1,21 @@
 #include "agent/rebootconfirmation.h"
 
 #include <cstdio>
+#include <fstream>
 
 #include "agent/command.h"
+
+namespace {
+
+// This boot's id; "" when it cannot be read.
+std::string bootId(std::string const& path) {
+  std::ifstream in(path);
+  std::string id;
+  std::getline(in, id);
+  return id;
+}
+
+}  // namespace
 
 RebootConfirmation::RebootConfirmation(libtamrelcore& client, AgentConfig const& config, Post post)
     : client_(client), config_(config), post_(std::move(post)), state_(config.stateDir) {}
@@ -11,6 +24,7 @@ bool RebootConfirmation::begin(hawkbit_query_t::deployment_t& deployment) {
   InstallState::Pending pending;
   pending.actionId = deployment.id;
   for (auto const& chunk : deployment.chunks) pending.chunks.push_back(chunk.name);
+  pending.bootId = bootId(config_.bootIdFile);
   std::string error;
   if (!state_.enabled()) error = "no state-dir configured to confirm it after the reboot";
   // Recorded before anything is reported: a crash from here on is confirmed
@@ -20,27 +34,51 @@ bool RebootConfirmation::begin(hawkbit_query_t::deployment_t& deployment) {
     return false;
   }
   rebootAction_ = deployment.id;
-  deployment.chunks.front().details.push_back("installed, rebooting to confirm");
-  deployment.execution = execution_t::proceeding;
-  deployment.finished = finished_t::none;
-  std::string const failure = post_([&] { return client_.sendUpdateFeedback(deployment); });
-  std::printf("deployment %s: installed, needs a reboot, feedback %s\n", deployment.id.c_str(),
-              failure.empty() ? "sent" : failure.c_str());
+  announceAndReboot(deployment, pending);
+  return true;
+}
+
+void RebootConfirmation::announceAndReboot(hawkbit_query_t::deployment_t& deployment,
+                                           InstallState::Pending& pending) {
+  if (!pending.announced) {
+    deployment.chunks.front().details.push_back("installed, rebooting to confirm");
+    deployment.execution = execution_t::proceeding;
+    deployment.finished = finished_t::none;
+    std::string const failure = post_([&] { return client_.sendUpdateFeedback(deployment); });
+    std::printf("deployment %s: installed, needs a reboot, feedback %s\n", deployment.id.c_str(),
+                failure.empty() ? "sent" : failure.c_str());
+    std::string error;
+    pending.announced = failure.empty();
+    if (pending.announced && !state_.save(pending, error))
+      std::printf("state: %s\n", error.c_str());
+  }
   if (config_.rebootCommand.empty()) {
-    std::printf("deployment %s: no reboot-command configured; confirmed after the next start\n",
+    std::printf("deployment %s: no reboot-command configured; confirmed after the next boot\n",
                 deployment.id.c_str());
   } else {
     std::printf("reboot command: %s\n", runCommand(config_.rebootCommand).describe().c_str());
   }
-  return true;
 }
 
 bool RebootConfirmation::confirm() {
   InstallState::Pending pending;
   std::string error;
-  bool const found = state_.confirm(config_.confirmCommand, pending, error);
+  bool const found = state_.load(pending, error);
   if (!error.empty()) std::printf("state: %s\n", error.c_str());
   if (!found) return error.empty();
+  // The same boot as the install: the reboot never happened (the agent was
+  // stopped before or while it ran). What was not sent is sent, the reboot
+  // asked for again, and nothing confirmed before another boot.
+  if (pending.result.empty() && !pending.bootId.empty() &&
+      pending.bootId == bootId(config_.bootIdFile)) {
+    std::printf("deployment %s: installed, but this is still the boot that installed it\n",
+                pending.actionId.c_str());
+    rebootAction_ = pending.actionId;
+    hawkbit_query_t::deployment_t deployment = InstallState::closingFeedback(pending);
+    announceAndReboot(deployment, pending);
+    return true;
+  }
+  state_.confirm(config_.confirmCommand, pending, error);
   hawkbit_query_t::deployment_t deployment = InstallState::closingFeedback(pending);
   confirmedAction_ = pending.actionId;
   std::string const failure = post_([&] { return client_.sendUpdateFeedback(deployment); });

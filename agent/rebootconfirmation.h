@@ -34,6 +34,10 @@ class RebootConfirmation {
   bool installed(std::string const& actionId) const;
 
  private:
+  // Reports "installed, rebooting" unless the record says it was, then runs
+  // reboot-command.
+  void announceAndReboot(hawkbit_query_t::deployment_t& deployment, InstallState::Pending& pending);
+
   libtamrelcore& client_;
   AgentConfig const& config_;
   Post post_;

@@ -18,12 +18,14 @@ InstallState::Pending record(std::string const& id, std::string const& result) {
   pending.actionId = id;
   pending.chunks = {"rootfs", "app"};
   pending.result = result;
+  pending.bootId = "b0";
+  pending.announced = !result.empty();
   if (!result.empty()) pending.details = {"confirm command: exit 0", "line\nwith break"};
   return pending;
 }
 
 std::string shown(InstallState::Pending const& p) {
-  std::string text = p.actionId + "|" + p.result;
+  std::string text = p.actionId + "|" + p.result + "|" + p.bootId + (p.announced ? "|sent" : "");
   for (auto const& c : p.chunks) text += "|c:" + c;
   for (auto const& d : p.details) text += "|d:" + d;
   return text;
@@ -54,7 +56,8 @@ TEST(InstallState, EveryCrashPointOfASaveLeavesOldOrNew) {
   ASSERT_TRUE(state.save(after, error)) << error;
   InstallState::Pending loaded;
   ASSERT_TRUE(state.load(loaded, error));
-  EXPECT_EQ(shown(loaded), "7|success|c:rootfs|c:app|d:confirm command: exit 0|d:line with break");
+  EXPECT_EQ(shown(loaded),
+            "7|success|b0|sent|c:rootfs|c:app|d:confirm command: exit 0|d:line with break");
 
   // A record cut short (a file system that lost its end) is not taken.
   for (std::size_t length : {std::size_t(0), std::size_t(8), bytes.size() - 4}) {
@@ -78,10 +81,11 @@ TEST(InstallState, ConfirmRunsTheCommandOnce) {
   std::string const command = "echo run >> " + counter + "; echo said no >&2; exit 3";
   for (int attempt = 0; attempt < 2; ++attempt) {  // the second: after a crash before reporting
     InstallState::Pending pending;
+    ASSERT_TRUE(state.load(pending, error)) << error;
     ASSERT_TRUE(state.confirm(command, pending, error)) << error;
     EXPECT_EQ(pending.result, "failure");
     EXPECT_EQ(shown(pending),
-              "9|failure|c:rootfs|c:app|d:confirm command: exit 3|d:confirm: said no");
+              "9|failure|b0|c:rootfs|c:app|d:confirm command: exit 3|d:confirm: said no");
   }
   EXPECT_EQ(readFile(counter), "run\n");
   auto const feedback = InstallState::closingFeedback(record("9", "success"));
