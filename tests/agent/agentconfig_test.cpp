@@ -43,7 +43,7 @@ TEST(AgentConfig, DefaultsComeFromTheKeyTable) {
   EXPECT_EQ(config.downloadMinRate, 1024);
   EXPECT_EQ(config.pollTimeoutSeconds, 60);
   EXPECT_EQ(config.feedbackTimeoutSeconds, 60);
-  EXPECT_EQ(config.maxDocumentMib, 64);
+  EXPECT_EQ(config.maxDocumentMib, 16);
   EXPECT_EQ(config.pollIntervalSeconds, 300);
   EXPECT_EQ(config.maxPollIntervalSeconds, 86400);
   EXPECT_EQ(config.rebootExitCode, -1);
