@@ -113,6 +113,11 @@ DdiTestServer::DdiTestServer(Options const& options)
     port_ = server_->bind_to_any_port("127.0.0.1");
   }
   if (port_ < 0) throw std::runtime_error("DdiTestServer: cannot bind");
+  if (!options.deferStart) start();
+}
+
+void DdiTestServer::start() {
+  if (thread_.joinable()) return;
   thread_ = std::thread([this] {
     server_->listen_after_bind();
     listenReturned_ = true;

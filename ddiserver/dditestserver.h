@@ -68,6 +68,9 @@ class DdiTestServer {
     // PEM files for https; when both are empty a self-signed certificate for
     // 127.0.0.1 is generated into a temporary directory (see certFile()).
     std::string certFile, keyFile;
+    // Bind the port at once but accept connections only from start() on;
+    // until then they wait in the backlog.
+    bool deferStart = false;
     // How long an idle keep-alive connection is held open.
     int keepAliveSeconds = 5;
     // A fixed port on 127.0.0.1 (0: an ephemeral one).
@@ -93,6 +96,8 @@ class DdiTestServer {
   int port() const;
   std::string baseUrl() const;   // "http://127.0.0.1:<port>" or "https://..."
   std::string certFile() const;  // the certificate in use for https, "" otherwise
+  // Starts answering; only needed with Options::deferStart.
+  void start();
 
   // Tenant "DEFAULT" and controller "dev01" unless changed here.
   void setTarget(std::string tenant, std::string controller);

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # tamrel-ddi-server as a hawkBit stand-in for any client, spoken to with
 # curl: what it refuses (400, 404, 405, 410), with which error document or
-# with none,
+# with none, that the first poll it answers already links the deployment,
 # feedback read as JSON whatever its layout, the links it offers as the
 # action runs, is canceled or closes, installedBase and actionHistory, and
 # one-shot faults that HEAD requests neither meet nor spend.
@@ -31,7 +31,6 @@ links() { request GET "$c" > /dev/null; grep -o '"[a-zA-Z]*":{"href"' "$work/ans
 fb() { printf '{"status":{"execution":"%s","result":{"finished":"%s"}%s}}' "$1" "$2" "${3:-}"; }
 
 serve
-address=$(sed -n 's|^DDI server on \(http://[0-9.:]*\)/.*|\1|p' "$log")
 c=/DEFAULT/controller/v1/dev01
 d=$c/deploymentBase/1/feedback
 unreadable=hawkbit.server.error.rest.body.notReadable
@@ -84,7 +83,6 @@ check "feedback to a closed action: 410 without a body" answered 410 - POST "$d"
 
 # Cancel after two polls; the cancel request carries the action's id.
 serve --cancel-after-polls 2 --ask-config-data
-address=$(sed -n 's|^DDI server on \(http://[0-9.:]*\)/.*|\1|p' "$log")
 check "before the cancel request: the deployment" eval 'links > /dev/null; test "$(links)" = "deploymentBase configData "'
 check "after N polls: only the cancel request (and configData, asked for at every poll)" \
   test "$(links)" = "cancelAction configData "
@@ -96,7 +94,6 @@ check "cancel feedback \"canceled\" closes the action as canceled" eval \
    test "$(links)" = "configData " && answered 410 - POST "$d" "$(fb closed success)"'
 
 serve --cancel-after-polls 1
-address=$(sed -n 's|^DDI server on \(http://[0-9.:]*\)/.*|\1|p' "$log")
 check "a rejected cancel request is withdrawn and not offered again" eval \
   'links > /dev/null; test "$(links)" = "cancelAction configData " &&
    answered 200 "" POST $c/cancelAction/1/feedback "$(fb rejected none)" && grep -qx "action 1: cancel rejected" "$log" &&
@@ -106,7 +103,6 @@ check "a rejected cancel request is withdrawn and not offered again" eval \
 fetch() { curl -s -H 'Authorization: TargetToken t0k#1' "$@" "$address/artifacts/image.bin"; }
 for fault in '--drop-after 1000:image.bin' '--fail-first 503:image.bin'; do
   serve $fault
-  address=$(sed -n 's|^DDI server on \(http://[0-9.:]*\)/.*|\1|p' "$log")
     check "$fault: HEAD has length and Accept-Ranges, twice" eval \
     '(for _ in 1 2; do fetch -I | tr -d "\r" > "$work/head"; grep -qx "Content-Length: 5000" "$work/head" &&
      grep -qx "Accept-Ranges: bytes" "$work/head" || exit 1; done)'
@@ -119,8 +115,21 @@ check "MD5SUM file as hawkBit writes it" test "$(fetch -o - | md5sum | cut -c1-3
   "$(curl -s -H 'Authorization: TargetToken t0k#1' "$address/artifacts/image.bin.MD5SUM")"
 
 serve --download-only
-address=$(sed -n 's|^DDI server on \(http://[0-9.:]*\)/.*|\1|p' "$log")
 check "\"downloaded\" closes a download-only action" eval \
   'answered 200 "" POST "$d" "$(fb downloaded none)" && grep -qx "action 1 closed: downloaded" "$log"'
 
+# Digests of a 256 MiB artifact take a while: polled from the moment it
+# starts, the server's first answer already links the deployment, and its
+# first line comes before any request.
+mkdir -p "$work/big"
+truncate -s 256M "$work/big/big.img"
+port=$((20000 + RANDOM % 20000))
+"$server" --port "$port" --artifacts "$work/big" > "$work/big.log" 2>&1 &
+pids+=($!)
+tries=0 first=''
+while [ $tries -lt 1200 ] && ! first=$(curl -s --max-time 60 "http://127.0.0.1:$port$c"); do
+  tries=$((tries + 1)); sleep 0.05
+done
+check "first answered poll links the deployment ($tries refused before)" eval \
+  'grep -q "\"deploymentBase\":{\"href\"" <<< "$first" && head -n1 "$work/big.log" | grep -q "^DDI server on"'
 exit $fail
