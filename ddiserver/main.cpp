@@ -54,7 +54,10 @@ char const kUsage[] =
     "                          without FILE) after BYTES bytes\n"
     "    --fail-first STATUS[:FILE]  answer that first GET with STATUS and an error page\n"
     "    --ignore-range        answer range requests with the whole file\n"
-    "    --https               serve over TLS with a self-signed certificate\n"
+    "    --https               serve over TLS with a certificate for 127.0.0.1 and\n"
+    "                          localhost signed by a throwaway CA\n"
+    "    --ca-out FILE         write that CA's certificate (PEM) to FILE\n"
+    "    --tls-cert FILE --tls-key FILE   serve over TLS with this certificate\n"
     "    --slow MS             send artifacts in 64 KiB pieces, MS apart\n"
     "    --fault WHERE=WHAT    WHERE: poll, deployment (its deploymentBase), config\n"
     "                          (the configData PUT), feedback (of the deployment) or\n"
@@ -76,6 +79,7 @@ struct Settings {
   testing::Fault always, once;               // faults on every / the first GET of an artifact
   std::string onceFile;                      // the artifact `once` is for; "" for each
   bool https = false;
+  std::string caOut, tlsCert, tlsKey;
   testing::Fault poll, deployment, config, feedback;  // --fault poll=, deployment=, ...
 };
 
@@ -146,6 +150,12 @@ bool parse(int argc, char** argv, Settings& settings) {
         settings.artifactDir = value;
       } else if (arg == "--sleep") {
         settings.sleep = value;
+      } else if (arg == "--ca-out") {
+        settings.caOut = value;
+      } else if (arg == "--tls-cert") {
+        settings.tlsCert = value;
+      } else if (arg == "--tls-key") {
+        settings.tlsKey = value;
       } else if (arg == "--chunk") {
         settings.chunk = value;
       } else if (arg == "--action") {
@@ -195,7 +205,9 @@ bool parse(int argc, char** argv, Settings& settings) {
       return false;
     }
   }
-  return true;
+  if (settings.tlsCert.empty() != settings.tlsKey.empty()) return false;
+  if (!settings.tlsCert.empty()) settings.https = true;
+  return !(!settings.caOut.empty() && (!settings.https || !settings.tlsCert.empty()));
 }
 
 bool isFault(testing::Fault const& fault) {
@@ -278,6 +290,8 @@ int main(int argc, char** argv) {
   testing::DdiTestServer::Options options;
   options.port = settings.port;
   options.https = settings.https;
+  options.certFile = settings.tlsCert;
+  options.keyFile = settings.tlsKey;
   // Connections wait in the backlog until everything is set up.
   options.deferStart = true;
   options.onRequest = [&](testing::RecordedRequest const& request) {
@@ -297,6 +311,14 @@ int main(int argc, char** argv) {
     return 1;
   }
   testing::DdiTestServer& server = *made;
+  if (!settings.caOut.empty()) {
+    std::ifstream in(server.caFile(), std::ios::binary);
+    std::ofstream out(settings.caOut, std::ios::binary);
+    if (!(out << in.rdbuf()) || !out.flush()) {
+      std::fprintf(stderr, "tamrel-ddi-server: cannot write %s\n", settings.caOut.c_str());
+      return 2;
+    }
+  }
   if (!settings.token.empty()) server.setRequireToken(settings.token);
   std::string const base = server.baseUrl();
 
