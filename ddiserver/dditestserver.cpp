@@ -83,9 +83,10 @@ DdiTestServer::DdiTestServer(Options const& options)
       char dir[] = "/tmp/dditestserver-XXXXXX";
       if (mkdtemp(dir) == nullptr) throw std::runtime_error("DdiTestServer: no temp directory");
       tempDir_ = dir;
+      caFile_ = tempDir_ + "/ca.pem";
       certFile_ = tempDir_ + "/cert.pem";
       keyFile = tempDir_ + "/key.pem";
-      if (!writeSelfSignedCertificate(certFile_, keyFile, "127.0.0.1")) {
+      if (!writeCaSignedCertificate(caFile_, certFile_, keyFile)) {
         throw std::runtime_error("DdiTestServer: cannot generate a certificate");
       }
     }
@@ -113,6 +114,11 @@ DdiTestServer::DdiTestServer(Options const& options)
     port_ = server_->bind_to_any_port("127.0.0.1");
   }
   if (port_ < 0) throw std::runtime_error("DdiTestServer: cannot bind");
+  if (!options.deferStart) start();
+}
+
+void DdiTestServer::start() {
+  if (thread_.joinable()) return;
   thread_ = std::thread([this] {
     server_->listen_after_bind();
     listenReturned_ = true;
@@ -133,6 +139,7 @@ DdiTestServer::~DdiTestServer() {
   if (thread_.joinable()) thread_.join();
   if (!tempDir_.empty()) {
     std::remove(certFile_.c_str());
+    std::remove(caFile_.c_str());
     std::remove((tempDir_ + "/key.pem").c_str());
     rmdir(tempDir_.c_str());
   }
@@ -145,6 +152,8 @@ std::string DdiTestServer::baseUrl() const {
 }
 
 std::string DdiTestServer::certFile() const { return https_ ? certFile_ : ""; }
+
+std::string DdiTestServer::caFile() const { return caFile_; }
 
 void DdiTestServer::setTarget(std::string tenant, std::string controller) {
   std::lock_guard<std::mutex> lock(mutex_);
@@ -499,11 +508,15 @@ void DdiTestServer::endIdleConnections() const {
   }
 }
 
-bool writeSelfSignedCertificate(std::string const& certFile, std::string const& keyFile,
-                                std::string const& commonName) {
-  EVP_PKEY* key = EVP_RSA_gen(2048);
+namespace {
+
+// A certificate for `key` named `commonName` with the given extensions,
+// signed by `issuerKey` in the name of `issuer` (itself when null).
+X509* makeCertificate(EVP_PKEY* key, std::string const& commonName, X509* issuer,
+                      EVP_PKEY* issuerKey,
+                      std::vector<std::pair<int, std::string>> const& extensions) {
   X509* cert = X509_new();
-  bool ok = key != nullptr && cert != nullptr;
+  bool ok = key != nullptr && issuerKey != nullptr && cert != nullptr;
   if (ok) {
     std::random_device random;
     ok = X509_set_version(cert, 2) == 1 &&
@@ -517,42 +530,84 @@ bool writeSelfSignedCertificate(std::string const& certFile, std::string const& 
     ok = X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
                                     reinterpret_cast<unsigned char const*>(commonName.c_str()), -1,
                                     -1, 0) == 1 &&
-         X509_set_issuer_name(cert, name) == 1;
+         X509_set_issuer_name(cert, issuer != nullptr ? X509_get_subject_name(issuer) : name) == 1;
   }
   if (ok) {
-    // Clients match the host against subjectAltName, not the CN.
-    in_addr ip{};
-    std::string const altName = inet_pton(AF_INET, commonName.c_str(), &ip) == 1
-                                    ? "IP:" + commonName
-                                    : "DNS:" + commonName + ",IP:127.0.0.1";
     X509V3_CTX context;
     X509V3_set_ctx_nodb(&context);
-    X509V3_set_ctx(&context, cert, cert, nullptr, nullptr, 0);
-    std::pair<int, std::string> const extensions[] = {
-        {NID_basic_constraints, "critical,CA:TRUE"},
-        {NID_subject_key_identifier, "hash"},
-        {NID_subject_alt_name, altName},
-    };
+    X509V3_set_ctx(&context, issuer != nullptr ? issuer : cert, cert, nullptr, nullptr, 0);
     for (auto const& [nid, value] : extensions) {
       X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, &context, nid, value.c_str());
       ok = ok && extension != nullptr && X509_add_ext(cert, extension, -1) == 1;
       X509_EXTENSION_free(extension);
     }
-    ok = ok && X509_sign(cert, key, EVP_sha256()) > 0;
+    ok = ok && X509_sign(cert, issuerKey, EVP_sha256()) > 0;
   }
-  if (ok) {
-    FILE* out = std::fopen(certFile.c_str(), "w");
-    ok = out != nullptr && PEM_write_X509(out, cert) == 1;
-    if (out != nullptr) ok = std::fclose(out) == 0 && ok;
+  if (!ok) {
+    X509_free(cert);
+    return nullptr;
   }
-  if (ok) {
-    FILE* out = std::fopen(keyFile.c_str(), "w");
-    ok = out != nullptr &&
-         PEM_write_PrivateKey(out, key, nullptr, nullptr, 0, nullptr, nullptr) == 1;
-    if (out != nullptr) ok = std::fclose(out) == 0 && ok;
-  }
+  return cert;
+}
+
+bool writeCertificate(std::string const& file, X509* cert) {
+  FILE* out = std::fopen(file.c_str(), "w");
+  bool ok = out != nullptr && PEM_write_X509(out, cert) == 1;
+  if (out != nullptr) ok = std::fclose(out) == 0 && ok;
+  return ok;
+}
+
+bool writeKey(std::string const& file, EVP_PKEY* key) {
+  FILE* out = std::fopen(file.c_str(), "w");
+  bool ok =
+      out != nullptr && PEM_write_PrivateKey(out, key, nullptr, nullptr, 0, nullptr, nullptr) == 1;
+  if (out != nullptr) ok = std::fclose(out) == 0 && ok;
+  return ok;
+}
+
+}  // namespace
+
+bool writeSelfSignedCertificate(std::string const& certFile, std::string const& keyFile,
+                                std::string const& commonName) {
+  // Clients match the host against subjectAltName, not the CN.
+  in_addr ip{};
+  std::string const altName = inet_pton(AF_INET, commonName.c_str(), &ip) == 1
+                                  ? "IP:" + commonName
+                                  : "DNS:" + commonName + ",IP:127.0.0.1";
+  EVP_PKEY* key = EVP_RSA_gen(2048);
+  X509* cert = makeCertificate(key, commonName, nullptr, key,
+                               {{NID_basic_constraints, "critical,CA:TRUE"},
+                                {NID_subject_key_identifier, "hash"},
+                                {NID_subject_alt_name, altName}});
+  bool const ok = cert != nullptr && writeCertificate(certFile, cert) && writeKey(keyFile, key);
   X509_free(cert);
   EVP_PKEY_free(key);
+  return ok;
+}
+
+bool writeCaSignedCertificate(std::string const& caFile, std::string const& certFile,
+                              std::string const& keyFile) {
+  // The CA's key lives only here: nothing else can be signed with it.
+  EVP_PKEY* caKey = EVP_RSA_gen(2048);
+  X509* ca = makeCertificate(caKey, "tamrel-ddi-server test CA", nullptr, caKey,
+                             {{NID_basic_constraints, "critical,CA:TRUE"},
+                              {NID_key_usage, "critical,keyCertSign,cRLSign"},
+                              {NID_subject_key_identifier, "hash"}});
+  EVP_PKEY* key = EVP_RSA_gen(2048);
+  X509* cert = ca == nullptr
+                   ? nullptr
+                   : makeCertificate(key, "localhost", ca, caKey,
+                                     {{NID_basic_constraints, "critical,CA:FALSE"},
+                                      {NID_key_usage, "critical,digitalSignature,keyEncipherment"},
+                                      {NID_ext_key_usage, "serverAuth"},
+                                      {NID_authority_key_identifier, "keyid"},
+                                      {NID_subject_alt_name, "IP:127.0.0.1,DNS:localhost"}});
+  bool const ok = cert != nullptr && writeCertificate(caFile, ca) &&
+                  writeCertificate(certFile, cert) && writeKey(keyFile, key);
+  X509_free(cert);
+  X509_free(ca);
+  EVP_PKEY_free(key);
+  EVP_PKEY_free(caKey);
   return ok;
 }
 

@@ -65,9 +65,13 @@ class DdiTestServer {
  public:
   struct Options {
     bool https = false;
-    // PEM files for https; when both are empty a self-signed certificate for
-    // 127.0.0.1 is generated into a temporary directory (see certFile()).
+    // PEM files for https; when both are empty a throwaway CA and a
+    // certificate for 127.0.0.1 and localhost signed by it are generated
+    // into a temporary directory (see certFile() and caFile()).
     std::string certFile, keyFile;
+    // Bind the port at once but accept connections only from start() on;
+    // until then they wait in the backlog.
+    bool deferStart = false;
     // How long an idle keep-alive connection is held open.
     int keepAliveSeconds = 5;
     // A fixed port on 127.0.0.1 (0: an ephemeral one).
@@ -93,6 +97,9 @@ class DdiTestServer {
   int port() const;
   std::string baseUrl() const;   // "http://127.0.0.1:<port>" or "https://..."
   std::string certFile() const;  // the certificate in use for https, "" otherwise
+  std::string caFile() const;    // the generated CA's certificate, "" when none
+  // Starts answering; only needed with Options::deferStart.
+  void start();
 
   // Tenant "DEFAULT" and controller "dev01" unless changed here.
   void setTarget(std::string tenant, std::string controller);
@@ -165,7 +172,7 @@ class DdiTestServer {
   Handler handler_;
 
   bool https_ = false;
-  std::string certFile_;
+  std::string certFile_, caFile_;
   std::string tempDir_;  // holds a generated certificate, removed on exit
   int port_ = -1;
   std::atomic<bool> stopping_{false};
@@ -179,5 +186,11 @@ class DdiTestServer {
 // commonName, plus IP 127.0.0.1) and its key as PEM files. False on failure.
 bool writeSelfSignedCertificate(std::string const& certFile, std::string const& keyFile,
                                 std::string const& commonName = "localhost");
+
+// Writes a new CA's certificate, and a certificate for 127.0.0.1 and
+// localhost signed by that CA with its key, as PEM files. The CA's key is
+// not kept. False on failure.
+bool writeCaSignedCertificate(std::string const& caFile, std::string const& certFile,
+                              std::string const& keyFile);
 
 }  // namespace tamrel::testing

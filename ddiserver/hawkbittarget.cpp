@@ -14,11 +14,17 @@ bool refuse(DdiTestServer::Answer& answer, int status, std::string const& errorC
       {400, "org.springframework.http.converter.HttpMessageNotReadableException"},
       {403, "org.eclipse.hawkbit.repository.exception.AssignmentQuotaExceededException"},
       {404, "org.eclipse.hawkbit.repository.exception.EntityNotFoundException"},
-      {405, "org.springframework.web.HttpRequestMethodNotSupportedException"},
-      {410, "org.eclipse.hawkbit.repository.exception.ActionNotActiveException"}};
+      {405, "org.springframework.web.HttpRequestMethodNotSupportedException"}};
   answer.status = status;
   answer.contentType = "application/json";
   answer.body = exceptionInfoJson(kClasses.at(status), errorCode, message);
+  return true;
+}
+
+// hawkBit's refusals that are no exception come without a body.
+bool bare(DdiTestServer::Answer& answer, int status) {
+  answer.status = status;
+  answer.body.clear();
   return true;
 }
 
@@ -29,11 +35,6 @@ bool notFound(DdiTestServer::Answer& answer, std::string const& what) {
 bool notReadable(DdiTestServer::Answer& answer, std::string const& reason) {
   return refuse(answer, 400, "hawkbit.server.error.rest.body.notReadable",
                 "The given request body is not well formed: " + reason);
-}
-
-bool notActive(DdiTestServer::Answer& answer) {
-  return refuse(answer, 410, "hawkbit.server.error.action.notActive",
-                "Action is not active anymore");
 }
 
 constexpr int kMaxStatusEntries = 1000;
@@ -153,16 +154,19 @@ bool HawkbitTarget::document(std::string const& kind, std::string const& id,
                              std::string const& query, DdiTestServer::Answer& answer) {
   if (kind == "cancelAction") {
     for (auto const& [actionId, action] : actions_) {
-      if (action.active && action.cancelId == id) {
+      if (!action.cancelId.empty() && action.cancelId == id) {
         answer.body = cancelActionJson(id, actionId);
         return true;
       }
     }
+    // A known action that is not being canceled: refused without a body.
+    if (actions_.count(id) != 0) return bare(answer, 404);
     return notFound(answer, "Cancel action " + id);
   }
   auto const it = actions_.find(id);
-  if (it == actions_.end() || (kind == "installedBase" && id != installed_))
-    return notFound(answer, "Action " + id);
+  if (it == actions_.end()) return notFound(answer, "Action " + id);
+  if (kind == "installedBase" && it->second.active) return bare(answer, 404);
+  if (kind == "deploymentBase" && !it->second.cancelId.empty()) return bare(answer, 404);
   Action& action = it->second;
   if (kind == "deploymentBase" && ++deploymentRequests_ == options_.windowOpensAt &&
       !action.deployment.maintenanceWindow.empty()) {
@@ -196,7 +200,7 @@ bool HawkbitTarget::feedback(std::string const& kind, std::string const& id,
     action = &it->second;
   }
   if (action == nullptr) return notFound(answer, "Action " + id);
-  if (!action->active) return notActive(answer);
+  if (!action->active) return bare(answer, 410);
   // hawkBit's default quotas, which also bound what a client can make us keep.
   if (++action->feedbacks > kMaxStatusEntries || sent.details.size() > kMaxMessagesPerStatus) {
     return refuse(answer, 403, "hawkbit.server.error.quota.tooManyEntries",

@@ -54,7 +54,10 @@ char const kUsage[] =
     "                          without FILE) after BYTES bytes\n"
     "    --fail-first STATUS[:FILE]  answer that first GET with STATUS and an error page\n"
     "    --ignore-range        answer range requests with the whole file\n"
-    "    --https               serve over TLS with a self-signed certificate\n"
+    "    --https               serve over TLS with a certificate for 127.0.0.1 and\n"
+    "                          localhost signed by a throwaway CA\n"
+    "    --ca-out FILE         write that CA's certificate (PEM) to FILE\n"
+    "    --tls-cert FILE --tls-key FILE   serve over TLS with this certificate\n"
     "    --slow MS             send artifacts in 64 KiB pieces, MS apart\n"
     "    --fault WHERE=WHAT    WHERE: poll, deployment (its deploymentBase), config\n"
     "                          (the configData PUT), feedback (of the deployment) or\n"
@@ -76,6 +79,7 @@ struct Settings {
   testing::Fault always, once;               // faults on every / the first GET of an artifact
   std::string onceFile;                      // the artifact `once` is for; "" for each
   bool https = false;
+  std::string caOut, tlsCert, tlsKey;
   testing::Fault poll, deployment, config, feedback;  // --fault poll=, deployment=, ...
 };
 
@@ -146,6 +150,12 @@ bool parse(int argc, char** argv, Settings& settings) {
         settings.artifactDir = value;
       } else if (arg == "--sleep") {
         settings.sleep = value;
+      } else if (arg == "--ca-out") {
+        settings.caOut = value;
+      } else if (arg == "--tls-cert") {
+        settings.tlsCert = value;
+      } else if (arg == "--tls-key") {
+        settings.tlsKey = value;
       } else if (arg == "--chunk") {
         settings.chunk = value;
       } else if (arg == "--action") {
@@ -195,7 +205,9 @@ bool parse(int argc, char** argv, Settings& settings) {
       return false;
     }
   }
-  return true;
+  if (settings.tlsCert.empty() != settings.tlsKey.empty()) return false;
+  if (!settings.tlsCert.empty()) settings.https = true;
+  return !(!settings.caOut.empty() && (!settings.https || !settings.tlsCert.empty()));
 }
 
 bool isFault(testing::Fault const& fault) {
@@ -232,6 +244,44 @@ int main(int argc, char** argv) {
   sigaddset(&stop, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &stop, nullptr);
 
+  // Every digest is computed before the port is bound: a client that finds
+  // the server always finds the deployment.
+  struct File {
+    std::string name, path;
+    testing::ArtifactDocument artifact;
+  };
+  std::vector<File> files;
+  if (!settings.artifactDir.empty()) {
+    DIR* dir = opendir(settings.artifactDir.c_str());
+    if (dir == nullptr) {
+      std::fprintf(stderr, "tamrel-ddi-server: cannot read %s\n", settings.artifactDir.c_str());
+      return 2;
+    }
+    std::vector<std::string> names;
+    while (dirent* entry = readdir(dir)) names.push_back(entry->d_name);
+    closedir(dir);
+    std::sort(names.begin(), names.end());
+    for (std::string const& file : names) {
+      std::string const path = settings.artifactDir + "/" + file;
+      struct stat info {};
+      if (stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) continue;
+      testing::ArtifactDocument artifact;
+      artifact.filename = settings.names.count(file) ? settings.names[file] : file;
+      artifact.size = static_cast<std::uint64_t>(info.st_size);
+      if (!digests(path, artifact.hashes)) {
+        std::fprintf(stderr, "tamrel-ddi-server: cannot read %s\n", path.c_str());
+        return 2;
+      }
+      if (file == settings.wrongSha256) artifact.hashes["sha256"] = std::string(64, '0');
+      if (settings.upperDigests) {
+        for (auto& entry : artifact.hashes) {
+          for (char& c : entry.second) c = static_cast<char>(std::toupper(c));
+        }
+      }
+      files.push_back({file, path, artifact});
+    }
+  }
+
   // Every request is printed as it arrives, with what the target makes of
   // it right after; one lock keeps their lines together.
   std::mutex output;
@@ -240,6 +290,10 @@ int main(int argc, char** argv) {
   testing::DdiTestServer::Options options;
   options.port = settings.port;
   options.https = settings.https;
+  options.certFile = settings.tlsCert;
+  options.keyFile = settings.tlsKey;
+  // Connections wait in the backlog until everything is set up.
+  options.deferStart = true;
   options.onRequest = [&](testing::RecordedRequest const& request) {
     std::lock_guard<std::mutex> guard(output);
     std::string const range = request.header("Range");
@@ -249,7 +303,22 @@ int main(int argc, char** argv) {
     if (!request.body.empty()) std::printf("    %s\n", request.body.c_str());
     std::fflush(stdout);
   };
-  testing::DdiTestServer server(options);
+  std::unique_ptr<testing::DdiTestServer> made;
+  try {
+    made = std::make_unique<testing::DdiTestServer>(options);
+  } catch (std::exception const& error) {
+    std::fprintf(stderr, "tamrel-ddi-server: %s\n", error.what());
+    return 1;
+  }
+  testing::DdiTestServer& server = *made;
+  if (!settings.caOut.empty()) {
+    std::ifstream in(server.caFile(), std::ios::binary);
+    std::ofstream out(settings.caOut, std::ios::binary);
+    if (!(out << in.rdbuf()) || !out.flush()) {
+      std::fprintf(stderr, "tamrel-ddi-server: cannot write %s\n", settings.caOut.c_str());
+      return 2;
+    }
+  }
   if (!settings.token.empty()) server.setRequireToken(settings.token);
   std::string const base = server.baseUrl();
 
@@ -277,68 +346,44 @@ int main(int argc, char** argv) {
   deployment.update = settings.update;
   deployment.maintenanceWindow = settings.window;
   deployment.chunks.push_back({"os", "1.0", settings.chunk, {}, settings.emptyArtifact});
-  if (!settings.artifactDir.empty()) {
-    DIR* dir = opendir(settings.artifactDir.c_str());
-    if (dir == nullptr) {
-      std::fprintf(stderr, "tamrel-ddi-server: cannot read %s\n", settings.artifactDir.c_str());
-      return 2;
+  for (File const& each : files) {
+    std::string const& file = each.name;
+    std::string const& path = each.path;
+    testing::ArtifactDocument artifact = each.artifact;
+    std::string const urlPath = "/artifacts/" + file;
+    std::string url;
+    if (file == settings.corrupt && artifact.size > 0) {
+      std::ifstream in(path, std::ios::binary);
+      std::string content((std::istreambuf_iterator<char>(in)), {});
+      // In the middle: a container's header stays readable, only the digests fail.
+      content[content.size() / 2] = static_cast<char>(~content[content.size() / 2]);
+      url = server.addArtifact(urlPath, content);
+    } else {
+      url = server.addFileArtifact(urlPath, path);
     }
-    std::vector<std::string> files;
-    while (dirent* entry = readdir(dir)) files.push_back(entry->d_name);
-    closedir(dir);
-    std::sort(files.begin(), files.end());
-    for (std::string const& file : files) {
-      std::string const path = settings.artifactDir + "/" + file;
-      struct stat info {};
-      if (stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) continue;
-      testing::ArtifactDocument artifact;
-      artifact.filename = settings.names.count(file) ? settings.names[file] : file;
-      artifact.size = static_cast<std::uint64_t>(info.st_size);
-      if (!digests(path, artifact.hashes)) {
-        std::fprintf(stderr, "tamrel-ddi-server: cannot read %s\n", path.c_str());
-        return 2;
-      }
-      if (file == settings.wrongSha256) artifact.hashes["sha256"] = std::string(64, '0');
-      if (settings.upperDigests) {
-        for (auto& entry : artifact.hashes) {
-          for (char& c : entry.second) c = static_cast<char>(std::toupper(c));
-        }
-      }
-      std::string const urlPath = "/artifacts/" + file;
-      std::string url;
-      if (file == settings.corrupt && info.st_size > 0) {
-        std::ifstream in(path, std::ios::binary);
-        std::string content((std::istreambuf_iterator<char>(in)), {});
-        // In the middle: a container's header stays readable, only the digests fail.
-        content[content.size() / 2] = static_cast<char>(~content[content.size() / 2]);
-        url = server.addArtifact(urlPath, content);
-      } else {
-        url = server.addFileArtifact(urlPath, path);
-      }
-      // The first GET meets the one-shot fault on top of the lasting one.
-      if (isFault(settings.once) && (settings.onceFile.empty() || settings.onceFile == file)) {
-        testing::Fault first = settings.always;
-        first.times = 1;
-        first.dropAfterBytes = settings.once.dropAfterBytes;
-        if (settings.once.status != 0) first.status = settings.once.status;
-        server.setFault(urlPath, first);
-        if (isFault(settings.always)) server.addFault(urlPath, settings.always);
-      } else if (isFault(settings.always)) {
-        server.setFault(urlPath, settings.always);
-      }
-      // hawkBit's download headers, and its MD5SUM file: "<md5>  <name>".
-      server.setArtifactHeaders(
-          urlPath, {{"ETag", "\"" + artifact.hashes["sha1"] + "\""},
-                    {"Content-Disposition", "attachment;filename=" + artifact.filename},
-                    {"X-Content-Type-Options", "nosniff"}});
-      server.serve(urlPath + ".MD5SUM", artifact.hashes["md5"] + "  " + artifact.filename, 200,
-                   "application/octet-stream");
-      bool const tls = settings.tlsLinks || settings.bothLinks;
-      artifact.links[tls ? "download" : "download-http"] = url;
-      artifact.links[tls ? "md5sum" : "md5sum-http"] = url + ".MD5SUM";
-      if (settings.bothLinks) artifact.links["download-http"] = url + "?http";
-      deployment.chunks.front().artifacts.push_back(artifact);
+    // The first GET meets the one-shot fault on top of the lasting one.
+    if (isFault(settings.once) && (settings.onceFile.empty() || settings.onceFile == file)) {
+      testing::Fault first = settings.always;
+      first.times = 1;
+      first.dropAfterBytes = settings.once.dropAfterBytes;
+      if (settings.once.status != 0) first.status = settings.once.status;
+      server.setFault(urlPath, first);
+      if (isFault(settings.always)) server.addFault(urlPath, settings.always);
+    } else if (isFault(settings.always)) {
+      server.setFault(urlPath, settings.always);
     }
+    // hawkBit's download headers, and its MD5SUM file: "<md5>  <name>".
+    server.setArtifactHeaders(urlPath,
+                              {{"ETag", "\"" + artifact.hashes["sha1"] + "\""},
+                               {"Content-Disposition", "attachment;filename=" + artifact.filename},
+                               {"X-Content-Type-Options", "nosniff"}});
+    server.serve(urlPath + ".MD5SUM", artifact.hashes["md5"] + "  " + artifact.filename, 200,
+                 "application/octet-stream");
+    bool const tls = settings.tlsLinks || settings.bothLinks;
+    artifact.links[tls ? "download" : "download-http"] = url;
+    artifact.links[tls ? "md5sum" : "md5sum-http"] = url + ".MD5SUM";
+    if (settings.bothLinks) artifact.links["download-http"] = url + "?http";
+    deployment.chunks.front().artifacts.push_back(artifact);
   }
   if (!deployment.chunks.front().artifacts.empty()) {
     target->assign(deployment);
@@ -364,6 +409,7 @@ int main(int argc, char** argv) {
                 controller.c_str());
     std::fflush(stdout);
   }
+  server.start();
   int number = 0;
   sigwait(&stop, &number);
   return 0;

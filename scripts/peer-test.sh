@@ -2,8 +2,9 @@
 # SWUpdate in suricatta (hawkBit) mode, a client written independently of this
 # project, against tamrel-ddi-server: the client's attributes are asked for
 # once, a signed image installs and its success is confirmed after a restart,
-# a corrupt image is reported as a failure, a cut transfer is retried to a
-# whole file, and a cancel request during the download is answered.
+# the same once more over HTTPS with the server's throwaway CA given to the
+# client, a corrupt image is reported as a failure, a cut transfer is retried
+# to a whole file, and a cancel request during the download is answered.
 # Usage: scripts/peer-test.sh BUILD_DIR   (BUILD_DIR holds tamrel-ddi-server)
 set -euo pipefail
 
@@ -68,6 +69,10 @@ identify : (
 	{ name = "serial"; value = "peer-01"; }
 );
 EOF
+# Over HTTPS the client trusts the CA that the server writes (--ca-out).
+{ cat "$work/swupdate.cfg"; printf 'suricatta : {\n\tcafile = "%s";\n};\n' "$work/ca.pem"; } \
+  > "$work/swupdate-https.cfg"
+client_cfg=$work/swupdate.cfg
 
 # view FILE: the server's output with each POST or PUT body on its request line.
 view() { sed '/^\(POST\|PUT\) /{N;s/\n */ /}' "$1"; }
@@ -102,8 +107,8 @@ start_server() {
   shift
   "$server" --port 0 --artifacts "$work/artifacts" --sleep 00:00:01 "$@" > "$srv_log" 2>&1 &
   srv_pid=$!
-  wait_for "$srv_log" '^DDI server on http://' 5 || return 1
-  url=$(sed -n '1s|^DDI server on \(http://[^/]*\)/.*|\1|p' "$srv_log")
+  wait_for "$srv_log" '^DDI server on https?://' 5 || return 1
+  url=$(sed -n '1s|^DDI server on \(https\?://[^/]*\)/.*|\1|p' "$srv_log")
 }
 
 # start_client NAME SURICATTA-OPTION...: swupdate polling the server every
@@ -113,7 +118,7 @@ start_server() {
 start_client() {
   cli_log=$work/$1.swupdate
   mkdir -p "$work/$1.tmp"
-  TMPDIR=$work/$1.tmp timeout 60 swupdate -f "$work/swupdate.cfg" -k "$work/cert.pem" -H peer:1.0 -l 5 \
+  TMPDIR=$work/$1.tmp timeout 60 swupdate -f "$client_cfg" -k "$work/cert.pem" -H peer:1.0 -l 5 \
     -u "-t DEFAULT -u $url -i dev01 -p 1 -r 3 -w 1 ${*:2}" > "$cli_log" 2>&1 &
   cli_pid=$!
 }
@@ -138,9 +143,9 @@ after_close() {
     || { why="the closed action was offered or fetched again"; return 1; }
 }
 
-case_success() {
+case_success() {  # [SERVER-OPTION...]
   local token=peer-secret at
-  start_server "$case_name" --token "$token" || { why="the server did not start"; return 1; }
+  start_server "$case_name" --token "$token" "$@" || { why="the server did not start"; return 1; }
   start_client "$case_name-install" -k "$token"
   wait_for "$srv_log" "$installed|$closing" 20 \
     || { why="no feedback that the image was installed"; return 1; }
@@ -164,6 +169,10 @@ case_success() {
   after_close "$at" || return 1
   [ "$(count "$srv_log" '^GET /artifacts/')" -eq 1 ] || { why="the image was downloaded again"; return 1; }
   no_error_answers || { why="the server answered a request with an error"; return 1; }
+}
+
+case_https() {
+  client_cfg=$work/swupdate-https.cfg case_success --https --ca-out "$work/ca.pem"
 }
 
 case_corrupt() {
@@ -212,7 +221,7 @@ case_cancel() {
 
 make_image
 failures=0
-for case_name in success corrupt cut cancel; do
+for case_name in success https corrupt cut cancel; do
   why='' srv_pid='' cli_pid='' srv_log=/dev/null cli_log=/dev/null
   rm -f "$install_dir/payload.bin"
   case_start=$SECONDS

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # tamrel-ddi-server as a hawkBit stand-in for any client, spoken to with
-# curl: what it refuses (400, 404, 405, 410) and with which error document,
+# curl: what it refuses (400, 404, 405, 410), with which error document or
+# with none, that the first poll it answers already links the deployment,
 # feedback read as JSON whatever its layout, the links it offers as the
 # action runs, is canceled or closes, installedBase and actionHistory, and
 # one-shot faults that HEAD requests neither meet nor spend.
@@ -17,15 +18,19 @@ request() {
   curl -s -o "$work/answer" -w '%{http_code}' -X "$1" -H 'Authorization: TargetToken t0k#1' \
     "${body[@]}" "$address$2"
 }
-answered() {  # status, error code ("" for none), METHOD PATH [BODY]
+answered() {  # status, error code ("" any body, "-" no body), METHOD PATH [BODY]
   local want=$1 code=$2; shift 2
-  [ "$(request "$@")" = "$want" ] && { [ -z "$code" ] || grep -q "\"errorCode\":\"$code\"" "$work/answer"; }
+  [ "$(request "$@")" = "$want" ] || return 1
+  case $code in
+    "") ;;
+    -) [ ! -s "$work/answer" ] ;;
+    *) grep -q "\"errorCode\":\"$code\"" "$work/answer" ;;
+  esac
 }
 links() { request GET "$c" > /dev/null; grep -o '"[a-zA-Z]*":{"href"' "$work/answer" | cut -d'"' -f2 | tr '\n' ' '; }
 fb() { printf '{"status":{"execution":"%s","result":{"finished":"%s"}%s}}' "$1" "$2" "${3:-}"; }
 
 serve
-address=$(sed -n 's|^DDI server on \(http://[0-9.:]*\)/.*|\1|p' "$log")
 c=/DEFAULT/controller/v1/dev01
 d=$c/deploymentBase/1/feedback
 unreadable=hawkbit.server.error.rest.body.notReadable
@@ -42,8 +47,11 @@ progress without a number|400|$unreadable|POST|$d|{"status":{"execution":"procee
 details that are no strings|400|$unreadable|POST|$d|{"status":{"execution":"proceeding","result":{"finished":"none"},"details":[1]}}
 feedback to an unknown action|404|hawkbit.server.error.repo.entitiyNotFound|POST|$c/deploymentBase/7/feedback|$(fb closed success)
 an unknown action's document|404|hawkbit.server.error.repo.entitiyNotFound|GET|$c/deploymentBase/7|
-a base not installed|404|hawkbit.server.error.repo.entitiyNotFound|GET|$c/installedBase/1|
-a POST to the controller base|405||POST|$c|{}
+installedBase of an unknown action|404|hawkbit.server.error.repo.entitiyNotFound|GET|$c/installedBase/7|
+installedBase of an action still active|404|-|GET|$c/installedBase/1|
+cancelAction of an action not being canceled|404|-|GET|$c/cancelAction/1|
+a cancel request never made|404|hawkbit.server.error.repo.entitiyNotFound|GET|$c/cancelAction/7|
+a POST to the controller base|405|hawkbit.server.error.rest.method.notSupported|POST|$c|{}
 configData without attributes|400|$unreadable|PUT|$c/configData|{"data":{}}
 configData with a key over 128|400|$unreadable|PUT|$c/configData|{"data":{"$(printf 'k%.0s' $(seq 129))":"v"}}
 configData with an unknown mode|400|$unreadable|PUT|$c/configData|{"data":{"k":"v"},"mode":"add"}
@@ -71,23 +79,21 @@ check "after a success: installedBase and configData offered, no deployment" \
 check "installedBase answers with the action's history" eval \
   'answered 200 "" GET "$c/installedBase/1?actionHistory=-1" && grep -q "\"status\":\"FINISHED\"" "$work/answer" &&
    grep -q "Assignment initiated by user" "$work/answer"'
-check "feedback to a closed action: 410 with an error document" \
-  answered 410 hawkbit.server.error.action.notActive POST "$d" "$(fb closed success)"
+check "feedback to a closed action: 410 without a body" answered 410 - POST "$d" "$(fb closed success)"
 
 # Cancel after two polls; the cancel request carries the action's id.
 serve --cancel-after-polls 2 --ask-config-data
-address=$(sed -n 's|^DDI server on \(http://[0-9.:]*\)/.*|\1|p' "$log")
 check "before the cancel request: the deployment" eval 'links > /dev/null; test "$(links)" = "deploymentBase configData "'
 check "after N polls: only the cancel request (and configData, asked for at every poll)" \
   test "$(links)" = "cancelAction configData "
-check "cancelAction names the action to stop" eval \
-  'answered 200 "" GET $c/cancelAction/1 && grep -q "\"stopId\":\"1\"" "$work/answer"'
+check "cancelAction names the action to stop; its deploymentBase is 404 without a body" eval \
+  'answered 200 "" GET $c/cancelAction/1 && grep -q "\"stopId\":\"1\"" "$work/answer" &&
+   answered 404 - GET $c/deploymentBase/1'
 check "cancel feedback \"canceled\" closes the action as canceled" eval \
   'answered 200 "" POST $c/cancelAction/1/feedback "$(fb canceled success)" && grep -qx "action 1 canceled" "$log" &&
-   test "$(links)" = "configData " && answered 410 "" POST "$d" "$(fb closed success)"'
+   test "$(links)" = "configData " && answered 410 - POST "$d" "$(fb closed success)"'
 
 serve --cancel-after-polls 1
-address=$(sed -n 's|^DDI server on \(http://[0-9.:]*\)/.*|\1|p' "$log")
 check "a rejected cancel request is withdrawn and not offered again" eval \
   'links > /dev/null; test "$(links)" = "cancelAction configData " &&
    answered 200 "" POST $c/cancelAction/1/feedback "$(fb rejected none)" && grep -qx "action 1: cancel rejected" "$log" &&
@@ -97,8 +103,7 @@ check "a rejected cancel request is withdrawn and not offered again" eval \
 fetch() { curl -s -H 'Authorization: TargetToken t0k#1' "$@" "$address/artifacts/image.bin"; }
 for fault in '--drop-after 1000:image.bin' '--fail-first 503:image.bin'; do
   serve $fault
-  address=$(sed -n 's|^DDI server on \(http://[0-9.:]*\)/.*|\1|p' "$log")
-  check "$fault: HEAD has length and Accept-Ranges, twice" eval \
+    check "$fault: HEAD has length and Accept-Ranges, twice" eval \
     '(for _ in 1 2; do fetch -I | tr -d "\r" > "$work/head"; grep -qx "Content-Length: 5000" "$work/head" &&
      grep -qx "Accept-Ranges: bytes" "$work/head" || exit 1; done)'
   fetch -o "$work/got"
@@ -110,7 +115,21 @@ check "MD5SUM file as hawkBit writes it" test "$(fetch -o - | md5sum | cut -c1-3
   "$(curl -s -H 'Authorization: TargetToken t0k#1' "$address/artifacts/image.bin.MD5SUM")"
 
 serve --download-only
-address=$(sed -n 's|^DDI server on \(http://[0-9.:]*\)/.*|\1|p' "$log")
 check "\"downloaded\" closes a download-only action" eval \
   'answered 200 "" POST "$d" "$(fb downloaded none)" && grep -qx "action 1 closed: downloaded" "$log"'
+
+# Digests of a 256 MiB artifact take a while: polled from the moment it
+# starts, the server's first answer already links the deployment, and its
+# first line comes before any request.
+mkdir -p "$work/big"
+truncate -s 256M "$work/big/big.img"
+port=$((20000 + RANDOM % 20000))
+"$server" --port "$port" --artifacts "$work/big" > "$work/big.log" 2>&1 &
+pids+=($!)
+tries=0 first=''
+while [ $tries -lt 1200 ] && ! first=$(curl -s --max-time 60 "http://127.0.0.1:$port$c"); do
+  tries=$((tries + 1)); sleep 0.05
+done
+check "first answered poll links the deployment ($tries refused before)" eval \
+  'grep -q "\"deploymentBase\":{\"href\"" <<< "$first" && head -n1 "$work/big.log" | grep -q "^DDI server on"'
 exit $fail

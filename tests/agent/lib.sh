@@ -22,14 +22,15 @@ wait_for() {  # pattern, file; the cap (120 s) only bounds a failing run
 }
 
 # Starts a server on an ephemeral port serving $work/art with the given
-# options; sets $log. The agent's settings go to $conf, downloads to $dl.
+# options; sets $log and $address. The agent's settings go to $conf,
+# downloads to $dl.
 n=0
 serve() {
   n=$((n + 1)); log=$work/server$n.log; conf=$work/agent$n.conf; dl=$work/dl$n
   "$server" --token 't0k#1' --artifacts "$work/art" "$@" > "$log" 2>&1 &
   pids+=($!)
   wait_for 'DDI server on' "$log" || { echo "server did not start"; cat "$log"; return 1; }
-  local address; address=$(sed -n 's|^DDI server on \(http://[0-9.:]*\)/.*|\1|p' "$log")
+  address=$(sed -n 's|^DDI server on \(https\?://[0-9.:]*\)/.*|\1|p' "$log")
   printf 'address = %s\ntenant-id = DEFAULT\ncontroller-id = dev01\n' "$address" > "$conf"
   # A '#' inside a value is kept; after a blank it starts a comment.
   printf 'token = t0k#1   # comment\ndownload-dir = %s\nattribute.serial = 42\n' "$dl" >> "$conf"
