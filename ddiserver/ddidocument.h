@@ -78,5 +78,4 @@ struct ConfigData {
 };
 ConfigData readConfigData(std::string const& body);
 
-
 }  // namespace tamrel::testing
