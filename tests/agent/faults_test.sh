@@ -51,7 +51,6 @@ subprocess.run(sys.argv[1:], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNUL
 print(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss)' "$agent" --once --config "$conf"
 }
 # A sanitizer's own memory would count too: those builds skip it.
-sanitized=$(sed -n 's/^TAMREL_SANITIZE:STRING=//p' "$build/CMakeCache.txt" 2>/dev/null)
 [ -n "$sanitized" ] && echo "skipped: peak memory under a $sanitized sanitizer build"
 for where in $([ -z "$sanitized" ] && echo poll deployment); do
   serve --fault $where=endless

@@ -2,6 +2,8 @@
 # on exit, check/wait_for, and serve/run_agent around tamrel-ddi-server.
 # The sourcing script gets the build directory as its first argument.
 build=$1
+# A sanitizer build's own memory counts in the agent's resident size.
+sanitized=$(sed -n 's/^TAMREL_SANITIZE:STRING=//p' "$build/CMakeCache.txt" 2>/dev/null)
 agent=$build/tamrel-agent
 server=$build/tamrel-ddi-server
 work=$(mktemp -d /tmp/tamrel-agent-test-XXXXXX)
@@ -34,6 +36,8 @@ serve() {
   printf 'address = %s\ntenant-id = DEFAULT\ncontroller-id = dev01\n' "$address" > "$conf"
   # A '#' inside a value is kept; after a blank it starts a comment.
   printf 'token = t0k#1   # comment\ndownload-dir = %s\nattribute.serial = 42\n' "$dl" >> "$conf"
+  # The poll's memory bound leaves room for a sanitizer's own memory.
+  [ -z "$sanitized" ] || echo 'max-document-mib = 512' >> "$conf"
 }
 run_agent() {  # settings lines for the config...
   printf '%s\n' "$@" >> "$conf"
