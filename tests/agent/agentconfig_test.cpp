@@ -36,19 +36,6 @@ std::string text(lookup& table, char const* key) {
   return "<not text>";
 }
 
-TEST(AgentConfig, DefaultsComeFromTheKeyTable) {
-  AgentConfig const config;
-  EXPECT_EQ(config.retries, 3);
-  EXPECT_EQ(config.timeoutSeconds, 60);
-  EXPECT_EQ(config.downloadMinRate, 1024);
-  EXPECT_EQ(config.pollTimeoutSeconds, 60);
-  EXPECT_EQ(config.feedbackTimeoutSeconds, 60);
-  EXPECT_EQ(config.maxDocumentMib, 16);
-  EXPECT_EQ(config.pollIntervalSeconds, 300);
-  EXPECT_EQ(config.maxPollIntervalSeconds, 86400);
-  EXPECT_EQ(config.rebootExitCode, -1);
-}
-
 TEST(AgentConfig, FileSettings) {
   TempDir dir;
   std::string const token = write(dir, "token", "s3cr#t\r\n");
@@ -66,6 +53,9 @@ TEST(AgentConfig, FileSettings) {
   EXPECT_EQ(config.timeoutSeconds, 7);
   EXPECT_EQ(config.rebootExitCode, 10);
   EXPECT_EQ(config.stateDir, "/tmp/s");
+  // Keys the file leaves out keep the table's defaults.
+  EXPECT_EQ(config.maxDocumentMib, 16);
+  EXPECT_EQ(config.bootIdFile, "/proc/sys/kernel/random/boot_id");
   // The library's table carries the download settings the file names.
   EXPECT_EQ(table["download-retries"]->integer(), 0);
   EXPECT_EQ(table["download-timeout-s"]->integer(), 7);

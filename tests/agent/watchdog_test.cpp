@@ -64,20 +64,4 @@ TEST(Watchdog, Verdicts) {
   }
 }
 
-TEST(Watchdog, WorkThatEndsInTimeHasNoVerdict) {
-  Watchdog::Limits limits;
-  limits.deadlineMs = 60000;
-  limits.windowMs = 60000;
-  int cancels = 0;
-  Watchdog watchdog(
-      limits, [] { return false; }, [&](Verdict) { ++cancels; });
-  EXPECT_TRUE(watchdog.run([&] {
-    watchdog.started();
-    watchdog.bytes(10);
-    return true;
-  }));
-  EXPECT_EQ(watchdog.verdict(), Verdict::kNone);
-  EXPECT_EQ(cancels, 0);
-}
-
 }  // namespace
