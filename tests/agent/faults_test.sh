@@ -137,6 +137,17 @@ code=$?; took=$(($(date +%s) - start))
 expect "SIGTERM during the install command" 0 5 "installation interrupted, left open"
 check "SIGTERM during the install command: action open, command ended" \
   eval 'test -z "$(closing)" && ! pgrep -f "sleep 60; touch $work" >/dev/null'
+# ... and before it is set up (still waiting to read its configuration from
+# a pipe): the signal waits for the agent to stop cleanly, nothing is sent.
+serve
+mkfifo "$work/fifo.conf"; echo "$ok" >> "$conf"
+"$agent" --once --config "$work/fifo.conf" > "$(alog)" 2>&1 &
+pid=$!
+for _ in $(seq 100); do grep -q partner "/proc/$pid/wchan" 2>/dev/null && break; sleep 0.1; done
+kill -TERM $pid; start=$(date +%s); cat "$conf" > "$work/fifo.conf"; wait $pid
+code=$?; took=$(($(date +%s) - start))
+expect "SIGTERM while starting" 0 5 "signal 15: stopping"
+check "SIGTERM while starting: no feedback" bash -c "! grep -q ^POST '$log'"
 serve --fault config=410
 once "$ok"
 expect "PUT refused" 0 10 "refused by the server: Injected status 410"
