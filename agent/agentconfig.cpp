@@ -87,7 +87,7 @@ std::vector<AgentConfig::Key> const& AgentConfig::keys() {
       {"poll-timeout-s", K::kNumber, false, "60", "deadline of one poll", 1, 86400},
       {"feedback-timeout-s", K::kNumber, false, "60", "deadline of one POST/PUT; past it: exit 4",
        1, 86400},
-      {"max-document-mib", K::kNumber, false, "16", "memory one poll answer may take", 1, 4096},
+      {"max-document-mib", K::kNumber, false, "16", "heap one poll may take", 1, 4096},
       {"poll-interval-s", K::kNumber, false, "300",
        "wait after a failed poll, or when the server names none", 1, 31 * 86400},
       {"max-poll-interval-s", K::kNumber, false, "86400", "longest wait between polls", 1,

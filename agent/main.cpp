@@ -11,6 +11,7 @@
 #include "agent/agentconfig.h"
 #include "agent/console.h"
 #include "agent/exitcode.h"
+#include "agent/memorybudget.h"
 #include "agent/pluginloader.h"
 #include "agent/signalthread.h"
 #include "agent/startupcheck.h"
@@ -46,6 +47,7 @@ std::string exitCodesHelp() {
 
 int main(int argc, char** argv) {
   SignalThread::blockStopSignals();
+  MemoryBudget::install();
   std::string pluginPath, configPath;
   bool once = false, downloadOnly = false;
   for (int i = 1; i < argc; ++i) {

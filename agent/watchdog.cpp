@@ -1,10 +1,10 @@
 #include "agent/watchdog.h"
 
-#include <unistd.h>
-
 #include <chrono>
-#include <cstdio>
+#include <optional>
 #include <thread>
+
+#include "agent/memorybudget.h"
 
 namespace {
 
@@ -20,16 +20,23 @@ Watchdog::Watchdog(Limits const& limits, std::function<bool()> stopping,
                    std::function<void(Verdict)> cancel)
     : limits_(limits), stopping_(std::move(stopping)), cancel_(std::move(cancel)) {}
 
-std::int64_t Watchdog::residentBytes() {
-  long long pages = 0, resident = 0;
-  FILE* statm = std::fopen("/proc/self/statm", "r");
-  if (statm == nullptr) return 0;
-  if (std::fscanf(statm, "%lld %lld", &pages, &resident) != 2) resident = 0;
-  std::fclose(statm);
-  return resident * sysconf(_SC_PAGESIZE);
+// The first verdict stands.
+void Watchdog::decide(Verdict verdict) {
+  Verdict none = Verdict::kNone;
+  verdict_.compare_exchange_strong(none, verdict);
+}
+
+// Called inside the allocation that passed the budget: the transfer is
+// cancelled at once, before the answer grows further.
+void Watchdog::overBudget(void* self) {
+  auto* const watchdog = static_cast<Watchdog*>(self);
+  watchdog->decide(Verdict::kTooLarge);
+  watchdog->cancel_(Verdict::kTooLarge);
 }
 
 bool Watchdog::run(std::function<bool()> const& work) {
+  std::optional<MemoryBudget> budget;
+  if (limits_.memoryBytes > 0) budget.emplace(limits_.memoryBytes, &Watchdog::overBudget, this);
   std::thread watcher([this] { watch(); });
   bool const result = work();
   {
@@ -43,7 +50,6 @@ bool Watchdog::run(std::function<bool()> const& work) {
 
 void Watchdog::watch() {
   std::int64_t const start = nowMs();
-  std::int64_t const baseline = limits_.memoryBytes > 0 ? residentBytes() : 0;
   std::int64_t stopSince = -1, windowStart = -1, windowFrom = 0;
   std::unique_lock<std::mutex> guard(lock_);
   while (!wake_.wait_for(guard, std::chrono::milliseconds(50), [this] { return done_; })) {
@@ -55,8 +61,6 @@ void Watchdog::watch() {
         if (now - stopSince >= limits_.stopGraceMs) verdict = Verdict::kStopped;
       } else if (limits_.deadlineMs > 0 && now - start > limits_.deadlineMs) {
         verdict = Verdict::kDeadline;
-      } else if (limits_.memoryBytes > 0 && residentBytes() - baseline > limits_.memoryBytes) {
-        verdict = Verdict::kTooLarge;
       } else if (limits_.windowMs > 0 && started_) {
         // Consecutive windows: each must bring its share, so a trickle is
         // caught as surely as silence.
@@ -70,7 +74,8 @@ void Watchdog::watch() {
           windowFrom = received;
         }
       }
-      verdict_ = verdict;
+      if (verdict != Verdict::kNone) decide(verdict);
+      verdict = verdict_.load();
     }
     if (verdict != Verdict::kNone) {
       guard.unlock();

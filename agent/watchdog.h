@@ -9,7 +9,7 @@
 
 // Watches one operation of the library from a thread of its own and gives a
 // verdict when it must end: the agent stops, a deadline passes, too few bytes
-// arrive within a window, or the process grows too much. The library forgets
+// arrive within a window, or the work takes too much memory (MemoryBudget). The library forgets
 // a cancel that comes before a transfer begins and a poll makes several
 // transfers, so `cancel` is called again every tick once a verdict stands.
 class Watchdog {
@@ -19,7 +19,7 @@ class Watchdog {
     std::int64_t deadlineMs = 0;   // for the whole operation; 0: none
     std::int64_t windowMs = 0;     // rate window, counted from started(); 0: none
     std::int64_t windowBytes = 1;  // bytes that must arrive in each window
-    std::int64_t memoryBytes = 0;  // growth of resident memory; 0: no bound
+    std::int64_t memoryBytes = 0;  // heap the work may take; 0: no bound
     std::int64_t stopGraceMs = 0;  // how long a stopping agent waits for the work
   };
 
@@ -36,10 +36,10 @@ class Watchdog {
   void started() { started_ = true; }
   void bytes(std::int64_t count) { bytes_ += count; }
 
-  static std::int64_t residentBytes();  // of this process, from /proc
-
  private:
   void watch();
+  void decide(Verdict verdict);
+  static void overBudget(void* self);
 
   Limits const limits_;
   std::function<bool()> const stopping_;

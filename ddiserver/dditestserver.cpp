@@ -342,6 +342,10 @@ void DdiTestServer::handle(httplib::Request const& req, httplib::Response& res) 
     res.status = 200;
     return;
   }
+  if (hasFault && fault.body) {
+    res.set_content(*fault.body, "application/hal+json");
+    return;
+  }
   Fault const* shaping = hasFault ? &fault : nullptr;
   Answer answer;
   if (handler && handler(record, answer)) {

@@ -59,6 +59,8 @@ struct Fault {
   // After the body this many more bytes, -1: endlessly; the answer then goes
   // without Content-Length (chunked).
   long long trailingBytes = 0;
+  // Answer 200 with this body instead of the resource (a hostile document).
+  std::shared_ptr<std::string const> body;
 };
 
 class DdiTestServer {

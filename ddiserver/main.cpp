@@ -66,7 +66,9 @@ char const kUsage[] =
     "                          stall (no answer), trickle (1 byte per 100 ms), overlong\n"
     "                          (the body and 1 MiB more) or endless (the body, then\n"
     "                          bytes without end), both without Content-Length,\n"
-    "                          or an HTTP status with an error document\n";
+    "                          or an HTTP status with an error document; or (14 MiB\n"
+    "                          answered in full) flood (log lines, not JSON), deep\n"
+    "                          (arrays nested 7 Mi deep), many (100 000 artifacts)\n";
 
 struct Settings {
   int port = 0;
@@ -84,6 +86,33 @@ struct Settings {
   testing::Fault poll, deployment, config, feedback;  // --fault poll=, deployment=, ...
 };
 
+// Hostile documents of 14 MiB or less, so that they pass a host's default
+// bound of 16 MiB and are parsed: log lines that are not JSON, arrays nested
+// 7 Mi deep, or a deployment of 100 000 artifacts. Empty when `what` is none.
+std::string hostileDocument(std::string const& what) {
+  std::string text;
+  if (what == "flood") {
+    std::string const line =
+        "2026-01-01T00:00:00Z [I] libtamrelcore -> Download finished (rootfs.img)\n\x1b[2K";
+    while (text.size() + line.size() <= 14u << 20) text += line;
+  } else if (what == "deep") {
+    text = std::string(7u << 20, '[') + std::string(7u << 20, ']');
+  } else if (what == "many") {
+    text = R"({"id":"1","deployment":{"download":"forced","update":"forced","chunks":[)"
+           R"({"part":"os","version":"1","name":"many","artifacts":[)";
+    for (int i = 0; i < 100000; ++i) {
+      char artifact[160];
+      std::snprintf(artifact, sizeof artifact,
+                    R"(%s{"filename":"a%05d","size":1,"hashes":{"sha1":"%040d"},)"
+                    R"("_links":{"download-http":{"href":"http://h/a%05d"}}})",
+                    i == 0 ? "" : ",", i, i, i);
+      text += artifact;
+    }
+    text += "]}]}}";
+  }
+  return text;
+}
+
 // --fault WHERE=WHAT into the settings; false when not understood.
 bool parseFault(std::string const& value, Settings& settings) {
   std::size_t const equals = value.find('=');
@@ -99,6 +128,8 @@ bool parseFault(std::string const& value, Settings& settings) {
     fault.trailingBytes = what == "endless" ? -1 : 1 << 20;
   } else if (!what.empty() && what.find_first_not_of("0123456789") == std::string::npos) {
     fault.status = std::stoi(what);
+  } else if (std::string body = hostileDocument(what); !body.empty()) {
+    fault.body = std::make_shared<std::string const>(std::move(body));
   } else {
     return false;
   }
@@ -213,7 +244,8 @@ bool parse(int argc, char** argv, Settings& settings) {
 
 bool isFault(testing::Fault const& fault) {
   return fault.status != 0 || fault.dropAfterBytes >= 0 || fault.ignoreRange ||
-         fault.chunkBytes > 0 || fault.answerDelayMs > 0 || fault.trailingBytes != 0;
+         fault.chunkBytes > 0 || fault.answerDelayMs > 0 || fault.trailingBytes != 0 ||
+         fault.body != nullptr;
 }
 
 // SHA-1, MD5 and SHA-256 of a file, each on a thread of its own (the file

@@ -43,8 +43,9 @@ endless poll answer|--fault poll=endless|max-document-mib=8|20|more than 8 MiB
 token refused|--token other|poll-timeout-s=5|8|check token or token-file
 TLS certificate not trusted|--https|address=https://127.0.0.1:0|8|install that CA
 EOF
-# Memory under endless answers with the default bound: the peak resident
-# size (of the agent, read by python3 from its rusage) stays under 128 MiB.
+# Memory under hostile answers with the default bound: each is cancelled or
+# its parse refused, and the peak resident size (of the agent, read by
+# python3 from its rusage) stays under 128 MiB.
 peak_kib() {
   python3 -c 'import resource, subprocess, sys
 subprocess.run(sys.argv[1:], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
@@ -52,10 +53,10 @@ print(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss)' "$agent" --once -
 }
 # A sanitizer's own memory would count too: those builds skip it.
 [ -n "$sanitized" ] && echo "skipped: peak memory under a $sanitized sanitizer build"
-for where in $([ -z "$sanitized" ] && echo poll deployment); do
-  serve --fault $where=endless
+for fault in $([ -z "$sanitized" ] && echo poll=endless deployment={endless,flood,deep,many}); do
+  serve --fault $fault
   printf '%s\n' "$ok" >> "$conf"
-  check "endless $where answer, default bound: peak under 128 MiB" test "$(peak_kib)" -lt 131072
+  check "$fault answer, default bound: peak under 128 MiB" test "$(peak_kib)" -lt 131072
 done
 
 # A deploymentBase that cannot be read: said, nothing sent, status 3.

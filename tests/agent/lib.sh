@@ -36,8 +36,6 @@ serve() {
   printf 'address = %s\ntenant-id = DEFAULT\ncontroller-id = dev01\n' "$address" > "$conf"
   # A '#' inside a value is kept; after a blank it starts a comment.
   printf 'token = t0k#1   # comment\ndownload-dir = %s\nattribute.serial = 42\n' "$dl" >> "$conf"
-  # The poll's memory bound leaves room for a sanitizer's own memory.
-  [ -z "$sanitized" ] || echo 'max-document-mib = 512' >> "$conf"
 }
 run_agent() {  # settings lines for the config...
   printf '%s\n' "$@" >> "$conf"

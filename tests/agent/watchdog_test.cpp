@@ -56,7 +56,7 @@ TEST(Watchdog, Verdicts) {
         c.limits, [&] { return c.stopping; }, [&](Verdict) { work.cancel(); });
     bool const result = watchdog.run([&] {
       if (c.started) watchdog.started();
-      if (c.limits.memoryBytes > 0) grown.assign(32 << 20, 'x');  // touched: resident
+      if (c.limits.memoryBytes > 0) grown.assign(32 << 20, 'x');  // counted as allocated
       return work.untilCancelled();
     });
     EXPECT_FALSE(result) << c.what;

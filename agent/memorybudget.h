@@ -1,0 +1,31 @@
+#ifndef TAMREL_AGENT_MEMORYBUDGET_H_
+#define TAMREL_AGENT_MEMORYBUDGET_H_
+
+#include <cstdint>
+
+// Bounds how much heap one operation of the library may take. The library
+// keeps a poll's answers in memory whatever their size and parses them with
+// cJSON, and a transfer over a fast link ends long before any periodic check
+// of the process's size. So the agent counts, as it happens, every byte held
+// through C++ allocations (its own `operator new`) and through cJSON (hooks
+// installed by install()). While a Budget lives, growth past its bound calls
+// `onExceeded` once, on the allocating thread, and cJSON gets no more memory,
+// which ends a parse as unreadable. C++ allocations are never refused.
+class MemoryBudget {
+ public:
+  // Makes cJSON allocate through the counter. Call once, before any cJSON use.
+  static void install();
+  // Bytes held now through the counted allocations.
+  static std::int64_t heldBytes();
+
+  // `onExceeded(context)` must neither allocate nor block: it runs inside an
+  // allocation. One budget at a time.
+  MemoryBudget(std::int64_t bytes, void (*onExceeded)(void*), void* context);
+  ~MemoryBudget();
+  MemoryBudget(MemoryBudget const&) = delete;
+  MemoryBudget& operator=(MemoryBudget const&) = delete;
+
+  bool exceeded() const;
+};
+
+#endif  // TAMREL_AGENT_MEMORYBUDGET_H_
