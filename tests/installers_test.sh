@@ -84,10 +84,12 @@ bundle good.raucb signer && bundle untrusted.raucb other && swu good.swu swu && 
 rauc_pid='' server_pid='' boots=0
 trap '[ -z "$rauc_pid" ] || { kill $rauc_pid; wait $rauc_pid; grep -o " $dev/mnt/[^ ]*" /proc/mounts | xargs -r umount; }
       cleanup' EXIT
-# boot SLOT: a new boot id, the RAUC service started again booted from SLOT.
-boot() {
-  echo "boot$((++boots))" > "$dev/boot-id"
-  [ -z "$rauc_pid" ] || { kill "$rauc_pid"; wait "$rauc_pid"; }
+# boot [SLOT]: a new boot id, the RAUC service started again booted from SLOT.
+# service [SLOT]: the service stopped, and started booted from SLOT.
+boot() { echo "boot$((++boots))" > "$dev/boot-id"; service "${1:-}"; }
+service() {
+  [ -z "$rauc_pid" ] || { kill "$rauc_pid"; wait "$rauc_pid"; rauc_pid=''; }
+  [ -n "${1:-}" ] || return 0
   timeout 300 rauc service --conf="$dev/system.conf" --override-boot-slot="$1" >> "$dev/rauc.log" 2>&1 &
   rauc_pid=$!
   for _ in $(seq 100); do
@@ -145,7 +147,8 @@ confirmed='confirm command: exit 0'
 device rauc good.raucb; agent
 check "rauc: slot B written, B primary once, reboot asked, nothing closed" \
   eval 'installed_once && file_is "$boot/primaries" B && test -z "$(closing)"'
-boot B; agent
+# The agent starts before the service after this reboot: confirm waits for it.
+boot; agent 'waiting for the RAUC service' LOG 'service B'
 check "rauc: confirmed after the reboot, closed success once, B marked good" \
   eval 'closed_once success "$confirmed" && file_is "$boot/state.B" good && file_is "$boot/primaries" B && reboots 1'
 
