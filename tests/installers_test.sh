@@ -12,6 +12,9 @@ src=$(cd "$(dirname "$0")/.." && pwd)/installers
 for tool in rauc mksquashfs dbus-daemon swupdate openssl cpio curl; do
   command -v $tool > /dev/null || { echo "installers test: $tool is missing"; exit 2; }
 done
+# The server lib.sh starts is bounded too.
+printf '#!/bin/sh\nexec timeout 300 %s "$@"\n' "$server" > "$work/server" && chmod +x "$work/server"
+server=$work/server
 start=$SECONDS dev=$work/dev boot=$work/dev/boot keys=$work/keys
 mkdir -p "$dev/mnt" "$keys"
 head -c 300000 /dev/urandom > "$work/image"
