@@ -5,7 +5,7 @@ CMAKE_FLAGS ?=
 CTEST = ctest --output-on-failure --no-tests=error -j$(JOBS)
 
 .PHONY: all deps build test test-asan test-tsan test-valgrind test-armhf test-arm64 soak bench fuzz fuzz-smoke demo clean format \
-	deb deb-armhf deb-arm64 test-deb test-peer
+	deb deb-armhf deb-arm64 test-deb test-peer test-installers
 
 all: build
 
@@ -81,6 +81,12 @@ test-deb: deb
 test-peer: build
 	@scripts/install-deps.sh peer
 	scripts/peer-test.sh build
+
+# The agent installing through RAUC and SWUpdate, from Debian, with the
+# integrations of installers/ (root).
+test-installers: build
+	@scripts/install-deps.sh installers
+	tests/installers_test.sh build
 
 demo: build
 	./build/tamrel-demo

@@ -41,6 +41,9 @@ check "the package made /var/lib/tamrel/downloads and state" \
   test -d /var/lib/tamrel/downloads -a -d /var/lib/tamrel/state
 check "agent.conf is a conffile" \
   sh -c 'dpkg-query -W -f="\${Conffiles}" tamrel-agent | grep -q /etc/tamrel/agent.conf'
+check "every script the RAUC and SWUpdate fragments name is installed and executable" sh -c '
+  paths=$(sed -n "s|^[a-z]*-command = \(/usr/share/[^ ]*\).*|\1|p" /usr/share/tamrel-agent/installers/*/agent.conf)
+  [ "$(echo "$paths" | wc -l)" -eq 4 ] && for p in $paths; do test -x "$p" || { echo "missing: $p"; exit 1; }; done'
 check "the agent carries no test server (links no cpp-httplib)" \
   sh -c '! readelf -d /usr/bin/tamrel-agent | grep "NEEDED.*httplib"'
 # As the unit starts it, then as a user would, without the development

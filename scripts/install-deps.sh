@@ -8,12 +8,14 @@ packages=(cmake ninja-build g++ pkg-config make
           libcurl4-openssl-dev libcjson-dev libssl-dev
           libgtest-dev libgmock-dev libcpp-httplib-dev python3 help2man)
 # Extra groups, selected by arguments: fuzz (clang + libFuzzer runtime),
-# valgrind, peer (SWUpdate for scripts/peer-test.sh).
+# valgrind, peer (SWUpdate for scripts/peer-test.sh), installers (RAUC and
+# SWUpdate for tests/installers_test.sh).
 for extra in "$@"; do
   case "$extra" in
     fuzz) packages+=(clang libclang-rt-14-dev) ;;
     valgrind) packages+=(valgrind) ;;
     peer) packages+=(swupdate openssl cpio) ;;
+    installers) packages+=(rauc squashfs-tools dbus swupdate openssl cpio curl) ;;
     *) echo "install-deps: unknown group '$extra'" >&2; exit 2 ;;
   esac
 done

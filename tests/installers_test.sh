@@ -1,0 +1,201 @@
+#!/usr/bin/env bash
+# tamrel-agent with the shipped RAUC and SWUpdate integrations against
+# tamrel-ddi-server: a signed update goes into slot B, the test "reboots" (a
+# new boot id, the RAUC service restarted with the slot booted), the next
+# start confirms. Checked on the device (slot files, the boot loader's files)
+# and on the server (one closing feedback, the action's history). Needs root.
+# usage: installers_test.sh BUILD_DIR   (KEEP=1 keeps the work directory)
+set -uo pipefail
+. "$(dirname "$0")/agent/lib.sh"
+src=$(cd "$(dirname "$0")/.." && pwd)/installers
+[ "$(id -u)" -eq 0 ] || { echo "installers test: needs root"; exit 2; }
+for tool in rauc mksquashfs dbus-daemon swupdate openssl cpio curl; do
+  command -v $tool > /dev/null || { echo "installers test: $tool is missing"; exit 2; }
+done
+# The server lib.sh starts is bounded too.
+printf '#!/bin/sh\nexec timeout 300 %s "$@"\n' "$server" > "$work/server" && chmod +x "$work/server"
+server=$work/server
+start=$SECONDS dev=$work/dev boot=$work/dev/boot keys=$work/keys
+mkdir -p "$dev/mnt" "$keys"
+head -c 300000 /dev/urandom > "$work/image"
+head -c 300000 /dev/zero > "$work/zeros"
+
+# RAUC's keyring is a CA that issued the signing certificate; other.pem is
+# trusted by neither installer.
+sign() { (cd "$keys" && openssl "$@" -days 2 2> /dev/null); }
+sign req -x509 -newkey rsa:2048 -nodes -subj /CN=ca -keyout ca.key -out ca.pem \
+  -addext basicConstraints=critical,CA:TRUE -addext keyUsage=critical,keyCertSign
+sign req -newkey rsa:2048 -nodes -subj /CN=signer -keyout signer.key -out signer.csr
+printf 'basicConstraints=critical,CA:FALSE\nkeyUsage=critical,digitalSignature\n' > "$keys/ext"
+sign x509 -req -in signer.csr -CA ca.pem -CAkey ca.key -CAcreateserial -extfile ext -out signer.pem
+for k in other swu; do sign req -x509 -newkey rsa:2048 -nodes -subj /CN=$k -keyout $k.key -out $k.pem; done
+
+# A private system bus: root may own RAUC's name, anyone call it and
+# receive its answers and signals.
+cat > "$dev/bus.conf" << EOF
+<busconfig><type>system</type><listen>unix:path=$dev/bus</listen><auth>EXTERNAL</auth>
+<policy context="default"><allow user="*"/><allow own="de.pengutronix.rauc"/>
+<allow send_destination="*"/><allow send_type="signal"/><allow receive_type="method_call"/>
+<allow receive_type="method_return"/><allow receive_type="error"/><allow receive_type="signal"/>
+</policy></busconfig>
+EOF
+timeout 300 dbus-daemon --nofork --config-file="$dev/bus.conf" 2> /dev/null &
+pids+=($!)
+export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$dev/bus
+
+# The boot loader stand-in keeps the primary slot and each slot's state in
+# files; set-primary makes the slot bootable again, and while $boot/hold
+# exists it first waits for $boot/go (an install caught in the act).
+cat > "$dev/backend" << EOF
+#!/bin/sh
+cd $boot && case \$1 in get-primary) cat primary ;; get-state) cat state.\$2 ;; set-state) echo \$3 > state.\$2 ;;
+set-primary) ! rm hold 2> /dev/null || { echo > busy; timeout 20 sh -c 'until [ -e go ]; do sleep 0.1; done'; }
+  echo \$2 >> primaries; echo \$2 > primary; echo good > state.\$2 ;; *) exit 1 ;; esac
+EOF
+# SWUpdate's boot-loader environment stand-in: a file a variable.
+printf '#!/bin/sh\ncd %s && if [ "$1" = get ]; then cat "env.$2"; else echo "$3" > "env.$2"; fi\n' "$boot" > "$dev/bootenv"
+printf '#!/bin/sh\necho >> %s/reboots\n' "$dev" > "$dev/reboot"
+chmod +x "$dev/backend" "$dev/bootenv" "$dev/reboot"
+printf '%s\n' '[system]' compatible=tamrel-test bootloader=custom "mountprefix=$dev/mnt" \
+  "statusfile=$dev/rauc.status" '[handlers]' "bootloader-custom-backend=$dev/backend" '[keyring]' \
+  "path=$keys/ca.pem" '[slot.rootfs.0]' "device=$dev/slotA" type=raw bootname=A \
+  '[slot.rootfs.1]' "device=$dev/slotB" type=raw bootname=B > "$dev/system.conf"
+
+# bundle NAME KEY: a plain RAUC bundle of the image (its manifest written
+# afresh: rauc bundle rewrites it). swu NAME KEY: a signed SWUpdate image
+# writing the image into slot A or B.
+bundle() {
+  mkdir -p "$work/b" && cp "$work/image" "$work/b/rootfs.img"
+  printf '[update]\ncompatible=tamrel-test\nversion=2\n[bundle]\nformat=plain\n[image.rootfs]\nfilename=rootfs.img\n' \
+    > "$work/b/manifest.raucm"
+  timeout 60 rauc bundle --cert="$keys/$2.pem" --key="$keys/$2.key" "$work/b" "$work/$1" > /dev/null 2>&1
+}
+swu() {
+  local d=$work/s sum; mkdir -p "$d" && cp "$work/image" "$d/image" && sum=$(sha256sum < "$d/image")
+  printf 'software = { version = "2"; hardware-compatibility: [ "1.0" ]; stable: {\n' > "$d/sw-description"
+  for m in A B; do printf '%s: { files: ( { filename = "image"; path = "%s"; sha256 = "%s"; } ); };\n' \
+    $m "$dev/slot$m" "${sum%% *}"; done >> "$d/sw-description"
+  echo '}; }' >> "$d/sw-description"
+  openssl cms -sign -in "$d/sw-description" -out "$d/sw-description.sig" -signer "$keys/$2.pem" \
+    -inkey "$keys/$2.key" -outform DER -nosmimecap -binary
+  (cd "$d" && printf '%s\n' sw-description sw-description.sig image | cpio --quiet -o -H crc) > "$work/$1"
+}
+bundle good.raucb signer && bundle untrusted.raucb other && swu good.swu swu && swu other.swu other ||
+  { echo "could not make the update files"; exit 2; }
+
+# A service stopped during an install would leave its bundle mounted.
+rauc_pid='' server_pid='' boots=0
+trap '[ -z "$rauc_pid" ] || { kill $rauc_pid; wait $rauc_pid; grep -o " $dev/mnt/[^ ]*" /proc/mounts | xargs -r umount; }
+      cleanup' EXIT
+# boot [SLOT]: a new boot id, the RAUC service started again booted from SLOT.
+# service [SLOT]: the service stopped, and started booted from SLOT.
+boot() { echo "boot$((++boots))" > "$dev/boot-id"; service "${1:-}"; }
+service() {
+  [ -z "$rauc_pid" ] || { kill "$rauc_pid"; wait "$rauc_pid"; rauc_pid=''; }
+  [ -n "${1:-}" ] || return 0
+  timeout 300 rauc service --conf="$dev/system.conf" --override-boot-slot="$1" >> "$dev/rauc.log" 2>&1 &
+  rauc_pid=$!
+  for _ in $(seq 100); do
+    timeout 5 dbus-send --system --print-reply --dest=org.freedesktop.DBus / org.freedesktop.DBus.NameHasOwner \
+      string:de.pengutronix.rauc 2> /dev/null | grep -q true && return 0
+    sleep 0.1
+  done
+  echo "the RAUC service did not start"; return 1
+}
+# device INSTALLER FILE [SERVER-OPTION...]: blank slots, slot A booted and
+# primary, the server offering FILE, the agent set up with the shipped
+# fragment pointed at the test's files.
+device() {
+  local extra=''; [ "$1" = rauc ] || extra="--bootenv $dev/bootenv "
+  [ -z "$server_pid" ] || kill "$server_pid"
+  rm -rf "$boot" "$work/art" "$work/state" "$dev/reboots" "$dev/rauc.status"
+  mkdir -p "$boot" "$work/art" && cp "$work/$2" "$work/art/"
+  for s in A B; do cp "$work/zeros" "$dev/slot$s"; echo good > "$boot/state.$s"; done
+  echo A > "$boot/primary"; echo A > "$boot/env.boot_slot"
+  boot A && serve "${@:3}" || return 1
+  server_pid=${pids[-1]}
+  sed -e "s|/usr/share/tamrel-agent/installers|$src|; s|\(/install\) |\1 $extra--state $work/state |" \
+    -e "s|/confirm$|& $extra--state $work/state|; s|^state-dir = .*|state-dir = $work/agent-state|" \
+    -e "s|--key [^ ]*|--key $keys/swu.pem --swupdate-args '-H board:1.0'|" \
+    -e "s|^reboot-command = .*|reboot-command = $dev/reboot|" "$src/$1/agent.conf" >> "$conf"
+  echo "boot-id-file = $dev/boot-id" >> "$conf"
+  runs=0
+}
+# agent [PATTERN FILE COMMAND]: one run of tamrel-agent --once; COMMAND is
+# run once PATTERN is in FILE (LOG: the agent's output; $apid: its PID).
+agent() {
+  local log=$work/agent$n.$((++runs)).log
+  TMPDIR=$dev timeout 60 "$build/tamrel-agent" --once --config "$conf" > "$log" 2>&1 &
+  apid=$!
+  [ $# -eq 0 ] || { wait_for "$1" "${2/LOG/$log}" && eval "$3"; }
+  wait $apid
+}
+
+# closed_once RESULT TEXT: one closing feedback, the action FINISHED or ERROR
+# with TEXT in its history.
+closed_once() {
+  local status=FINISHED; [ "$1" = success ] || status=ERROR
+  curl -s --max-time 10 -H 'Authorization: TargetToken t0k#1' -o "$work/history" \
+    "$address/DEFAULT/controller/v1/dev01/deploymentBase/1?actionHistory=-1"
+  [ "$(closing | wc -l)" -eq 1 ] && closed_with "$1" && grep -q "\"status\":\"$status\"" "$work/history" &&
+    grep -qF -- "$2" "$work/history"
+}
+slot_is() { cmp -s "$dev/slot$1" "$work/$2"; }
+file_is() { [ "$(cat "$1" 2> /dev/null)" = "$2" ]; }
+reboots() { [ "$(cat "$dev/reboots" 2> /dev/null | wc -l)" -eq "$1" ]; }
+untouched() { slot_is A zeros && slot_is B zeros && file_is "$boot/primary" A && reboots 0; }
+installed_once() { slot_is A zeros && slot_is B image && reboots 1; }
+confirmed='confirm command: exit 0'
+
+device rauc good.raucb; agent
+check "rauc: slot B written, B primary once, reboot asked, nothing closed" \
+  eval 'installed_once && file_is "$boot/primaries" B && test -z "$(closing)"'
+# The agent starts before the service after this reboot: confirm waits for it.
+boot; agent 'waiting for the RAUC service' LOG 'service B'
+check "rauc: confirmed after the reboot, closed success once, B marked good" \
+  eval 'closed_once success "$confirmed" && file_is "$boot/state.B" good && file_is "$boot/primaries" B && reboots 1'
+
+device rauc untrusted.raucb; agent
+check "rauc untrusted signer: closed failure with RAUC's reason, nothing installed" \
+  eval 'closed_once failure "rauc install failed: signature verification failed" && untouched'
+
+device rauc good.raucb; agent; boot A; agent
+check "rauc fallback: closed failure naming it, written slot B marked bad" \
+  eval 'closed_once failure "the boot loader fell back" && installed_once && file_is "$boot/state.B" bad'
+
+# The service goes on with the install after the agent's stop: the next
+# start waits for it to end, then installs again.
+device rauc good.raucb; : > "$boot/hold"; agent '' "$boot/busy" 'kill -TERM $apid'
+check "rauc SIGTERM during install: agent ended with 0, action open" eval "test $? -eq 0 && test -z \"\$(closing)\""
+agent 'waiting for the RAUC service' LOG ': > "$boot/go"'; boot B; agent
+check "rauc SIGTERM during install: installed again after the first, closed success once" \
+  eval 'closed_once success "$confirmed" && slot_is B image && file_is "$boot/primaries" "$(printf "B\nB")" && reboots 1'
+
+device swupdate good.swu; agent
+check "swupdate: slot B written, boot_slot B on trial, reboot asked" \
+  eval 'installed_once && file_is "$boot/env.boot_slot" B && file_is "$boot/env.upgrade_available" 1'
+echo "boot$((++boots))" > "$dev/boot-id"; agent
+check "swupdate: confirmed after the reboot, closed success once, trial ended" \
+  eval 'closed_once success "$confirmed" && file_is "$boot/env.upgrade_available" 0 && reboots 1'
+
+device swupdate good.swu --corrupt good.swu; agent
+check "swupdate corrupt image: closed failure on its digest, nothing installed" \
+  eval 'closed_once failure "digest mismatch" && untouched && file_is "$boot/env.boot_slot" A'
+
+device swupdate other.swu; agent
+check "swupdate image of another key: closed failure with SWUpdate's reason, nothing installed" \
+  eval 'closed_once failure "slot B: Authentication of all signatures failed" && untouched &&
+        file_is "$boot/env.boot_slot" A'
+
+# Refusals with a reason, before anything is installed.
+refuses() { local out; out=$(timeout 20 sh -c "$1" 2>&1) && return 1; grep -qF -- "$2" <<< "$out"; }
+while IFS='|' read -r what command reason; do check "$what" refuses "$command" "$reason"; done << EOF
+rauc install: no service on the bus|DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nonexistent $src/rauc/install x|the RAUC service does not answer
+rauc install: two files|$src/rauc/install a b|expects one bundle, got 2 files
+rauc confirm: nothing installed|$src/rauc/confirm --state $work/none|no record of an installed update
+swupdate install: no key|$src/swupdate/install --key /nonexistent x|no readable public key
+swupdate install: no boot-loader environment|$src/swupdate/install --key $keys/swu.pem --bootenv false x|cannot read boot_slot
+EOF
+echo "installers test: $((SECONDS - start)) s"
+[ "$fail" -eq 0 ] && echo "installers tests: all passed"
+exit "$fail"
