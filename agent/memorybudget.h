@@ -11,6 +11,7 @@
 // installed by install()). While a Budget lives, growth past its bound calls
 // `onExceeded` once, on the allocating thread, and cJSON gets no more memory,
 // which ends a parse as unreadable. C++ allocations are never refused.
+// (valgrind replaces `operator new` with its own: there only cJSON counts.)
 class MemoryBudget {
  public:
   // Makes cJSON allocate through the counter. Call once, before any cJSON use.
