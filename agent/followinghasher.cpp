@@ -11,9 +11,13 @@
 
 namespace {
 
-// The reader's buffer, and how far the writer gets ahead before the reader
-// wakes: few system calls, and a block stays in the processor's cache.
-constexpr std::uint64_t kBlock = 256 * 1024;
+// The reader's buffer: small enough to stay in the processor's cache
+// between the copy from the file and the hash (larger blocks hash about a
+// third slower here).
+constexpr std::uint64_t kBlock = 64 * 1024;
+// How far the writer gets ahead before a waiting reader wakes: one wake per
+// many of the writer's chunks, little left to read when the writer ends.
+constexpr std::uint64_t kBatch = 256 * 1024;
 
 struct Descriptor {
   int fd;
@@ -132,6 +136,6 @@ void FollowingHasher::run() {
       if (ended) return;  // the whole file is hashed
     }
     // Caught up, or the writer counted bytes it still buffers: wait for more.
-    if (!waitFor(std::max(hashed_ + kBlock, limit + 1))) return;
+    if (!waitFor(std::max(hashed_ + kBatch, limit + 1))) return;
   }
 }
