@@ -1,7 +1,5 @@
 #include "agent/artifactfetcher.h"
 
-#include "digest/digest.h"
-
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -46,6 +44,7 @@ ArtifactFetcher::ArtifactFetcher(libtamrelcore& client, AgentConfig const& confi
     // Before the start the library reports the bytes already on disk, which
     // the bar was started with.
     if (transferring_) bar_.bytes(n);
+    hasher_.available(total);
     // A body longer than the artifact would otherwise fill the disk.
     if (total > expected_ && !oversize_.exchange(true)) client_.cancelTransfer();
   });
@@ -91,20 +90,29 @@ bool ArtifactFetcher::watched(bool transfer, std::function<bool()> const& work) 
 
 bool ArtifactFetcher::verify(artifact_t const& artifact, std::string const& sha256,
                              std::string& detail, bool justDownloaded) {
-  // download_ok already means that the digest of every byte written matched
-  // after the file was flushed: such a file is not read again for it.
-  if (justDownloaded && fileSize(filePath(artifact)) != artifact.size) {
-    detail = artifact.filename + ": verification failed";
-    return false;
+  std::string const path = filePath(artifact);
+  bool intact = true;
+  if (justDownloaded) {
+    // download_ok already means that the digest of every byte written
+    // matched after the file was flushed: such a file is not read again.
+    intact = fileSize(path) == artifact.size;
+  } else {
+    // The SHA-256 reads the file on its own thread while the library reads
+    // it for its digest: one pass over a cached file in the time of one.
+    if (!sha256.empty()) {
+      hasher_.follow(path, 0);
+      hasher_.end();
+    }
+    intact = watched(false, [&] { return client_.verifyArtifact(artifact); });
   }
-  if (!justDownloaded && !watched(false, [&] { return client_.verifyArtifact(artifact); })) {
-    detail = artifact.filename + (stopping() ? ": interrupted" : ": verification failed");
+  if (!intact) {
+    hasher_.pause();
+    detail = artifact.filename +
+             (!justDownloaded && stopping() ? ": interrupted" : ": verification failed");
     return false;
   }
   if (sha256.empty()) return true;
-  tamrel::Digest hasher(tamrel::Digest::Kind::kSha256);
-  std::string const digest =
-      tamrel::digestFile(filePath(artifact), {&hasher}, &stop_) ? hasher.hex() : std::string();
+  std::string const digest = hasher_.result();
   if (digest != sha256) {
     detail = artifact.filename + (stopping()       ? ": interrupted"
                                   : digest.empty() ? ": cannot read the file for SHA-256"
@@ -151,11 +159,15 @@ bool ArtifactFetcher::fetch(std::string const& label, artifact_t& artifact,
     bar_.start(artifact.filename, artifact.size, resuming ? onDisk : 0);
     lastStatus_ = 0;
     stalled_ = false;
+    // The SHA-256 follows the file from byte 0 while it is written.
+    if (!sha256.empty()) hasher_.follow(path, resuming ? onDisk : 0);
     watched(true, [&] {
       outcome = client_.downloadArtifact(label, artifact);
       return outcome == download_ok;
     });
     bar_.finish(stalled_ ? "stalled, cancelled" : outcomeText(outcome));
+    // What it hashed of a file cut short is kept for the next attempt.
+    if (outcome != download_ok) hasher_.pause();
     if (outcome == download_ok) {
       if (verify(artifact, sha256, detail, true)) {
         detail =

@@ -9,13 +9,15 @@
 #include <vector>
 
 #include "agent/agentconfig.h"
+#include "agent/followinghasher.h"
 #include "agent/progressbar.h"
 #include "agent/watchdog.h"
 #include "plugin/libtamrelcore.h"
 
 // Brings one artifact onto the disk through the library: downloads with
 // retries under a stall watchdog and a size bound, resumes what may be
-// resumed, then verifies (the library's digest, then SHA-256 when listed).
+// resumed, then verifies (the library's digest and, when listed, the
+// SHA-256, which is taken while the file is written).
 // `stop` is the agent's stop flag; the agent cancels the library's transfer
 // and verification itself when it sets it.
 class ArtifactFetcher {
@@ -38,8 +40,9 @@ class ArtifactFetcher {
 
  private:
   // The library's verification (skipped for a file the library has just
-  // downloaded with a matching digest: its length is checked instead), then
-  // the SHA-256 when the server lists one.
+  // downloaded with a matching digest: its length is checked instead) and
+  // the SHA-256 when the server lists one: for a file found on disk both
+  // read it at the same time, for a downloaded one `hasher_` followed it.
   bool verify(artifact_t const& artifact, std::string const& sha256, std::string& detail,
               bool justDownloaded);
   // Runs `work` with a watchdog beside it that passes a stop request on to
@@ -63,6 +66,7 @@ class ArtifactFetcher {
   AgentConfig const& config_;
   std::atomic<bool> const& stop_;
   ProgressBar bar_;
+  FollowingHasher hasher_{stop_};
   // Set by the library's signals on the downloading thread.
   std::atomic<bool> transferring_{false};
   std::atomic<bool> stalled_{false};        // the watchdog found the transfer too slow

@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -91,12 +92,14 @@ CommandResult runCommand(std::string const& command, std::vector<std::string> co
     exited = done == child;
   }
   close(pipeFds[0]);
-  while (!exited) {
+  // The pipe usually closes as the command exits: look again soon, then
+  // every 50 ms.
+  for (int pause = 1; !exited; pause = std::min(pause * 2, 50)) {
     passStop();
     pid_t const done = waitpid(child, &status, WNOHANG);
     if (done < 0 && errno != EINTR) return result;
     exited = done == child;
-    if (!exited) poll(nullptr, 0, 50);
+    if (!exited) poll(nullptr, 0, pause);
   }
   result.started = true;
   result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Runs the benchmarks: nginx (own config, loopback only) serves generated
 # artifacts of 64 MiB and 512 MiB from tmpfs; downloads go to tmpfs too, so
-# the disk does not dominate. Prints every figure with its peer and ratio.
+# the disk does not dominate; then the agent's deployments against
+# tamrel-ddi-server (scripts/bench-deploy.sh). Prints every figure with its
+# peer and ratio.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 RUNS=${RUNS:-5}
@@ -80,3 +82,6 @@ if "$bench" poll 1 >/dev/null 2>&1; then
   echo; echo "== polling"
   "$bench" poll 2000
 fi
+
+echo; echo "== deploy: tamrel-agent against tamrel-ddi-server (scripts/bench-deploy.sh)"
+RUNS=$RUNS BUILD=$BUILD scripts/bench-deploy.sh

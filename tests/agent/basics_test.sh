@@ -24,10 +24,12 @@ failed_with() { closing | grep '"finished":"failure"' | grep -q -- "$1"; }
 check "wrong bytes: failure feedback naming the digest and attempts" \
   failed_with 'image.bin: digest mismatch after 3 attempt(s)'
 
-serve --drop-after 50000
+# Slow enough that the SHA-256 has read part of the file when it is cut.
+serve --drop-after 400000 --slow 20
 run_agent 'download-retries = 1'
-check "dropped connection: resumed at the break" grep -q 'Range: bytes=50000-' "$log"
-check "dropped connection: success, file intact" success_intact
+check "dropped connection: resumed at the break" grep -q 'Range: bytes=400000-' "$log"
+check "dropped connection: success, file intact, SHA-256 of the whole file checked" \
+  eval 'success_intact && closing | grep -q "image.bin: downloaded and verified (SHA-256)"'
 
 serve --fail-first 404
 run_agent 'download-retries = 1'

@@ -112,8 +112,8 @@ serve --fault config=stall
 once "$ok" 'feedback-timeout-s = 2'
 expect "PUT never answered" 4 8 "exiting with status 4"
 # SIGTERM ends the agent within 5 s whatever it waits for, status 0.
-while IFS='|' read -r what fault event says; do
-  serve --fault $fault
+while IFS='|' read -r what options event says; do
+  serve $options
   printf '%s\n' "$ok" >> "$conf"
   "$agent" --config "$conf" > "$(alog)" 2>&1 &
   pid=$!
@@ -122,9 +122,10 @@ while IFS='|' read -r what fault event says; do
   code=$?; took=$(($(date +%s) - start))
   expect "$what" 0 5 "$says"
 done <<'EOF'
-SIGTERM during a stalled poll|poll=stall|GET /DEFAULT/controller/v1/dev01|
-SIGTERM during a trickled download|artifact=trickle|GET /artifacts|
-SIGTERM during a stuck PUT|config=stall|PUT .*/configData|the action stays open
+SIGTERM during a stalled poll|--fault poll=stall|GET /DEFAULT/controller/v1/dev01|
+SIGTERM during a trickled download|--fault artifact=trickle|GET /artifacts|
+SIGTERM while the download and its SHA-256 run|--slow 100|GET /artifacts|interrupted
+SIGTERM during a stuck PUT|--fault config=stall|PUT .*/configData|the action stays open
 EOF
 check "SIGTERM during a stuck PUT: action not closed" test -z "$(closing)"
 # ... and during an install command that would run on: its group is ended.
@@ -155,17 +156,20 @@ expect "PUT refused" 0 10 "refused by the server: Injected status 410"
 check "PUT refused: server text not printed" bash -c "! grep -q exceptionClass '$(alog)'"
 
 # A complete file left by an earlier run is verified and kept; a damaged
-# one of the same size is fetched again.
-for damaged in no yes; do
-  serve
+# one of the same size is fetched again; a listed SHA-256 it does not match
+# fails it, and every download after it.
+while read -r damaged result fetches options; do
+  serve $options
   mkdir -p "$dl/firmware"; cp "$work/art/image.bin" "$dl/firmware/"
   [ $damaged = yes ] && printf 'X' | dd of="$dl/firmware/image.bin" conv=notrunc 2>/dev/null
-  once "$ok"
-  fetched=$(grep -c 'GET /artifacts' "$log")
-  check "complete file on disk (damaged: $damaged): success" closed_with success
-  check "complete file on disk (damaged: $damaged): fetched $fetched time(s)" \
-    test "$fetched" -eq "$([ $damaged = yes ] && echo 1 || echo 0)"
-done
+  once "$ok" download-retries=1
+  check "complete file on disk (damaged: $damaged $options): $result, fetched $fetches time(s)" \
+    eval 'closed_with $result && test "$(grep -c "GET /artifacts" "$log")" -eq $fetches'
+done <<'EOF'
+no success 0
+yes success 1
+no failure 2 --wrong-sha256 image.bin
+EOF
 
 # Start-up checks: status 2 with the reason (the configuration file's own
 # errors are unit-tested).
