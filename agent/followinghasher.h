@@ -44,7 +44,6 @@ class FollowingHasher {
 
  private:
   void run();
-  void hashFile();
   // Waits until `want` bytes may be read, the file ended, or the reader must
   // stop; false for the last.
   bool waitFor(std::uint64_t want);

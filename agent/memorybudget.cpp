@@ -77,8 +77,6 @@ void MemoryBudget::install() {
   cJSON_InitHooks(&hooks);
 }
 
-std::int64_t MemoryBudget::heldBytes() { return held.load(); }
-
 MemoryBudget::MemoryBudget(std::int64_t bytes, void (*callback)(void*), void* argument) {
   overrun = false;
   onExceeded = callback;

@@ -8,7 +8,7 @@
 // cJSON, and a transfer over a fast link ends long before any periodic check
 // of the process's size. So the agent counts, as it happens, every byte held
 // through C++ allocations (its own `operator new`) and through cJSON (hooks
-// installed by install()). While a Budget lives, growth past its bound calls
+// installed by install()). While a MemoryBudget lives, growth past its bound calls
 // `onExceeded` once, on the allocating thread, and cJSON gets no more memory,
 // which ends a parse as unreadable. C++ allocations are never refused.
 // (valgrind replaces `operator new` with its own: there only cJSON counts.)
@@ -16,8 +16,6 @@ class MemoryBudget {
  public:
   // Makes cJSON allocate through the counter. Call once, before any cJSON use.
   static void install();
-  // Bytes held now through the counted allocations.
-  static std::int64_t heldBytes();
 
   // `onExceeded(context)` must neither allocate nor block: it runs inside an
   // allocation. One budget at a time.

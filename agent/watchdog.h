@@ -9,9 +9,10 @@
 
 // Watches one operation of the library from a thread of its own and gives a
 // verdict when it must end: the agent stops, a deadline passes, too few bytes
-// arrive within a window, or the work takes too much memory (MemoryBudget). The library forgets
-// a cancel that comes before a transfer begins and a poll makes several
-// transfers, so `cancel` is called again every tick once a verdict stands.
+// arrive within a window, or the work takes too much memory (MemoryBudget).
+// The library forgets a cancel that comes before a transfer begins and a poll
+// makes several transfers, so `cancel` is called again every tick once a
+// verdict stands.
 class Watchdog {
  public:
   enum class Verdict { kNone, kStopped, kDeadline, kTooSlow, kTooLarge };

@@ -86,9 +86,9 @@ struct Settings {
   testing::Fault poll, deployment, config, feedback;  // --fault poll=, deployment=, ...
 };
 
-// Hostile documents of 14 MiB or less, so that they pass a host's default
-// bound of 16 MiB and are parsed: log lines that are not JSON, arrays nested
-// 7 Mi deep, or a deployment of 100 000 artifacts. Empty when `what` is none.
+// Hostile documents of 14 MiB, just under the agent's default bound of
+// 16 MiB: log lines that are not JSON, arrays nested 7 Mi deep, or a
+// deployment of 100 000 artifacts. Empty when `what` is none of these.
 std::string hostileDocument(std::string const& what) {
   std::string text;
   if (what == "flood") {
