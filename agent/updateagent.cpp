@@ -28,23 +28,42 @@ bool makeDirectories(std::string const& path) {
   }
 }
 
-}  // namespace
-
-UpdateAgent::UpdateAgent(libtamrelcore& client, AgentConfig const& config)
-    : client_(client),
-      config_(config),
-      attributes_(config.attributes),
-      fetcher_(client, config, stop_),
-      server_(config, [this] { return stopping(); }),
-      reboot_(client, config,
-              [this](std::function<bool()> const& request) { return server_.send(request); }) {
-  // The server's address, as given or read from address-file.
+// The server's address, as given or read from address-file.
+std::string serverAddress(AgentConfig const& config) {
+  std::string address;
   for (auto const& entry : *config.properties) {
-    if (entry.first == "address" && entry.second->is_string()) address_ = entry.second->string();
+    if (entry.first == "address" && entry.second->is_string()) address = entry.second->string();
     if (entry.first == "address-file" && entry.second->is_link()) {
-      address_ = entry.second->link().text;
+      address = entry.second->link().text;
     }
   }
+  return address;
+}
+
+AgentTransport::Settings transportSettings(AgentConfig const& config, std::string address) {
+  AgentTransport::Settings settings;
+  settings.address = std::move(address);
+  settings.trustedHosts = config.trustedHosts;
+  settings.connectTimeoutS = std::min(30, config.pollTimeoutSeconds);
+  settings.documentTimeoutS = config.pollTimeoutSeconds;
+  settings.sendTimeoutS = config.feedbackTimeoutSeconds;
+  // A backstop behind the agent's own rate watchdog, which decides first.
+  settings.lowSpeedBytes = static_cast<long>(config.downloadMinRate);
+  settings.lowSpeedS = 2L * config.timeoutSeconds;
+  return settings;
+}
+
+}  // namespace
+
+UpdateAgent::UpdateAgent(AgentConfig const& config)
+    : config_(config),
+      address_(serverAddress(config)),
+      transport_(transportSettings(config, address_)),
+      attributes_(config.attributes),
+      fetcher_(client_, config, stop_),
+      server_(config, transport_, [this] { return stopping(); }),
+      reboot_(client_, config,
+              [this](std::function<bool()> const& request) { return server_.send(request); }) {
   // hawkBit refuses configuration data without attributes.
   if (attributes_.empty()) attributes_.push_back({"tamrel-agent.version", TAMREL_VERSION});
 }
@@ -56,6 +75,7 @@ bool UpdateAgent::safeName(std::string const& name) {
 
 bool UpdateAgent::connect() {
   if (!client_.connectProperties(config_.properties)) return false;
+  transport_.setBaseUrl(client_.buildQueryUrl());
   reboot_.confirm();
   return true;
 }
@@ -76,10 +96,12 @@ void UpdateAgent::sleep(std::int64_t seconds) {
 UpdateAgent::Cycle UpdateAgent::cycle() {
   Cycle result;
   result.sleepSeconds = config_.pollIntervalSeconds;
+  std::uint64_t const before = transport_.exchanges();
   hawkbit_query_t answer;
   std::string unreadable, libraryLog;
   Watchdog::Limits limits;
-  limits.deadlineMs = config_.pollTimeoutSeconds * 1000LL;
+  // The transport's own deadline decides; this one is its backstop.
+  limits.deadlineMs = (config_.pollTimeoutSeconds + 2) * 1000LL;
   limits.memoryBytes = config_.maxDocumentMib << 20;
   Watchdog watchdog(
       limits, [this] { return stopping(); },
@@ -98,6 +120,17 @@ UpdateAgent::Cycle UpdateAgent::cycle() {
     libraryLog = log.text();
   }
   if (stopping()) return result;
+  AgentTransport::Answer const base = transport_.lastBaseAnswer();
+  if (base.serial > before && (base.status == 409 || base.status == 429)) {
+    // The server asks to wait: as long as it says, else the usual interval.
+    if (base.retryAfterS >= 0)
+      result.sleepSeconds = std::min<std::int64_t>(std::max<std::int64_t>(base.retryAfterS, 1),
+                                                   config_.maxPollIntervalSeconds);
+    std::printf("poll: the server is busy (HTTP %ld), next poll in %lld s\n", base.status,
+                static_cast<long long>(result.sleepSeconds));
+    result.status = kExitUnreachable;
+    return result;
+  }
   bool const empty = answer.config.sleep == 0 && answer.deployment.url.empty() &&
                      answer.cancel_action.url.empty() && answer.config_data.url.empty();
   if (!unreadable.empty()) {
@@ -180,7 +213,8 @@ void UpdateAgent::answerCancel(hawkbit_query_t::cancel_action_t const& cancel) {
 
 std::string UpdateAgent::pollFailure(Watchdog::Verdict verdict,
                                      std::string const& libraryLog) const {
-  if (verdict == Watchdog::Verdict::kDeadline) {
+  AgentTransport::Answer const answer = transport_.lastAnswer();
+  if (verdict == Watchdog::Verdict::kDeadline || answer.code == CURLE_OPERATION_TIMEDOUT) {
     return "no complete answer within " + std::to_string(config_.pollTimeoutSeconds) +
            " s (poll-timeout-s), cancelled";
   }
@@ -188,13 +222,17 @@ std::string UpdateAgent::pollFailure(Watchdog::Verdict verdict,
     return "the answer took more than " + std::to_string(config_.maxDocumentMib) +
            " MiB (max-document-mib), cancelled";
   }
-  if (libraryLog.find("Unauthorized?") != std::string::npos) {
-    return "the server refused the request (HTTP 401?); check token or token-file";
+  if (answer.status == 401 || answer.status == 403) {
+    return "the server refused the credentials (HTTP " + std::to_string(answer.status) +
+           "); check token, gateway-token or the client certificate";
   }
-  if (libraryLog.find("SSL") != std::string::npos ||
-      libraryLog.find("certificate") != std::string::npos) {
-    return "the TLS connection was refused; if the server's certificate comes from a private "
-           "CA, install that CA into the system store (update-ca-certificates)";
+  std::string const problem = answer.problem();
+  if (problem.find("not trusted") != std::string::npos) {
+    return problem + "; set ca-file to the CA that signs the server's certificate";
+  }
+  if (problem.find("TLS handshake refused") != std::string::npos ||
+      problem.find("client certificate") != std::string::npos) {
+    return problem + "; check client-cert and client-key";
   }
   if (libraryLog.find("Failed to parse response!") != std::string::npos) {
     return "the server's answer could not be read: no polling interval the library can read "

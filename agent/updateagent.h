@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "agent/agentconfig.h"
+#include "agent/agenttransport.h"
 #include "agent/artifactfetcher.h"
 #include "agent/deploymentplan.h"
 #include "agent/progressbar.h"
@@ -18,11 +19,12 @@
 #include "plugin/libtamrelcore.h"
 
 // The update loop of a device: poll, answer what the server asks for, fetch,
-// verify and install deployments, report back. Runs on one thread; stop()
-// may be called from another (a signal-handling thread).
+// verify and install deployments, report back. Owns the library's client and
+// the transport it speaks through. Runs on one thread; stop() may be called
+// from another (a signal-handling thread).
 class UpdateAgent {
  public:
-  UpdateAgent(libtamrelcore& client, AgentConfig const& config);
+  explicit UpdateAgent(AgentConfig const& config);
 
   // Binds the settings; false when the library refuses them. Then confirms
   // an action left waiting for a reboot by an earlier run.
@@ -69,10 +71,11 @@ class UpdateAgent {
   // Why the last poll failed, with a hint for the operator.
   std::string pollFailure(Watchdog::Verdict verdict, std::string const& libraryLog) const;
 
-  libtamrelcore& client_;
   AgentConfig const& config_;
+  std::string address_;  // the server; links elsewhere are refused
+  AgentTransport transport_;
+  libtamrelcore client_{&transport_};
   std::atomic<bool> stop_{false};
-  std::string address_;                           // the server; links elsewhere are refused
   std::vector<tamrel::value_pair_t> attributes_;  // sent as configuration data
   ArtifactFetcher fetcher_;
   ServerRequest server_;  // every POST/PUT goes through it

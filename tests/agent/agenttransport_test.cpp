@@ -1,0 +1,166 @@
+// The agent's transport against the library's, over real HTTP: one table of
+// the library's transport contract run against both (rows where the agent's
+// does more by design say so), then what only the agent's does.
+#include "agent/agenttransport.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <thread>
+
+#include "ddiserver/dditestserver.h"
+#include "io/memoryio.h"
+#include "io/nullhash.h"
+
+namespace {
+
+using tamrel::testing::DdiTestServer;
+using tamrel::testing::Fault;
+
+std::shared_ptr<curlbuffer> memory(std::string const& content = std::string()) {
+  return std::make_shared<curlbuffer>(std::make_unique<memoryio>(content),
+                                      std::make_unique<nullhash>());
+}
+
+AgentTransport::Settings settingsFor(DdiTestServer const& server) {
+  AgentTransport::Settings settings;
+  settings.address = server.baseUrl();
+  return settings;
+}
+
+// One contract case: runs against a transport and the server, returns what
+// it saw as text.
+struct Row {
+  char const* what;
+  std::function<std::string(CurlManager&, DdiTestServer&)> run;
+  char const* library;  // expected of CurlManager
+  char const* agent;    // expected of AgentTransport
+};
+
+std::string outcome(bool ok, curlbuffer const& buffer) {
+  return std::string(ok ? "true" : "false") + " result " + std::to_string(buffer.result) +
+         " http " + std::to_string(buffer.httpCode) + " body " + buffer.sink->data();
+}
+
+std::vector<Row> const& contract() {
+  static std::vector<Row> const rows = {
+      {"the token goes with GET, POST and PUT",
+       [](CurlManager& t, DdiTestServer& s) {
+         t.setTargetToken("tok");
+         s.serve("/doc", "{}");
+         t.download(s.baseUrl() + "/doc", memory());
+         t.post(s.baseUrl() + "/post", memory("{}"));
+         t.put(s.baseUrl() + "/put", memory("{}"));
+         std::string seen;
+         for (auto const& r : s.requests())
+           seen += r.method + "=" + r.header("Authorization") + " ";
+         return seen;
+       },
+       "GET=TargetToken tok POST=TargetToken tok PUT=TargetToken tok ",
+       "GET=TargetToken tok POST=TargetToken tok PUT=TargetToken tok "},
+      {"a 404 with a body is a completed transfer",
+       [](CurlManager& t, DdiTestServer& s) {
+         s.serve("/missing", "{\"e\":1}", 404);
+         auto buffer = memory();
+         return outcome(t.download(s.baseUrl() + "/missing", buffer), *buffer);
+       },
+       "true result 0 http 404 body {\"e\":1}", "true result 0 http 404 body {\"e\":1}"},
+      {"a download resumes from the sink's size",
+       [](CurlManager& t, DdiTestServer& s) {
+         std::string const url = s.addArtifact("/a", "abcdef");
+         auto buffer = memory("abc");
+         bool const ok = t.download(url, buffer);
+         return outcome(ok, *buffer) + " " + s.requests().back().header("Range");
+       },
+       "true result 0 http 206 body abcdef bytes=3-",
+       "true result 0 http 206 body abcdef bytes=3-"},
+      {"a body cut short counts as complete (the digest decides)",
+       [](CurlManager& t, DdiTestServer& s) {
+         std::string const url = s.addArtifact("/cut", std::string(100000, 'c'));
+         Fault drop;
+         drop.dropAfterBytes = 1000;
+         s.setFault("/cut", drop);
+         auto buffer = memory();
+         bool const ok = t.download(url, buffer);
+         return std::string(ok ? "true" : "false") + " result " + std::to_string(buffer->result) +
+                " kept " + std::to_string(buffer->sink->size());
+       },
+       "true result 0 kept 1000", "true result 0 kept 1000"},
+      {"a cancel before a transfer is forgotten",
+       [](CurlManager& t, DdiTestServer& s) {
+         s.serve("/doc", "{}");
+         t.cancelTransfer();
+         auto buffer = memory();
+         return outcome(t.download(s.baseUrl() + "/doc", buffer), *buffer);
+       },
+       "true result 0 http 200 body {}", "true result 0 http 200 body {}"},
+      {"a cancel during a download aborts it; what came is kept for a resume",
+       [](CurlManager& t, DdiTestServer& s) {
+         std::string const url = s.addArtifact("/slow", std::string(200000, 's'));
+         Fault slow;
+         slow.chunkBytes = 2000;
+         slow.delayMs = 5;
+         s.setFault("/slow", slow);
+         auto buffer = memory();
+         buffer->written.connect([&](int) { t.cancelTransfer(); });
+         bool const ok = t.download(url, buffer);
+         return std::string(ok ? "true" : "false") + " result " + std::to_string(buffer->result) +
+                (buffer->sink->size() > 0 && buffer->sink->size() < 200000 ? " partial" : " whole");
+       },
+       "false result 42 partial", "false result 42 partial"},
+      {"a POST stays a POST after a redirect",
+       [](CurlManager& t, DdiTestServer& s) {
+         Fault moved;
+         moved.redirectTo = "/moved";
+         s.setFault("/feedback", moved);
+         bool const ok = t.post(s.baseUrl() + "/feedback", memory("{}"));
+         auto const last = s.requests().back();
+         return std::string(ok ? "true " : "false ") + last.method + " " + last.path + " " +
+                last.body;
+       },
+       "true POST /moved {}", "true POST /moved {}"},
+      {"file:// is never spoken, not even after a redirect",
+       [](CurlManager& t, DdiTestServer& s) {
+         Fault toFile;
+         toFile.redirectTo = "file:///etc/hostname";
+         s.setFault("/to-file", toFile);
+         auto buffer = memory();
+         bool const direct = t.download("file:///etc/hostname", memory());
+         bool const redirected = t.download(s.baseUrl() + "/to-file", buffer);
+         return std::string(direct || redirected ? "read" : "refused") + " " + buffer->sink->data();
+       },
+       "refused ", "refused "},
+      // By design: the agent's transport cuts a POST; the library's cannot.
+      {"a cancel during a POST that is not answered",
+       [](CurlManager& t, DdiTestServer& s) {
+         if (dynamic_cast<AgentTransport*>(&t) == nullptr) return std::string("not cut");
+         Fault stall;
+         stall.answerDelayMs = 60000;
+         s.setFault("/stuck", stall);
+         std::thread canceller([&] {
+           while (s.requests("POST").empty()) std::this_thread::yield();
+           t.cancelTransfer();
+         });
+         bool const ok = t.post(s.baseUrl() + "/stuck", memory("{}"));
+         canceller.join();
+         return std::string(ok ? "sent" : "cut");
+       },
+       "not cut", "cut"},
+  };
+  return rows;
+}
+
+TEST(TransportContract, LibraryAndAgentAgreeRowByRow) {
+  for (Row const& row : contract()) {
+    {
+      DdiTestServer server;
+      CurlManager library;
+      EXPECT_EQ(row.run(library, server), row.library) << "library: " << row.what;
+    }
+    DdiTestServer server;
+    AgentTransport agent(settingsFor(server));
+    EXPECT_EQ(row.run(agent, server), row.agent) << "agent: " << row.what;
+  }
+}
+
+}  // namespace
