@@ -1,6 +1,7 @@
 #ifndef TAMREL_AGENT_AGENTCONFIG_H_
 #define TAMREL_AGENT_AGENTCONFIG_H_
 
+#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -25,7 +26,9 @@ class AgentConfig {
   // One configuration key. A number key's default is applied before the
   // file is read.
   struct Key {
-    enum class Kind { kServer, kText, kNumber, kAttribute };
+    // kServer: goes into the library's table; kSecret: stays with the agent.
+    // Both may be read from a file (KEY-file).
+    enum class Kind { kServer, kSecret, kText, kNumber, kAttribute };
     char const* name;
     Kind kind;
     bool required;
@@ -49,6 +52,17 @@ class AgentConfig {
   std::string confirmCommand;            // "confirm-command", run at start after a reboot
   std::string bootIdFile;                // "boot-id-file": changes with every boot
   std::string trustedHosts;              // "trusted-hosts": host[:port], ... besides address
+  std::string gatewayToken;              // "gateway-token", else a target token or none
+  bool targetToken = true;               // "token" or "token-file" (fromFile decides)
+  std::string clientCert, clientKey;     // "client-cert", "client-key"
+  std::string keyPasswordFile;           // "client-key-password-file"
+  std::string keyPassword;               // read from it
+  std::string sslEngine;                 // "ssl-engine"
+  std::string caFile, caPath;            // "ca-file", "ca-path"
+  std::string proxy, noProxy;            // "proxy", "no-proxy"
+  bool downloadAuthentication = true;    // "download-authentication"
+  std::string path;                      // the file read
+  std::map<std::string, int> lines;      // key (a "-file" key under its base name) -> line
   int rebootExitCode = -1;               // "reboot-exit-code"; -1: none configured
   int retries = 0;                       // "download-retries"
   int timeoutSeconds = 0;                // "download-timeout-s"

@@ -10,6 +10,7 @@
 
 #include "agent/agentconfig.h"
 #include "agent/console.h"
+#include "agent/credentialcheck.h"
 #include "agent/exitcode.h"
 #include "agent/memorybudget.h"
 #include "agent/signalthread.h"
@@ -85,6 +86,14 @@ int main(int argc, char** argv) {
   std::string const problem = checkHost(config);
   if (!problem.empty()) {
     std::fprintf(stderr, "tamrel-agent: %s: %s\n", configPath.c_str(), problem.c_str());
+    return kExitConfig;
+  }
+  CredentialCheck const credentials(config);
+  for (std::string const& warning : credentials.warnings()) {
+    std::fprintf(stderr, "tamrel-agent: warning: %s\n", warning.c_str());
+  }
+  if (!credentials.error().empty()) {
+    std::fprintf(stderr, "tamrel-agent: %s\n", credentials.error().c_str());
     return kExitConfig;
   }
   std::printf("tamrel-agent %s\n", TAMREL_VERSION);
