@@ -309,3 +309,12 @@ AgentConfig AgentConfig::fromFile(std::string const& path) {
   if (config.downloadDir.empty()) throw ConfigError(path + ": download-dir is not set");
   return config;
 }
+
+std::string AgentConfig::address() const {
+  std::string text;
+  for (auto const& entry : *properties) {
+    if (entry.first == "address" && entry.second->is_string()) text = entry.second->string();
+    if (entry.first == "address-file" && entry.second->is_link()) text = entry.second->link().text;
+  }
+  return text;
+}

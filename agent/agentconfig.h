@@ -42,6 +42,8 @@ class AgentConfig {
   static AgentConfig fromFile(std::string const& path);  // throws ConfigError
   // Every key with its default and help, for --help.
   static std::string keysHelp();
+  // The server's address, as given or read from address-file.
+  std::string address() const;
 
   std::shared_ptr<lookup> properties = std::make_shared<lookup>();
   std::vector<tamrel::value_pair_t> attributes;

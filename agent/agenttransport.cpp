@@ -62,9 +62,9 @@ std::string AgentTransport::Answer::problem() const {
       return "TLS handshake refused by the server: " + text;
     case CURLE_RECV_ERROR:
     case CURLE_SEND_ERROR:
-      // TLS 1.3 reports a refused client certificate after the handshake,
-      // as an alert on the first read.
-      if (text.find("alert") != std::string::npos) {
+      // Over TLS 1.3 a server refuses a client certificate after the
+      // handshake: the request meets an alert or a closed connection.
+      if (status == 0 && url.rfind("https:", 0) == 0) {
         return "TLS handshake refused by the server: " + text;
       }
       return text;
@@ -75,6 +75,32 @@ std::string AgentTransport::Answer::problem() const {
     default:
       return text;
   }
+}
+
+AgentTransport::Settings AgentTransport::settingsFor(AgentConfig const& config) {
+  Settings settings;
+  settings.address = config.address();
+  settings.trustedHosts = config.trustedHosts;
+  settings.token = !config.gatewayToken.empty() ? Token::kGateway
+                   : config.targetToken         ? Token::kTarget
+                                                : Token::kNone;
+  settings.gatewayToken = config.gatewayToken;
+  settings.downloadAuthentication = config.downloadAuthentication;
+  settings.clientCert = config.clientCert;
+  settings.clientKey = config.clientKey;
+  settings.keyPassword = config.keyPassword;
+  settings.sslEngine = config.sslEngine;
+  settings.caFile = config.caFile;
+  settings.caPath = config.caPath;
+  settings.proxy = config.proxy;
+  settings.noProxy = config.noProxy;
+  settings.connectTimeoutS = std::min(30, config.pollTimeoutSeconds);
+  settings.documentTimeoutS = config.pollTimeoutSeconds;
+  settings.sendTimeoutS = config.feedbackTimeoutSeconds;
+  // A backstop behind the agent's own rate watchdog, which decides first.
+  settings.lowSpeedBytes = static_cast<long>(config.downloadMinRate);
+  settings.lowSpeedS = 2L * config.timeoutSeconds;
+  return settings;
 }
 
 AgentTransport::AgentTransport(Settings settings)

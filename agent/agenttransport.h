@@ -10,6 +10,7 @@
 
 #include <curl/curl.h>
 
+#include "agent/agentconfig.h"
 #include "transport/curlmanager.h"
 
 // The agent's HTTP client, handed to the library in place of its own. It
@@ -62,6 +63,9 @@ class AgentTransport : public CurlManager {
   using BaseObserver = std::function<void(long status, std::string const& body)>;
   static std::size_t const kMaxObservedBody = 1 << 20;
   static std::size_t const kMaxReply = 4096;
+
+  // The settings a configuration asks for.
+  static Settings settingsFor(AgentConfig const& config);
 
   explicit AgentTransport(Settings settings);
   ~AgentTransport();

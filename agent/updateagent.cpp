@@ -28,50 +28,12 @@ bool makeDirectories(std::string const& path) {
   }
 }
 
-// The server's address, as given or read from address-file.
-std::string serverAddress(AgentConfig const& config) {
-  std::string address;
-  for (auto const& entry : *config.properties) {
-    if (entry.first == "address" && entry.second->is_string()) address = entry.second->string();
-    if (entry.first == "address-file" && entry.second->is_link()) {
-      address = entry.second->link().text;
-    }
-  }
-  return address;
-}
-
-AgentTransport::Settings transportSettings(AgentConfig const& config, std::string address) {
-  AgentTransport::Settings settings;
-  settings.address = std::move(address);
-  settings.trustedHosts = config.trustedHosts;
-  settings.token = !config.gatewayToken.empty() ? AgentTransport::Token::kGateway
-                   : config.targetToken         ? AgentTransport::Token::kTarget
-                                                : AgentTransport::Token::kNone;
-  settings.gatewayToken = config.gatewayToken;
-  settings.downloadAuthentication = config.downloadAuthentication;
-  settings.clientCert = config.clientCert;
-  settings.clientKey = config.clientKey;
-  settings.keyPassword = config.keyPassword;
-  settings.sslEngine = config.sslEngine;
-  settings.caFile = config.caFile;
-  settings.caPath = config.caPath;
-  settings.proxy = config.proxy;
-  settings.noProxy = config.noProxy;
-  settings.connectTimeoutS = std::min(30, config.pollTimeoutSeconds);
-  settings.documentTimeoutS = config.pollTimeoutSeconds;
-  settings.sendTimeoutS = config.feedbackTimeoutSeconds;
-  // A backstop behind the agent's own rate watchdog, which decides first.
-  settings.lowSpeedBytes = static_cast<long>(config.downloadMinRate);
-  settings.lowSpeedS = 2L * config.timeoutSeconds;
-  return settings;
-}
-
 }  // namespace
 
 UpdateAgent::UpdateAgent(AgentConfig const& config)
     : config_(config),
-      address_(serverAddress(config)),
-      transport_(transportSettings(config, address_)),
+      address_(config.address()),
+      transport_(AgentTransport::settingsFor(config)),
       attributes_(config.attributes),
       fetcher_(client_, config, stop_),
       server_(config, transport_, [this] { return stopping(); }),
@@ -262,6 +224,8 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
   }
   bool handled = true;
   if (reboot_.handles(deployment.id, handled)) return handled;
+  // Gone from the server: nothing new is started for it.
+  if (gone_.count(deployment.id)) return true;
 
   DeploymentPlan const plan = DeploymentPlan::read(deployment);
   if (plan.download() == DeploymentPlan::Handling::kSkip && plan.problems().empty()) {
@@ -281,10 +245,11 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
   if (!waited) {
     deployment.execution = execution_t::proceeding;
     deployment.finished = finished_t::none;
-    std::string const failure =
-        server_.send([&] { return client_.sendUpdateFeedback(deployment); });
-    if (!failure.empty())
-      std::printf("deployment %s: proceeding %s\n", deployment.id.c_str(), failure.c_str());
+    std::string const outcome =
+        feedback(deployment.id, [&] { return client_.sendUpdateFeedback(deployment); });
+    if (outcome != "sent")
+      std::printf("deployment %s: proceeding %s\n", deployment.id.c_str(), outcome.c_str());
+    if (gone_.count(deployment.id)) return true;
   }
   if (!plan.problems().empty()) {
     auto& details = deployment.chunks.front().details;
@@ -389,18 +354,19 @@ void UpdateAgent::proceed(hawkbit_query_t::deployment_t& deployment, std::string
   deployment.chunks.front().details.push_back(detail);
   deployment.execution = execution_t::proceeding;
   deployment.finished = finished_t::none;
-  std::string const failure = server_.send([&] { return client_.sendUpdateFeedback(deployment); });
-  std::printf("deployment %s: %s, feedback %s\n", deployment.id.c_str(), what,
-              failure.empty() ? "sent" : failure.c_str());
+  std::string const outcome =
+      feedback(deployment.id, [&] { return client_.sendUpdateFeedback(deployment); });
+  std::printf("deployment %s: %s, feedback %s\n", deployment.id.c_str(), what, outcome.c_str());
 }
 
 void UpdateAgent::close(hawkbit_query_t::deployment_t& deployment, bool success) {
   for (auto& chunk : deployment.chunks) chunk.completed = true;
   deployment.execution = execution_t::closed;
   deployment.finished = success ? finished_t::success : finished_t::failure;
-  std::string const failure = server_.send([&] { return client_.sendUpdateFeedback(deployment); });
+  std::string const outcome =
+      feedback(deployment.id, [&] { return client_.sendUpdateFeedback(deployment); });
   std::printf("deployment %s: %s, feedback %s\n", deployment.id.c_str(),
-              success ? "success" : "failure", failure.empty() ? "sent" : failure.c_str());
+              success ? "success" : "failure", outcome.c_str());
 }
 
 void UpdateAgent::closeDownloaded(hawkbit_query_t::deployment_t const& deployment) {
@@ -411,11 +377,10 @@ void UpdateAgent::closeDownloaded(hawkbit_query_t::deployment_t const& deploymen
   for (auto const& chunk : deployment.chunks) {
     for (auto const& line : chunk.details) details += (details.empty() ? "" : "; ") + line;
   }
-  std::string const failure = server_.send([&] {
+  std::string const outcome = feedback(deployment.id, [&] {
     return client_.sendCancelActionFeedback(url, deployment.id, "downloaded", "none", details);
   });
-  std::printf("deployment %s: downloaded, feedback %s\n", deployment.id.c_str(),
-              failure.empty() ? "sent" : failure.c_str());
+  std::printf("deployment %s: downloaded, feedback %s\n", deployment.id.c_str(), outcome.c_str());
 }
 
 UpdateAgent::Installed UpdateAgent::install(std::vector<std::string> const& files,
@@ -431,4 +396,27 @@ UpdateAgent::Installed UpdateAgent::install(std::vector<std::string> const& file
       " (" + result.describe() + (installed == Installed::kReboot ? ", reboot needed" : "") + ")");
   for (auto const& line : result.stderrTail) details.push_back("install: " + line);
   return installed;
+}
+
+std::string UpdateAgent::feedback(std::string const& actionId,
+                                  std::function<bool()> const& request) {
+  ServerRequest::Result const result = server_.submit(request);
+  if (result.gone && gone_.insert(actionId).second) {
+    std::printf(
+        "action %s no longer exists on the server (cancelled or deleted there): its "
+        "state is dropped, nothing more is started or sent for it\n",
+        actionId.c_str());
+    dropGoneAction(actionId);
+  }
+  return result.failure.empty() ? "sent" : result.failure;
+}
+
+void UpdateAgent::dropGoneAction(std::string const& actionId) {
+  if (actionId == waitingAction_) {
+    for (std::string const& file : waitingFiles_) std::remove(file.c_str());
+    for (std::string const& dir : waitingDirs_) rmdir(dir.c_str());
+    waitingAction_.clear();
+  }
+  // The install record of the action goes here too, once install results
+  // are recorded per action.
 }

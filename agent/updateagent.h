@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -68,6 +69,13 @@ class UpdateAgent {
   void closeDownloaded(hawkbit_query_t::deployment_t const& deployment);
   enum class Installed { kDone, kReboot, kFailed };
   Installed install(std::vector<std::string> const& files, std::vector<std::string>& details);
+  // Sends one feedback of the action through server_: "sent", or why not.
+  // A 404/410 answer means the action is gone from the server: said once,
+  // and dropGoneAction() runs.
+  std::string feedback(std::string const& actionId, std::function<bool()> const& request);
+  // Forgets what the agent keeps for an action the server no longer has
+  // (files waiting for their maintenance window).
+  void dropGoneAction(std::string const& actionId);
   // Why the last poll failed, with a hint for the operator.
   std::string pollFailure(Watchdog::Verdict verdict, std::string const& libraryLog) const;
 
@@ -83,6 +91,7 @@ class UpdateAgent {
   // An action downloaded in this run and waiting for its maintenance window.
   std::string waitingAction_;  // downloaded, waiting for its maintenance window
   std::vector<std::string> waitingFiles_, waitingDirs_;
+  std::set<std::string> gone_;  // actions the server answered 404/410 for
   std::mutex sleepLock_;
   std::condition_variable wake_;
 };
