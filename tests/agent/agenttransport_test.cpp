@@ -9,8 +9,11 @@
 #include <thread>
 
 #include "ddiserver/dditestserver.h"
+#include "io/fileio.h"
 #include "io/memoryio.h"
 #include "io/nullhash.h"
+#include "tests/support/rawcaptureserver.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 
@@ -146,6 +149,17 @@ std::vector<Row> const& contract() {
          return std::string(ok ? "sent" : "cut");
        },
        "not cut", "cut"},
+      // By design: the agent's transport keeps its connection.
+      {"a second request to the same server",
+       [](CurlManager& t, DdiTestServer& s) {
+         auto* const agent = dynamic_cast<AgentTransport*>(&t);
+         if (agent == nullptr) return std::string("new connection");
+         s.serve("/doc", "{}");
+         t.download(s.baseUrl() + "/doc", memory());
+         t.post(s.baseUrl() + "/post", memory("{}"));
+         return std::string(agent->lastAnswer().connections == 0 ? "reused" : "new connection");
+       },
+       "new connection", "reused"},
   };
   return rows;
 }
@@ -161,6 +175,106 @@ TEST(TransportContract, LibraryAndAgentAgreeRowByRow) {
     AgentTransport agent(settingsFor(server));
     EXPECT_EQ(row.run(agent, server), row.agent) << "agent: " << row.what;
   }
+}
+
+// Which credentials go where: the server's origin and trusted hosts get the
+// token (of either kind), other hosts, redirect hops to them and, with
+// download-authentication off, artifact downloads get none; plain http to
+// another host is refused when the server is reached over https.
+TEST(AgentTransport, CredentialsStayWithTheServer) {
+  struct Case {
+    char const* what;
+    AgentTransport::Token token;
+    char const* address;  // "" for the server's own; "localhost" makes it another host
+    char const* trusted;
+    bool artifact, downloadAuthentication, redirected;
+    char const* seen;  // Authorization as the server got it, "-" when it got nothing
+  } const cases[] = {
+      {"target token at the server", AgentTransport::Token::kTarget, "", "", false, true, false,
+       "TargetToken tok"},
+      {"gateway token at the server", AgentTransport::Token::kGateway, "", "", false, true, false,
+       "GatewayToken gw"},
+      {"no token (client certificate only)", AgentTransport::Token::kNone, "", "", false, true,
+       false, ""},
+      {"another host", AgentTransport::Token::kTarget, "localhost", "", false, true, false, ""},
+      {"a trusted host", AgentTransport::Token::kTarget, "localhost", "127.0.0.1", false, true,
+       false, "TargetToken tok"},
+      {"artifact, download-authentication no", AgentTransport::Token::kTarget, "", "", true, false,
+       false, ""},
+      {"document, download-authentication no", AgentTransport::Token::kTarget, "", "", false, false,
+       false, "TargetToken tok"},
+      {"redirect from the server to another host", AgentTransport::Token::kGateway, "", "", false,
+       true, true, ""},
+      {"https server, plain http link elsewhere", AgentTransport::Token::kTarget, "https", "",
+       false, true, false, "-"},
+  };
+  tamrel::testing::TempDir const tmp;
+  for (Case const& c : cases) {
+    DdiTestServer server, other;
+    std::string const port = std::to_string(server.port());
+    AgentTransport::Settings settings = settingsFor(server);
+    std::string const address = c.address;
+    if (address == "localhost") settings.address = "http://localhost:" + port;
+    if (address == "https") settings.address = "https://localhost:" + port;
+    if (*c.trusted != '\0') settings.trustedHosts = std::string(c.trusted) + ":" + port;
+    settings.token = c.token;
+    settings.gatewayToken = "gw";
+    settings.downloadAuthentication = c.downloadAuthentication;
+    AgentTransport transport(settings);
+    transport.setTargetToken("tok");
+    std::string const url = server.addArtifact("/a", "artifact");
+    other.addArtifact("/a", "artifact");
+    if (c.redirected) {
+      Fault moved;
+      moved.redirectTo = other.baseUrl() + "/a";
+      server.setFault("/a", moved);
+    }
+    auto buffer = c.artifact
+                      ? std::make_shared<curlbuffer>(std::make_unique<fileio>(tmp.path() + "/a"))
+                      : memory();
+    bool const ok = transport.download(url, buffer);
+    DdiTestServer const& got = c.redirected ? other : server;
+    std::string const seen =
+        got.requests().empty() ? "-" : got.requests().back().header("Authorization");
+    EXPECT_EQ(seen, c.seen) << c.what;
+    EXPECT_EQ(ok, seen != "-") << c.what;
+    if (c.redirected) {
+      EXPECT_EQ(server.requests().back().header("Authorization"), "GatewayToken gw") << c.what;
+    }
+    std::remove((tmp.path() + "/a").c_str());
+  }
+}
+
+// What the server asks of the agent is kept: the status and Retry-After
+// (seconds or a date) of the last exchange and of the base resource, whose
+// body an observer sees.
+TEST(AgentTransport, KeepsTheServersAnswer) {
+  tamrel::testing::RawCaptureServer raw;
+  AgentTransport::Settings settings;
+  settings.address = raw.baseUrl();
+  AgentTransport transport(settings);
+  std::string const base = raw.baseUrl() + "/DEFAULT/controller/v1/dev01";
+  transport.setBaseUrl(base);
+  std::string observed;
+  transport.observeBase([&](long status, std::string const& body) {
+    observed = std::to_string(status) + " " + body;
+  });
+  raw.setResponse(
+      "HTTP/1.1 429 Too Many Requests\r\nRetry-After: 7\r\nContent-Length: 4\r\n"
+      "Connection: close\r\n\r\nbusy");
+  transport.download(base, memory());
+  EXPECT_EQ(observed, "429 busy");
+  EXPECT_EQ(transport.lastBaseAnswer().retryAfterS, 7);
+  raw.setResponse(
+      "HTTP/1.1 409 Conflict\r\nRetry-After: Fri, 01 Jan 2100 00:00:00 GMT\r\n"
+      "Content-Length: 13\r\nConnection: close\r\n\r\n{\"message\":1}");
+  EXPECT_TRUE(transport.post(raw.baseUrl() + "/feedback", memory("{}")));
+  AgentTransport::Answer const answer = transport.lastAnswer();
+  EXPECT_EQ(answer.status, 409);
+  EXPECT_GT(answer.retryAfterS, 86400L * 365 * 50);
+  EXPECT_EQ(answer.reply, "{\"message\":1}");
+  EXPECT_EQ(answer.problem(), "HTTP 409");
+  EXPECT_EQ(transport.lastBaseAnswer().status, 429);  // not the base resource
 }
 
 }  // namespace

@@ -152,6 +152,25 @@ kill -TERM $pid; start=$(date +%s); cat "$conf" > "$work/fifo.conf"; wait $pid
 code=$?; took=$(($(date +%s) - start))
 expect "SIGTERM while starting" 0 5 "signal 15: stopping"
 check "SIGTERM while starting: no feedback" bash -c "! grep -q ^POST '$log'"
+second_poll() {
+  for _ in $(seq 150); do
+    [ "$(grep -c 'controller/v1/dev01$' "$log")" -ge 2 ] && return 0; sleep 0.1
+  done; return 1
+}
+# A feedback answered 410: the action is gone from the server, nothing is
+# fetched for it; one never answered fails at its deadline and the agent
+# polls on.
+serve --fault feedback=410
+once "$ok"
+expect "feedback answered 410" 0 10 "action 1 no longer exists on the server"
+check "feedback answered 410: nothing fetched" bash -c "! grep -q 'GET /artifacts' '$log'"
+serve --fault feedback=stall --sleep 00:00:01
+printf '%s\n' "$ok" 'feedback-timeout-s = 1' >> "$conf"
+"$agent" --config "$conf" > "$(alog)" 2>&1 &
+pid=$!
+wait_for 'no answer within 1 s (feedback-timeout-s)' "$(alog)"
+check "feedback never answered: fails at its deadline, the agent polls on" second_poll
+kill -TERM $pid; wait $pid
 serve --fault config=410
 once "$ok"
 expect "PUT refused" 0 10 "refused by the server (HTTP 410.*: Injected status 410"
@@ -197,11 +216,6 @@ check "download only: closed as downloaded, never installed" bash -c \
 check "--help: exit 0, every key and status" bash -c "grep -q max-poll-interval-s '$work/help' &&
   grep -q 'feedback-timeout-s' '$work/help' && grep -q '^  3 ' '$work/help'"
 
-second_poll() {
-  for _ in $(seq 150); do
-    [ "$(grep -c 'controller/v1/dev01$' "$log")" -ge 2 ] && return 0; sleep 0.1
-  done; return 1
-}
 # Loop mode: an interval the library reads as 0, a capped one and a refused
 # token each lead to the next poll soon; SIGTERM then ends the agent, 0.
 while IFS='|' read -r what options settings; do
