@@ -242,6 +242,11 @@ void AgentTransport::configure(Method method, std::string const& url, curlbuffer
   curl_easy_setopt(h, CURLOPT_TCP_KEEPALIVE, 1L);
   curl_easy_setopt(h, CURLOPT_TCP_KEEPIDLE, 60L);
   curl_easy_setopt(h, CURLOPT_TCP_KEEPINTVL, 30L);
+  if (!settings_.reuseConnections) {
+    curl_easy_setopt(h, CURLOPT_FRESH_CONNECT, 1L);
+    curl_easy_setopt(h, CURLOPT_FORBID_REUSE, 1L);
+    curl_easy_setopt(h, CURLOPT_SSL_SESSIONID_CACHE, 0L);
+  }
 
   curl_easy_setopt(h, CURLOPT_SSL_VERIFYPEER, 1L);
   curl_easy_setopt(h, CURLOPT_SSL_VERIFYHOST, 2L);

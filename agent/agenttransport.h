@@ -44,6 +44,7 @@ class AgentTransport : public CurlManager {
     long lowSpeedBytes = 0;      // below this many bytes/s ...
     long lowSpeedS = 0;          // ... for this long, a request fails; 0: off
     long receiveBufferBytes = 1 << 20;
+    bool reuseConnections = true;  // off: a new connection and TLS session each time
   };
   // What one exchange came to.
   struct Answer {

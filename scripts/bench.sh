@@ -34,7 +34,15 @@ chmod 644 "$www/a64.bin"
 head -c $((512 << 20)) /dev/urandom > "$www/a512.bin"
 chmod 644 "$www/a512.bin"
 
-port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])')
+freeport() { python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])'; }
+port=$(freeport) tls=$(freeport)
+# A controller base document over HTTPS, for the polls with and without a
+# kept connection.
+mkdir -p "$www/DEFAULT/controller/v1"
+echo '{"config":{"polling":{"sleep":"00:05:00"}},"_links":{}}' > "$www/DEFAULT/controller/v1/dev01"
+chmod -R a+rX "$www/DEFAULT"
+openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=bench \
+  -addext subjectAltName=IP:127.0.0.1 -keyout "$conf/tls.key" -out "$conf/tls.pem" 2>/dev/null
 cat > "$conf/nginx.conf" <<CONF
 worker_processes 1;
 pid $conf/nginx.pid;
@@ -50,6 +58,13 @@ http {
   scgi_temp_path $conf/scgi;
   server {
     listen 127.0.0.1:$port;
+    root $www;
+  }
+  server {
+    listen 127.0.0.1:$tls ssl;
+    ssl_certificate $conf/tls.pem;
+    ssl_certificate_key $conf/tls.key;
+    default_type application/json;
     root $www;
   }
 }
@@ -81,6 +96,9 @@ echo; echo "== parsing"
 if "$bench" poll 1 >/dev/null 2>&1; then
   echo; echo "== polling"
   "$bench" poll 2000
+fi
+if "$bench" https-polls "https://127.0.0.1:$tls" "$conf/tls.pem" 1 1 >/dev/null 2>&1; then
+  "$bench" https-polls "https://127.0.0.1:$tls" "$conf/tls.pem" 100 "$RUNS"
 fi
 
 echo; echo "== deploy: tamrel-agent against tamrel-ddi-server (scripts/bench-deploy.sh)"
