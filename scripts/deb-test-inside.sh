@@ -43,8 +43,8 @@ check "every script the RAUC and SWUpdate fragments name is installed and execut
   [ "$(echo "$paths" | wc -l)" -eq 4 ] && for p in $paths; do test -x "$p" || { echo "missing: $p"; exit 1; }; done'
 check "the agent carries no test server (links no cpp-httplib)" \
   sh -c '! readelf -d /usr/bin/tamrel-agent | grep "NEEDED.*httplib"'
-# As the unit starts it, then as a user would, without the development
-# package's unversioned library name.
+# With the shipped configuration, as the unit starts it; the agent embeds
+# the library, so its package needs no other of ours.
 check "tamrel-agent --once (shipped configuration) completes a deployment" \
   env BASE_CONFIG=/etc/tamrel/agent.conf /srv/tests/consumer/agent_once.sh /usr/bin
 check "tamrel-agent does not need the library's package" \
