@@ -209,6 +209,9 @@ std::string UpdateAgent::pollFailure(Watchdog::Verdict verdict,
       problem.find("client certificate") != std::string::npos) {
     return problem + "; check client-cert and client-key";
   }
+  if (answer.code == 0 && (answer.status < 200 || answer.status >= 300)) {
+    return "the server answered " + problem;
+  }
   if (libraryLog.find("Failed to parse response!") != std::string::npos) {
     return "the server's answer could not be read: no polling interval the library can read "
            "(hh:mm:ss) and nothing to act on";
