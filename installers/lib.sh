@@ -19,7 +19,7 @@ need() { command -v "$1" > /dev/null 2>&1 || die "$1 is not installed"; }
 # would make root write where it points.
 record() {
   mkdir -p -m 700 "$state" || die "cannot create $state"
-  [ -z "$(find "$state" -maxdepth 0 \( ! -user "$(id -u)" -o -perm /022 \))" ] ||
+  [ -z "$(find -H "$state" -maxdepth 0 \( ! -user "$(id -u)" -o -perm /022 \))" ] ||
     die "$state is writable by others than its owner, or not owned by $(id -un): refusing to write records there"
   tmp=$(mktemp "$state/.$1.XXXXXX") || die "cannot write $state/$1"
   if ! { printf '%s\n' "$2" > "$tmp" && sync "$tmp" && mv -fT "$tmp" "$state/$1" && sync "$state"; }; then
