@@ -5,7 +5,7 @@
 #include <initializer_list>
 #include <memory>
 
-namespace tamrel::testing {
+namespace tamrel::ddiserver {
 namespace {
 
 using Json = std::unique_ptr<cJSON, void (*)(cJSON*)>;
@@ -210,4 +210,4 @@ ConfigData readConfigData(std::string const& body) {
   return config;
 }
 
-}  // namespace tamrel::testing
+}  // namespace tamrel::ddiserver

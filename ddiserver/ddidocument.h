@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace tamrel::testing {
+namespace tamrel::ddiserver {
 
 struct ArtifactDocument {
   std::string filename;
@@ -78,4 +78,4 @@ struct ConfigData {
 };
 ConfigData readConfigData(std::string const& body);
 
-}  // namespace tamrel::testing
+}  // namespace tamrel::ddiserver

@@ -3,12 +3,12 @@
 #include <cstdlib>
 #include <utility>
 
-namespace tamrel::testing {
+namespace tamrel::ddiserver {
 namespace {
 
 // hawkBit's error answers: status, error code and message in its
 // ExceptionInfo document.
-bool refuse(DdiTestServer::Answer& answer, int status, std::string const& errorCode,
+bool refuse(DdiServer::Answer& answer, int status, std::string const& errorCode,
             std::string const& message) {
   static std::map<int, char const*> const kClasses = {
       {400, "org.springframework.http.converter.HttpMessageNotReadableException"},
@@ -22,17 +22,17 @@ bool refuse(DdiTestServer::Answer& answer, int status, std::string const& errorC
 }
 
 // hawkBit's refusals that are no exception come without a body.
-bool bare(DdiTestServer::Answer& answer, int status) {
+bool bare(DdiServer::Answer& answer, int status) {
   answer.status = status;
   answer.body.clear();
   return true;
 }
 
-bool notFound(DdiTestServer::Answer& answer, std::string const& what) {
+bool notFound(DdiServer::Answer& answer, std::string const& what) {
   return refuse(answer, 404, "hawkbit.server.error.repo.entitiyNotFound", what + " not found");
 }
 
-bool notReadable(DdiTestServer::Answer& answer, std::string const& reason) {
+bool notReadable(DdiServer::Answer& answer, std::string const& reason) {
   return refuse(answer, 400, "hawkbit.server.error.rest.body.notReadable",
                 "The given request body is not well formed: " + reason);
 }
@@ -74,7 +74,7 @@ void HawkbitTarget::requestCancel(std::string const& cancelId) {
   action.status = "CANCELING";
 }
 
-bool HawkbitTarget::answer(RecordedRequest const& request, DdiTestServer::Answer& answer) {
+bool HawkbitTarget::answer(RecordedRequest const& request, DdiServer::Answer& answer) {
   std::string const& path = request.path;
   // hawkBit's firewall refuses such a URL whatever it names.
   if (path.find("//") != std::string::npos) {
@@ -125,7 +125,7 @@ bool HawkbitTarget::answer(RecordedRequest const& request, DdiTestServer::Answer
   return notFound(answer, "Resource " + rest);
 }
 
-bool HawkbitTarget::poll(DdiTestServer::Answer& answer) {
+bool HawkbitTarget::poll(DdiServer::Answer& answer) {
   ++polls_;
   std::string deploymentId, cancelId;
   if (!running_.empty()) {
@@ -151,7 +151,7 @@ bool HawkbitTarget::poll(DdiTestServer::Answer& answer) {
 }
 
 bool HawkbitTarget::document(std::string const& kind, std::string const& id,
-                             std::string const& query, DdiTestServer::Answer& answer) {
+                             std::string const& query, DdiServer::Answer& answer) {
   if (kind == "cancelAction") {
     for (auto const& [actionId, action] : actions_) {
       if (!action.cancelId.empty() && action.cancelId == id) {
@@ -184,7 +184,7 @@ bool HawkbitTarget::document(std::string const& kind, std::string const& id,
 }
 
 bool HawkbitTarget::feedback(std::string const& kind, std::string const& id,
-                             std::string const& body, DdiTestServer::Answer& answer) {
+                             std::string const& body, DdiServer::Answer& answer) {
   Feedback const sent = readFeedback(body);
   if (!sent.valid) return notReadable(answer, sent.error);
   Action* action = nullptr;
@@ -237,7 +237,7 @@ bool HawkbitTarget::feedback(std::string const& kind, std::string const& id,
   return true;
 }
 
-bool HawkbitTarget::configData(std::string const& body, DdiTestServer::Answer& answer) {
+bool HawkbitTarget::configData(std::string const& body, DdiServer::Answer& answer) {
   ConfigData const config = readConfigData(body);
   if (!config.valid) return notReadable(answer, config.error);
   for (auto const& [key, value] : config.data) attributes_[key] = value;
@@ -256,4 +256,4 @@ void HawkbitTarget::event(std::string const& line) const {
   if (options_.onEvent) options_.onEvent(line);
 }
 
-}  // namespace tamrel::testing
+}  // namespace tamrel::ddiserver

@@ -1,7 +1,7 @@
 // One device as a hawkBit server sees it: its running action, cancel
 // requests, the attributes it is asked for, its installed base and the
 // messages of every action. Answers the DDI controller paths the way a
-// current hawkBit server does, for any client; DdiTestServer serves the
+// current hawkBit server does, for any client; DdiServer serves the
 // artifacts and applies faults.
 #pragma once
 
@@ -12,9 +12,9 @@
 #include <vector>
 
 #include "ddiserver/ddidocument.h"
-#include "ddiserver/dditestserver.h"
+#include "ddiserver/ddiserver.h"
 
-namespace tamrel::testing {
+namespace tamrel::ddiserver {
 
 class HawkbitTarget {
  public:
@@ -44,8 +44,8 @@ class HawkbitTarget {
   void requestCancel(std::string const& cancelId);
 
   // Answers a request under the controller path; false for other paths.
-  // Thread-safe: DdiTestServer calls it from its worker threads.
-  bool answer(RecordedRequest const& request, DdiTestServer::Answer& answer);
+  // Thread-safe: DdiServer calls it from its worker threads.
+  bool answer(RecordedRequest const& request, DdiServer::Answer& answer);
 
  private:
   struct Action {
@@ -58,12 +58,12 @@ class HawkbitTarget {
     int feedbacks = 0;
   };
 
-  bool poll(DdiTestServer::Answer& answer);
+  bool poll(DdiServer::Answer& answer);
   bool document(std::string const& kind, std::string const& id, std::string const& query,
-                DdiTestServer::Answer& answer);
+                DdiServer::Answer& answer);
   bool feedback(std::string const& kind, std::string const& id, std::string const& body,
-                DdiTestServer::Answer& answer);
-  bool configData(std::string const& body, DdiTestServer::Answer& answer);
+                DdiServer::Answer& answer);
+  bool configData(std::string const& body, DdiServer::Answer& answer);
   void record(Action& action, Feedback const& feedback);
   void event(std::string const& line) const;
 
@@ -77,4 +77,4 @@ class HawkbitTarget {
   int polls_ = 0, deploymentRequests_ = 0;
 };
 
-}  // namespace tamrel::testing
+}  // namespace tamrel::ddiserver
