@@ -18,6 +18,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <random>
 #include <stdexcept>
 
@@ -63,6 +64,12 @@ RangeKind parseRange(std::string const& header, size_t size, size_t& first, size
   return RangeKind::kSatisfiable;
 }
 
+bool copyFile(std::string const& from, std::string const& to) {
+  std::ifstream in(from, std::ios::binary);
+  std::ofstream out(to, std::ios::binary);
+  return in && out << in.rdbuf() && out.flush();
+}
+
 }  // namespace
 
 std::string RecordedRequest::header(std::string const& name) const {
@@ -90,7 +97,20 @@ DdiServer::DdiServer(Options const& options)
         throw std::runtime_error("DdiServer: cannot generate a certificate");
       }
     }
-    server_ = std::make_unique<httplib::SSLServer>(certFile_.c_str(), keyFile.c_str());
+    std::string clientCa = options.clientCaFile;
+    if (!options.clientCertOut.empty() && !tempDir_.empty()) {
+      std::string const out = options.clientCertOut;
+      clientCa = tempDir_ + "/client-ca.pem";
+      if (!writeCaSignedCertificate(clientCa, out + "/client.pem", out + "/client.key", true) ||
+          !copyFile(caFile_, out + "/ca.pem")) {
+        throw std::runtime_error("DdiServer: cannot write client certificates to " + out);
+      }
+    }
+    if (!clientCa.empty() && access(clientCa.c_str(), R_OK) != 0) {
+      throw std::runtime_error("DdiServer: cannot read " + clientCa);
+    }
+    server_ = std::make_unique<httplib::SSLServer>(certFile_.c_str(), keyFile.c_str(),
+                                                   clientCa.empty() ? nullptr : clientCa.c_str());
   } else {
     server_ = std::make_unique<httplib::Server>();
   }
@@ -141,6 +161,7 @@ DdiServer::~DdiServer() {
     std::remove(certFile_.c_str());
     std::remove(caFile_.c_str());
     std::remove((tempDir_ + "/key.pem").c_str());
+    std::remove((tempDir_ + "/client-ca.pem").c_str());
     rmdir(tempDir_.c_str());
   }
 }
@@ -259,6 +280,11 @@ void DdiServer::clearRequests() {
   requests_.clear();
 }
 
+void DdiServer::setGatewayToken(std::string token) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  gatewayToken_ = std::move(token);
+}
+
 void DdiServer::setRequireToken(std::string token) {
   std::lock_guard<std::mutex> lock(mutex_);
   requireToken = std::move(token);
@@ -290,13 +316,14 @@ void DdiServer::handle(httplib::Request const& req, httplib::Response& res) {
   Resource resource;
   bool hasResource = false;
   std::map<std::string, std::string> headers;
-  std::string token;
+  std::string token, gateway;
   Handler handler;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     requests_.push_back(record);
     if (onRequest_) onRequest_(record);
     token = requireToken;
+    gateway = gatewayToken_;
     handler = handler_;
     if (auto it = find(resources_); it != resources_.end()) {
       resource = it->second;
@@ -316,7 +343,10 @@ void DdiServer::handle(httplib::Request const& req, httplib::Response& res) {
     }
   }
 
-  if (!token.empty() && record.header("Authorization") != "TargetToken " + token) {
+  std::string const authorization = record.header("Authorization");
+  if ((!token.empty() || !gateway.empty()) &&
+      !(!token.empty() && authorization == "TargetToken " + token) &&
+      !(!gateway.empty() && authorization == "GatewayToken " + gateway)) {
     res.status = 401;
     return;
   }
@@ -558,7 +588,10 @@ bool writeCertificate(std::string const& file, X509* cert) {
 }
 
 bool writeKey(std::string const& file, EVP_PKEY* key) {
-  FILE* out = std::fopen(file.c_str(), "w");
+  // Readable by its owner only, as clients expect of a private key.
+  int const fd = open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  FILE* out = fd < 0 ? nullptr : fdopen(fd, "w");
+  if (fd >= 0 && out == nullptr) close(fd);
   bool ok =
       out != nullptr && PEM_write_PrivateKey(out, key, nullptr, nullptr, 0, nullptr, nullptr) == 1;
   if (out != nullptr) ok = std::fclose(out) == 0 && ok;
@@ -586,22 +619,25 @@ bool writeSelfSignedCertificate(std::string const& certFile, std::string const& 
 }
 
 bool writeCaSignedCertificate(std::string const& caFile, std::string const& certFile,
-                              std::string const& keyFile) {
+                              std::string const& keyFile, bool client) {
   // The CA's key lives only here: nothing else can be signed with it.
   EVP_PKEY* caKey = EVP_RSA_gen(2048);
-  X509* ca = makeCertificate(caKey, "tamrel-ddi-server test CA", nullptr, caKey,
+  X509* ca = makeCertificate(caKey, client ? "tamrel-ddi-server client CA" : "tamrel-ddi-server CA",
+                             nullptr, caKey,
                              {{NID_basic_constraints, "critical,CA:TRUE"},
                               {NID_key_usage, "critical,keyCertSign,cRLSign"},
                               {NID_subject_key_identifier, "hash"}});
   EVP_PKEY* key = EVP_RSA_gen(2048);
+  std::vector<std::pair<int, std::string>> extensions = {
+      {NID_basic_constraints, "critical,CA:FALSE"},
+      {NID_key_usage, "critical,digitalSignature,keyEncipherment"},
+      {NID_ext_key_usage, client ? "clientAuth" : "serverAuth"},
+      {NID_authority_key_identifier, "keyid"}};
+  if (!client) extensions.push_back({NID_subject_alt_name, "IP:127.0.0.1,DNS:localhost"});
   X509* cert = ca == nullptr
                    ? nullptr
-                   : makeCertificate(key, "localhost", ca, caKey,
-                                     {{NID_basic_constraints, "critical,CA:FALSE"},
-                                      {NID_key_usage, "critical,digitalSignature,keyEncipherment"},
-                                      {NID_ext_key_usage, "serverAuth"},
-                                      {NID_authority_key_identifier, "keyid"},
-                                      {NID_subject_alt_name, "IP:127.0.0.1,DNS:localhost"}});
+                   : makeCertificate(key, client ? "tamrel-ddi-server client" : "localhost", ca,
+                                     caKey, extensions);
   bool const ok = cert != nullptr && writeCertificate(caFile, ca) &&
                   writeCertificate(certFile, cert) && writeKey(keyFile, key);
   X509_free(cert);
