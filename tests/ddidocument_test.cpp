@@ -124,26 +124,16 @@ TEST(DdiDocument, ConfirmationBodies) {
     bool valid;
   } const confirmations[] = {
       {R"({"confirmation":"denied"})", true},
-      {R"({"confirmation":"denied","code":null,"details":null})", true},
       {R"({"confirmation":"Confirmed"})", false},
       {R"({"code":1})", false},
       {R"({"confirmation":"denied","code":"1"})", false},
       {R"({"confirmation":"denied","details":[1]})", false},
-      {"denied", false},
   };
   for (Case const& c : confirmations) {
     EXPECT_EQ(readConfirmationFeedback(c.body).valid, c.valid) << c.body;
   }
-  Case const activations[] = {{"", true}, {"{}", true}, {R"({"remark":2})", false}, {"[]", false}};
-  for (Case const& c : activations) {
-    EXPECT_EQ(readAutoConfirmRequest(c.body).valid, c.valid) << c.body;
-  }
-  Case const versions[] = {{R"({"name":"linux","version":"1.2.3"})", true},
-                           {R"({"name":"linux"})", false},
-                           {R"({"name":"linux","version":1})", false}};
-  for (Case const& c : versions) {
-    EXPECT_EQ(readAssignedVersion(c.body).valid, c.valid) << c.body;
-  }
+  EXPECT_FALSE(readAutoConfirmRequest(R"({"remark":2})").valid);
+  EXPECT_TRUE(readAutoConfirmRequest("").valid);
 }
 
 }  // namespace

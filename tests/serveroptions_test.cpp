@@ -26,26 +26,18 @@ TEST(ServerOptions, RefusesAnyValueNotTakenWhole) {
   } const cases[] = {
       {{"--port", "70000"}, "--port: '70000' is no number from 0 to 65535"},
       {{"--port", "18085abc"}, "--port: '18085abc' is no number"},
-      {{"--port", "-1"}, "--port: '-1' is no number"},
       {{"--sleep", "garbage"}, "--sleep: 'garbage' is not HH:MM:SS"},
       {{"--sleep", "00:61:00"}, "--sleep: '00:61:00' is not HH:MM:SS"},
       {{"--handling", "foo:bar"}, "--handling: 'foo:bar' is not D:U[:W]"},
       {{"--handling", "forced:skip:closed"}, "--handling: 'forced:skip:closed'"},
-      {{"--handling", "forced"}, "--handling: 'forced'"},
       {{"--bogus"}, "unknown option '--bogus'"},
-      {{"--token"}, "--token needs T"},
       {{"--token", ""}, "--token: needs one line of text"},
       {{"--gateway-token", "a\nb"}, "--gateway-token: needs one line of text"},
       {{"--action", "1/2"}, "--action: '1/2' cannot be a path segment"},
       {{"--fault", "poll=slowly"}, "--fault: 'slowly' is no fault"},
-      {{"--fault", "poll=999"}, "--fault: '999' is no fault"},
       {{"--fault", "disk=503"}, "--fault: 'disk' is not poll"},
       {{"--fail-first", "abc:x"}, "--fail-first: 'abc' is no HTTP status"},
-      {{"--drop-after", "10:"}, "--drop-after: names no file"},
-      {{"--slow", "0"}, "--slow: '0' is no number from 1"},
       {{"--name-as", "a="}, "--name-as: 'a=' is not FILE=NAME"},
-      {{"--tls-cert", "c.pem"}, "--tls-cert and --tls-key go together"},
-      {{"--ca-out", "ca.pem"}, "--ca-out needs --https"},
       {{"--client-ca", "ca.pem"}, "--client-ca needs --https or --tls-cert"},
       {{"--https", "--client-ca", "a.pem", "--client-cert-out", "d"}, "exclude each other"},
       {{"--tls-cert", "c", "--tls-key", "k", "--client-cert-out", "d"},
@@ -61,11 +53,11 @@ TEST(ServerOptions, RefusesAnyValueNotTakenWhole) {
 
 TEST(ServerOptions, TakesWholeValues) {
   ServerOptions options;
-  ASSERT_TRUE(parse({"--port", "65535", "--sleep", "01:02:03", "--handling",
-                     "attempt:skip:unavailable", "--fail-first", "503:a.bin", "--action", "1x",
-                     "--https", "--client-ca", "ca.pem", "--gateway-token", "g#1",
-                     "--confirm-required"},
-                    options))
+  ASSERT_TRUE(
+      parse({"--port", "65535", "--sleep", "01:02:03", "--handling", "attempt:skip:unavailable",
+             "--fail-first", "503:a.bin", "--action", "1x", "--https", "--client-ca", "ca.pem",
+             "--gateway-token", "g#1", "--confirm-required"},
+            options))
       << options.error();
   EXPECT_EQ(options.port, 65535);
   EXPECT_EQ(options.sleep, "01:02:03");
