@@ -1,4 +1,4 @@
-// tamrel-ddi-server: the in-process DDI test server as a program, answering
+// tamrel-ddi-server: the DDI server as a program, answering
 // like a current hawkBit server, for testing any hawkBit client without a
 // hawkBit installation. Every file of --artifacts becomes an artifact of one
 // deployment, served from the file (sparse files of any size work); every
@@ -23,229 +23,29 @@
 #include <vector>
 
 #include "ddiserver/ddidocument.h"
-#include "ddiserver/dditestserver.h"
+#include "ddiserver/ddiserver.h"
 #include "ddiserver/hawkbittarget.h"
+#include "ddiserver/serveroptions.h"
 #include "digest/digest.h"
 
 namespace {
 
-namespace testing = tamrel::testing;
+namespace ddiserver = tamrel::ddiserver;
 
-char const kUsage[] =
-    "usage: tamrel-ddi-server [--help] [--port N] [--token T] [--artifacts DIR] [--sleep "
-    "HH:MM:SS]\n"
-    "                         [--chunk NAME] [--name-as FILE=NAME] [--action ID]\n"
-    "                         [--ask-config-data]   (ask for attributes at every poll)\n"
-    "  cancel requests:\n"
-    "    --cancel ID           offer a cancel request ID for the action from the start\n"
-    "    --cancel-after-polls N  offer one (with the action's id) after N polls\n"
-    "  the deployment:\n"
-    "    --handling D:U[:W]    download and update handling (skip, attempt, forced) and\n"
-    "                          maintenance window (available, unavailable)\n"
-    "    --window-opens-at N   the window is \"available\" from the Nth deployment request on\n"
-    "    --download-only       update \"skip\", no window: the device closes with \"downloaded\"\n"
-    "    --tls-links           offer only \"download\" links, as a server set up for TLS only\n"
-    "    --both-links          offer \"download\" and \"download-http\" (its URL ends in ?http)\n"
-    "    --upper-digests       digests in upper-case hex\n"
-    "    --wrong-sha256 FILE   list a wrong SHA-256 digest for FILE\n"
-    "    --empty-artifact      an artifact element without members first in the list\n"
-    "  faults for testing a host:\n"
-    "    --corrupt FILE        serve FILE with its middle byte flipped (digest mismatch)\n"
-    "    --drop-after BYTES[:FILE]   close the first GET answer of FILE (of each artifact\n"
-    "                          without FILE) after BYTES bytes\n"
-    "    --fail-first STATUS[:FILE]  answer that first GET with STATUS and an error page\n"
-    "    --ignore-range        answer range requests with the whole file\n"
-    "    --https               serve over TLS with a certificate for 127.0.0.1 and\n"
-    "                          localhost signed by a throwaway CA\n"
-    "    --ca-out FILE         write that CA's certificate (PEM) to FILE\n"
-    "    --tls-cert FILE --tls-key FILE   serve over TLS with this certificate\n"
-    "    --slow MS             send artifacts in 64 KiB pieces, MS apart\n"
-    "    --fault WHERE=WHAT    WHERE: poll, deployment (its deploymentBase), config\n"
-    "                          (the configData PUT), feedback (of the deployment) or\n"
-    "                          artifact; WHAT:\n"
-    "                          stall (no answer), trickle (1 byte per 100 ms), overlong\n"
-    "                          (the body and 1 MiB more) or endless (the body, then\n"
-    "                          bytes without end), both without Content-Length,\n"
-    "                          or an HTTP status with an error document; or (14 MiB\n"
-    "                          answered in full) flood (log lines, not JSON), deep\n"
-    "                          (arrays nested 7 Mi deep), many (100 000 artifacts)\n";
-
-struct Settings {
-  int port = 0;
-  std::string token, artifactDir, sleep = "00:00:10", chunk = "firmware", corrupt, action = "1",
-                                  cancel;
-  std::string download = "forced", update = "forced", window, wrongSha256;
-  int windowOpensAt = 0, cancelAfterPolls = 0;
-  bool tlsLinks = false, bothLinks = false, upperDigests = false, emptyArtifact = false,
-       askConfigData = false;
-  std::map<std::string, std::string> names;  // file -> name offered to the device
-  testing::Fault always, once;               // faults on every / the first GET of an artifact
-  std::string onceFile;                      // the artifact `once` is for; "" for each
-  bool https = false;
-  std::string caOut, tlsCert, tlsKey;
-  testing::Fault poll, deployment, config, feedback;  // --fault poll=, deployment=, ...
-};
-
-// Hostile documents of 14 MiB, just under the agent's default bound of
-// 16 MiB: log lines that are not JSON, arrays nested 7 Mi deep, or a
-// deployment of 100 000 artifacts. Empty when `what` is none of these.
-std::string hostileDocument(std::string const& what) {
-  std::string text;
-  if (what == "flood") {
-    std::string const line =
-        "2026-01-01T00:00:00Z [I] libtamrelcore -> Download finished (rootfs.img)\n\x1b[2K";
-    while (text.size() + line.size() <= 14u << 20) text += line;
-  } else if (what == "deep") {
-    text = std::string(7u << 20, '[') + std::string(7u << 20, ']');
-  } else if (what == "many") {
-    text = R"({"id":"1","deployment":{"download":"forced","update":"forced","chunks":[)"
-           R"({"part":"os","version":"1","name":"many","artifacts":[)";
-    for (int i = 0; i < 100000; ++i) {
-      char artifact[160];
-      std::snprintf(artifact, sizeof artifact,
-                    R"(%s{"filename":"a%05d","size":1,"hashes":{"sha1":"%040d"},)"
-                    R"("_links":{"download-http":{"href":"http://h/a%05d"}}})",
-                    i == 0 ? "" : ",", i, i, i);
-      text += artifact;
-    }
-    text += "]}]}}";
-  }
-  return text;
-}
-
-// --fault WHERE=WHAT into the settings; false when not understood.
-bool parseFault(std::string const& value, Settings& settings) {
-  std::size_t const equals = value.find('=');
-  if (equals == std::string::npos) return false;
-  std::string const where = value.substr(0, equals), what = value.substr(equals + 1);
-  testing::Fault fault;
-  if (what == "stall") {
-    fault.answerDelayMs = 3600 * 1000;
-  } else if (what == "trickle") {
-    fault.chunkBytes = 1;
-    fault.delayMs = 100;
-  } else if (what == "overlong" || what == "endless") {
-    fault.trailingBytes = what == "endless" ? -1 : 1 << 20;
-  } else if (!what.empty() && what.find_first_not_of("0123456789") == std::string::npos) {
-    fault.status = std::stoi(what);
-  } else if (std::string body = hostileDocument(what); !body.empty()) {
-    fault.body = std::make_shared<std::string const>(std::move(body));
-  } else {
-    return false;
-  }
-  if (where == "poll") {
-    settings.poll = fault;
-  } else if (where == "deployment") {
-    settings.deployment = fault;
-  } else if (where == "config") {
-    settings.config = fault;
-  } else if (where == "feedback") {
-    settings.feedback = fault;
-  } else if (where == "artifact") {
-    settings.always = fault;
-  } else {
-    return false;
-  }
-  return true;
-}
-
-bool parse(int argc, char** argv, Settings& settings) {
-  for (int i = 1; i < argc; ++i) {
-    std::string const arg = argv[i];
-    bool* const flag = arg == "--https"             ? &settings.https
-                       : arg == "--tls-links"       ? &settings.tlsLinks
-                       : arg == "--both-links"      ? &settings.bothLinks
-                       : arg == "--upper-digests"   ? &settings.upperDigests
-                       : arg == "--empty-artifact"  ? &settings.emptyArtifact
-                       : arg == "--ask-config-data" ? &settings.askConfigData
-                                                    : nullptr;
-    if (flag != nullptr) {
-      *flag = true;
-      continue;
-    }
-    if (arg == "--ignore-range") {
-      settings.always.ignoreRange = true;
-      continue;
-    }
-    if (arg == "--download-only") {
-      settings.update = "skip";
-      continue;
-    }
-    if (i + 1 >= argc) return false;
-    std::string const value = argv[++i];
-    try {
-      if (arg == "--port") {
-        settings.port = std::stoi(value);
-      } else if (arg == "--token") {
-        settings.token = value;
-      } else if (arg == "--artifacts") {
-        settings.artifactDir = value;
-      } else if (arg == "--sleep") {
-        settings.sleep = value;
-      } else if (arg == "--ca-out") {
-        settings.caOut = value;
-      } else if (arg == "--tls-cert") {
-        settings.tlsCert = value;
-      } else if (arg == "--tls-key") {
-        settings.tlsKey = value;
-      } else if (arg == "--chunk") {
-        settings.chunk = value;
-      } else if (arg == "--action") {
-        settings.action = value;
-      } else if (arg == "--cancel") {
-        settings.cancel = value;
-      } else if (arg == "--name-as" && value.find('=') != std::string::npos) {
-        settings.names[value.substr(0, value.find('='))] = value.substr(value.find('=') + 1);
-      } else if (arg == "--handling") {
-        std::size_t const colon = value.find(':');
-        if (colon == std::string::npos) return false;
-        settings.download = value.substr(0, colon);
-        settings.update = value.substr(colon + 1);
-        std::size_t const second = settings.update.find(':');
-        if (second != std::string::npos) {
-          settings.window = settings.update.substr(second + 1);
-          settings.update.resize(second);
-        }
-      } else if (arg == "--window-opens-at") {
-        settings.windowOpensAt = std::stoi(value);
-      } else if (arg == "--wrong-sha256") {
-        settings.wrongSha256 = value;
-      } else if (arg == "--corrupt") {
-        settings.corrupt = value;
-      } else if (arg == "--drop-after" || arg == "--fail-first") {
-        std::size_t const colon = value.find(':');
-        std::string const number = value.substr(0, colon);
-        if (number.empty() || number.find_first_not_of("0123456789") != std::string::npos)
-          return false;
-        if (arg == "--drop-after") {
-          settings.once.dropAfterBytes = std::stoll(number);
-        } else {
-          settings.once.status = std::stoi(number);
-        }
-        if (colon != std::string::npos) settings.onceFile = value.substr(colon + 1);
-      } else if (arg == "--cancel-after-polls") {
-        settings.cancelAfterPolls = std::stoi(value);
-      } else if (arg == "--fault") {
-        if (!parseFault(value, settings)) return false;
-      } else if (arg == "--slow") {
-        settings.always.chunkBytes = 65536;
-        settings.always.delayMs = std::stoi(value);
-      } else {
-        return false;
-      }
-    } catch (std::exception const&) {
-      return false;
+// A file name as one segment of a URL path: everything but the unreserved
+// characters percent-encoded.
+std::string percentEncoded(std::string const& name) {
+  std::string out;
+  for (unsigned char c : name) {
+    if (std::isalnum(c) || c == '-' || c == '.' || c == '_' || c == '~') {
+      out += static_cast<char>(c);
+    } else {
+      char escaped[4];
+      std::snprintf(escaped, sizeof escaped, "%%%02X", c);
+      out += escaped;
     }
   }
-  if (settings.tlsCert.empty() != settings.tlsKey.empty()) return false;
-  if (!settings.tlsCert.empty()) settings.https = true;
-  return !(!settings.caOut.empty() && (!settings.https || !settings.tlsCert.empty()));
-}
-
-bool isFault(testing::Fault const& fault) {
-  return fault.status != 0 || fault.dropAfterBytes >= 0 || fault.ignoreRange ||
-         fault.chunkBytes > 0 || fault.answerDelayMs > 0 || fault.trailingBytes != 0 ||
-         fault.body != nullptr;
+  return out;
 }
 
 // SHA-1, MD5 and SHA-256 of a file, each on a thread of its own (the file
@@ -274,13 +74,24 @@ bool digests(std::string const& path, std::map<std::string, std::string>& hashes
 }  // namespace
 
 int main(int argc, char** argv) {
-  Settings settings;
+  ddiserver::ServerOptions settings;
   if (argc == 2 && std::string(argv[1]) == "--help") {
-    std::fputs(kUsage, stdout);
+    std::fputs(ddiserver::ServerOptions::help().c_str(), stdout);
     return 0;
   }
-  if (!parse(argc, argv, settings)) {
-    std::fputs(kUsage, stderr);
+  if (!settings.parse(argc, argv)) {
+    std::fprintf(stderr, "tamrel-ddi-server: %s (--help lists the options)\n",
+                 settings.error().c_str());
+    return 2;
+  }
+  for (std::string const* file : {&settings.clientCa, &settings.tlsCert, &settings.tlsKey}) {
+    if (!file->empty() && access(file->c_str(), R_OK) != 0) {
+      std::fprintf(stderr, "tamrel-ddi-server: cannot read %s\n", file->c_str());
+      return 2;
+    }
+  }
+  if (!settings.clientCertOut.empty() && access(settings.clientCertOut.c_str(), W_OK) != 0) {
+    std::fprintf(stderr, "tamrel-ddi-server: cannot write to %s\n", settings.clientCertOut.c_str());
     return 2;
   }
   sigset_t stop;
@@ -293,7 +104,7 @@ int main(int argc, char** argv) {
   // the server always finds the deployment.
   struct File {
     std::string name, path;
-    testing::ArtifactDocument artifact;
+    ddiserver::ArtifactDocument artifact;
   };
   std::vector<File> files;
   if (!settings.artifactDir.empty()) {
@@ -310,7 +121,7 @@ int main(int argc, char** argv) {
       std::string const path = settings.artifactDir + "/" + file;
       struct stat info {};
       if (stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) continue;
-      testing::ArtifactDocument artifact;
+      ddiserver::ArtifactDocument artifact;
       artifact.filename = settings.names.count(file) ? settings.names[file] : file;
       artifact.size = static_cast<std::uint64_t>(info.st_size);
       if (!digests(path, artifact.hashes)) {
@@ -331,15 +142,17 @@ int main(int argc, char** argv) {
   // it right after; one lock keeps their lines together.
   std::mutex output;
   // Declared before the server, so that it outlives the server's threads.
-  std::unique_ptr<testing::HawkbitTarget> target;
-  testing::DdiTestServer::Options options;
+  std::unique_ptr<ddiserver::HawkbitTarget> target;
+  ddiserver::DdiServer::Options options;
   options.port = settings.port;
   options.https = settings.https;
   options.certFile = settings.tlsCert;
   options.keyFile = settings.tlsKey;
+  options.clientCaFile = settings.clientCa;
+  options.clientCertOut = settings.clientCertOut;
   // Connections wait in the backlog until everything is set up.
   options.deferStart = true;
-  options.onRequest = [&](testing::RecordedRequest const& request) {
+  options.onRequest = [&](ddiserver::RecordedRequest const& request) {
     std::lock_guard<std::mutex> guard(output);
     std::string const range = request.header("Range");
     std::printf("%s %s%s%s%s\n", request.method.c_str(), request.path.c_str(),
@@ -348,14 +161,14 @@ int main(int argc, char** argv) {
     if (!request.body.empty()) std::printf("    %s\n", request.body.c_str());
     std::fflush(stdout);
   };
-  std::unique_ptr<testing::DdiTestServer> made;
+  std::unique_ptr<ddiserver::DdiServer> made;
   try {
-    made = std::make_unique<testing::DdiTestServer>(options);
+    made = std::make_unique<ddiserver::DdiServer>(options);
   } catch (std::exception const& error) {
     std::fprintf(stderr, "tamrel-ddi-server: %s\n", error.what());
     return 1;
   }
-  testing::DdiTestServer& server = *made;
+  ddiserver::DdiServer& server = *made;
   if (!settings.caOut.empty()) {
     std::ifstream in(server.caFile(), std::ios::binary);
     std::ofstream out(settings.caOut, std::ios::binary);
@@ -365,27 +178,29 @@ int main(int argc, char** argv) {
     }
   }
   if (!settings.token.empty()) server.setRequireToken(settings.token);
+  if (!settings.gatewayToken.empty()) server.setGatewayToken(settings.gatewayToken);
   std::string const base = server.baseUrl();
 
-  testing::HawkbitTarget::Options targetOptions;
+  ddiserver::HawkbitTarget::Options targetOptions;
   targetOptions.baseUrl = base;
   targetOptions.controllerPath = server.controllerPath();
   targetOptions.sleep = settings.sleep;
   targetOptions.askConfigData = settings.askConfigData;
   targetOptions.cancelAfterPolls = settings.cancelAfterPolls;
   targetOptions.windowOpensAt = settings.windowOpensAt;
+  targetOptions.confirmRequired = settings.confirmRequired;
   targetOptions.onEvent = [&](std::string const& line) {
     std::lock_guard<std::mutex> guard(output);
     std::printf("%s\n", line.c_str());
     std::fflush(stdout);
   };
-  target = std::make_unique<testing::HawkbitTarget>(targetOptions);
+  target = std::make_unique<ddiserver::HawkbitTarget>(targetOptions);
   server.setHandler(
-      [&target](testing::RecordedRequest const& request, testing::DdiTestServer::Answer& answer) {
+      [&target](ddiserver::RecordedRequest const& request, ddiserver::DdiServer::Answer& answer) {
         return target->answer(request, answer);
       });
 
-  testing::DeploymentDocument deployment;
+  ddiserver::DeploymentDocument deployment;
   deployment.id = settings.action;
   deployment.download = settings.download;
   deployment.update = settings.update;
@@ -394,8 +209,8 @@ int main(int argc, char** argv) {
   for (File const& each : files) {
     std::string const& file = each.name;
     std::string const& path = each.path;
-    testing::ArtifactDocument artifact = each.artifact;
-    std::string const urlPath = "/artifacts/" + file;
+    ddiserver::ArtifactDocument artifact = each.artifact;
+    std::string const urlPath = "/artifacts/" + percentEncoded(file);
     std::string url;
     if (file == settings.corrupt && artifact.size > 0) {
       std::ifstream in(path, std::ios::binary);
@@ -408,7 +223,7 @@ int main(int argc, char** argv) {
     }
     // The first GET meets the one-shot fault on top of the lasting one.
     if (isFault(settings.once) && (settings.onceFile.empty() || settings.onceFile == file)) {
-      testing::Fault first = settings.always;
+      ddiserver::Fault first = settings.always;
       first.times = 1;
       first.dropAfterBytes = settings.once.dropAfterBytes;
       if (settings.once.status != 0) first.status = settings.once.status;

@@ -3,7 +3,9 @@
 # project, against tamrel-ddi-server: the client's attributes are asked for
 # once, a signed image installs and its success is confirmed after a restart,
 # the same once more over HTTPS with the server's throwaway CA given to the
-# client, a corrupt image is reported as a failure, a cut transfer is retried
+# client, and once more with the client presenting its certificate to a
+# server that requires one (--client-ca), which refuses the client without
+# it; a corrupt image is reported as a failure, a cut transfer is retried
 # to a whole file, and a cancel request during the download is answered.
 # Usage: scripts/peer-test.sh BUILD_DIR   (BUILD_DIR holds tamrel-ddi-server)
 set -euo pipefail
@@ -72,6 +74,21 @@ EOF
 # Over HTTPS the client trusts the CA that the server writes (--ca-out).
 { cat "$work/swupdate.cfg"; printf 'suricatta : {\n\tcafile = "%s";\n};\n' "$work/ca.pem"; } \
   > "$work/swupdate-https.cfg"
+# With a client certificate of a CA of the test's own, which the server
+# requires (--client-ca), as SWUpdate's sslcert and sslkey.
+make_client_certificate() {
+  openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj "/O=tamrel/CN=peer-test client CA" \
+    -keyout "$work/client-ca.key" -out "$work/client-ca.pem" 2> /dev/null
+  openssl req -newkey rsa:2048 -nodes -subj "/O=tamrel/CN=dev01" -keyout "$work/client.key" \
+    -out "$work/client.csr" 2> /dev/null
+  openssl x509 -req -in "$work/client.csr" -CA "$work/client-ca.pem" -CAkey "$work/client-ca.key" \
+    -CAcreateserial -days 1 -out "$work/client.pem" 2> /dev/null
+}
+{
+  cat "$work/swupdate.cfg"
+  printf 'suricatta : {\n\tcafile = "%s";\n\tsslcert = "%s";\n\tsslkey = "%s";\n};\n' \
+    "$work/ca.pem" "$work/client.pem" "$work/client.key"
+} > "$work/swupdate-mtls.cfg"
 client_cfg=$work/swupdate.cfg
 
 # view FILE: the server's output with each POST or PUT body on its request line.
@@ -99,16 +116,26 @@ feedback='^POST /DEFAULT/controller/v1/dev01/deploymentBase/1/feedback '
 closing="$feedback"'.*"execution": *"closed"'
 installed="$feedback.*All Chunks Installed"
 offered='^GET /DEFAULT/controller/v1/dev01/(deploymentBase|cancelAction)/|^(GET|HEAD) /artifacts/'
+# What SWUpdate logs for a poll the server refused in the TLS handshake.
+refused='alert certificate required'
 
-# start_server NAME OPTION...: the server on a free loopback port, polled every second.
+# start_server NAME OPTION...: the server on a free loopback port, polled every
+# second; its address read from its first line. One that exits before it
+# prints the address fails at once.
 start_server() {
   srv_log=$work/$1.server
   : > "$srv_log"
   shift
   "$server" --port 0 --artifacts "$work/artifacts" --sleep 00:00:01 "$@" > "$srv_log" 2>&1 &
   srv_pid=$!
-  wait_for "$srv_log" '^DDI server on https?://' 5 || return 1
-  url=$(sed -n '1s|^DDI server on \(https\?://[^/]*\)/.*|\1|p' "$srv_log")
+  local alive=1 deadline=$((SECONDS + 5))
+  while :; do
+    kill -0 "$srv_pid" 2> /dev/null || alive=0
+    url=$(sed -n '1s|^DDI server on \(https\?://[^/]*\)/.*|\1|p' "$srv_log")
+    [ -z "$url" ] || return 0
+    [ "$alive" -eq 1 ] && [ "$SECONDS" -lt "$deadline" ] || return 1
+    sleep 0.05
+  done
 }
 
 # start_client NAME SURICATTA-OPTION...: swupdate polling the server every
@@ -175,6 +202,22 @@ case_https() {
   client_cfg=$work/swupdate-https.cfg case_success --https --ca-out "$work/ca.pem"
 }
 
+case_client_cert() {
+  client_cfg=$work/swupdate-mtls.cfg case_success --https --ca-out "$work/ca.pem" \
+    --client-ca "$work/client-ca.pem"
+}
+
+# Without its certificate the client fails in the handshake: the server
+# answers nothing, and the client keeps trying.
+case_no_client_cert() {
+  start_server "$case_name" --https --ca-out "$work/ca.pem" --client-ca "$work/client-ca.pem" \
+    || { why="the server did not start"; return 1; }
+  client_cfg=$work/swupdate-https.cfg start_client "$case_name"
+  wait_for "$cli_log" "$refused" 15 2 || { why="the client did not report two refused polls"; return 1; }
+  [ "$(count "$srv_log" '^(GET|HEAD|POST|PUT) ')" -eq 0 ] \
+    || { why="the server answered a client without a certificate"; return 1; }
+}
+
 case_corrupt() {
   local at
   start_server "$case_name" --corrupt peer.swu || { why="the server did not start"; return 1; }
@@ -220,8 +263,9 @@ case_cancel() {
 }
 
 make_image
+make_client_certificate
 failures=0
-for case_name in success https corrupt cut cancel; do
+for case_name in success https client_cert no_client_cert corrupt cut cancel; do
   why='' srv_pid='' cli_pid='' srv_log=/dev/null cli_log=/dev/null
   rm -f "$install_dir/payload.bin"
   case_start=$SECONDS

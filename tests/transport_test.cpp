@@ -4,7 +4,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "ddiserver/dditestserver.h"
+#include "ddiserver/ddiserver.h"
 #include "io/memoryio.h"
 #include "io/nullhash.h"
 #include "plugin/libtamrelcore.h"
@@ -16,9 +16,9 @@
 namespace {
 
 namespace fs = std::filesystem;
+using tamrel::ddiserver::DdiServer;
+using tamrel::ddiserver::Fault;
 using tamrel::testing::CaptureStderr;
-using tamrel::testing::DdiTestServer;
-using tamrel::testing::Fault;
 using tamrel::testing::RawCaptureServer;
 
 std::shared_ptr<curlbuffer> memoryBuffer(std::string const& content = std::string()) {
@@ -28,7 +28,7 @@ std::shared_ptr<curlbuffer> memoryBuffer(std::string const& content = std::strin
 
 class Transport : public ::testing::Test {
  protected:
-  DdiTestServer server;
+  DdiServer server;
   CurlManager manager;
 };
 

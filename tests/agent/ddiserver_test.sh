@@ -3,8 +3,10 @@
 # curl: what it refuses (400, 404, 405, 410), with which error document or
 # with none, that the first poll it answers already links the deployment,
 # feedback read as JSON whatever its layout, the links it offers as the
-# action runs, is canceled or closes, installedBase and actionHistory, and
-# one-shot faults that HEAD requests neither meet nor spend.
+# action runs, is canceled or closes, installedBase and actionHistory,
+# client certificates (--client-cert-out, --client-ca), --gateway-token,
+# --confirm-required, percent-encoded artifact URLs, and one-shot faults
+# that HEAD requests neither meet nor spend.
 # usage: ddiserver_test.sh BUILD_DIR   (KEEP=1 keeps the work directory)
 set -uo pipefail
 . "$(dirname "$0")/lib.sh"
@@ -99,6 +101,48 @@ check "a rejected cancel request is withdrawn and not offered again" eval \
    answered 200 "" POST $c/cancelAction/1/feedback "$(fb rejected none)" && grep -qx "action 1: cancel rejected" "$log" &&
    test "$(links)" = "deploymentBase configData " && test "$(links)" = "deploymentBase configData "'
 
+# Client certificates: --client-cert-out writes a pair the server takes
+# and the CA to trust; --client-ca takes certificates of a CA of one's own.
+# Without an accepted certificate the handshake fails (curl: 000).
+mkdir -p "$work/tls"
+tls() {  # prints the status of a poll over TLS with the given curl options
+  curl -s -o /dev/null -w '%{http_code}' -H 'Authorization: TargetToken t0k#1' "$@" "$address$c"
+}
+serve --https --client-cert-out "$work/tls"
+pair=(--cacert "$work/tls/ca.pem" --cert "$work/tls/client.pem" --key "$work/tls/client.key")
+check "--client-cert-out: its pair accepted, its key private, no certificate refused" eval \
+  'test "$(tls "${pair[@]}")" = 200 && test "$(stat -c %a "$work/tls/client.key")" = 600 &&
+   test "$(tls --cacert "$work/tls/ca.pem")" = 000'
+openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=own-ca -keyout "$work/own-ca.key" \
+  -out "$work/own-ca.pem" 2> /dev/null
+openssl req -newkey rsa:2048 -nodes -subj /CN=dev01 -keyout "$work/dev.key" -out "$work/dev.csr" 2> /dev/null
+openssl x509 -req -in "$work/dev.csr" -CA "$work/own-ca.pem" -CAkey "$work/own-ca.key" \
+  -CAcreateserial -days 1 -out "$work/dev.pem" 2> /dev/null
+serve --https --ca-out "$work/server-ca.pem" --client-ca "$work/own-ca.pem"
+check "--client-ca: its CA's certificate accepted, another CA's or none refused" eval \
+  'test "$(tls --cacert "$work/server-ca.pem" --cert "$work/dev.pem" --key "$work/dev.key")" = 200 &&
+   test "$(tls --cacert "$work/server-ca.pem" --cert "$work/tls/client.pem" --key "$work/tls/client.key")" = 000 &&
+   test "$(tls --cacert "$work/server-ca.pem")" = 000'
+
+serve --gateway-token 'g4t#2'
+as() { curl -s -o "$work/answer" -w '%{http_code}' -H "Authorization: $1" "$address$c"; }
+check "--gateway-token: it and the target token accepted, a wrong one 401 without a body" eval \
+  'test "$(as "GatewayToken g4t#2")" = 200 && test "$(as "TargetToken t0k#1")" = 200 &&
+   test "$(as "GatewayToken t0k#1")" = 401 && test ! -s "$work/answer"'
+
+serve --confirm-required
+check "--confirm-required: the action waits for confirmation, then runs" eval \
+  'test "$(links)" = "confirmationBase configData " && answered 404 - GET $c/deploymentBase/1 &&
+   answered 200 - POST $c/confirmationBase/1/feedback "{\"confirmation\":\"confirmed\",\"details\":[\"ok\"]}" &&
+   grep -qx "action 1 confirmed: ok" "$log" && test "$(links)" = "deploymentBase configData "'
+
+mkdir -p "$work/odd"
+printf odd > "$work/odd/a b#c.bin"
+serve --artifacts "$work/odd"
+check "an artifact's URL is percent-encoded and fetches the file" eval \
+  'answered 200 "" GET $c/deploymentBase/1 && url=$(grep -o "http://[^\"]*a%20b%23c.bin" "$work/answer" | head -n1) &&
+   test "$(curl -s -H "Authorization: TargetToken t0k#1" "$url")" = odd'
+
 # One-shot faults are for the first GET of the chosen artifact; HEAD is answered as GET without a body.
 fetch() { curl -s -H 'Authorization: TargetToken t0k#1' "$@" "$address/artifacts/image.bin"; }
 for fault in '--drop-after 1000:image.bin' '--fail-first 503:image.bin'; do
@@ -118,18 +162,13 @@ serve --download-only
 check "\"downloaded\" closes a download-only action" eval \
   'answered 200 "" POST "$d" "$(fb downloaded none)" && grep -qx "action 1 closed: downloaded" "$log"'
 
-# Digests of a 256 MiB artifact take a while: polled from the moment it
-# starts, the server's first answer already links the deployment, and its
-# first line comes before any request.
+# Digests of a 256 MiB artifact take a while: the server computes them
+# before it binds its port and prints its address, so that its first answer
+# already links the deployment.
 mkdir -p "$work/big"
 truncate -s 256M "$work/big/big.img"
-port=$((20000 + RANDOM % 20000))
-"$server" --port "$port" --artifacts "$work/big" > "$work/big.log" 2>&1 &
+"$server" --port 0 --artifacts "$work/big" > "$work/big.log" 2>&1 &
 pids+=($!)
-tries=0 first=''
-while [ $tries -lt 1200 ] && ! first=$(curl -s --max-time 60 "http://127.0.0.1:$port$c"); do
-  tries=$((tries + 1)); sleep 0.05
-done
-check "first answered poll links the deployment ($tries refused before)" eval \
-  'grep -q "\"deploymentBase\":{\"href\"" <<< "$first" && head -n1 "$work/big.log" | grep -q "^DDI server on"'
+address_of $! "$work/big.log" && first=$(curl -s --max-time 60 "$address$c")
+check "first answered poll links the deployment" grep -q '"deploymentBase":{"href"' <<< "${first:-}"
 exit $fail

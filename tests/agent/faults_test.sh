@@ -67,7 +67,7 @@ check "unreadable deployment: no feedback" bash -c "! grep -q '^POST' '$log'"
 
 # An interval the library cannot read, once the action has closed and the
 # attributes were sent: the reason is the interval, not the network.
-serve --sleep 1:2:3:4
+serve --bad-sleep 1:2:3:4
 for _ in 1 2 3; do once "$ok"; done
 expect "four-piece interval, nothing linked" 3 10 "no polling interval the library can read"
 serve
@@ -227,7 +227,7 @@ while IFS='|' read -r what options settings; do
   kill -TERM $pid; wait $pid
   check "$what: SIGTERM, exit 0" test $? -eq 0
 done <<'EOF'
-interval not understood|--sleep PT36H|poll-interval-s=1
+interval not understood|--bad-sleep PT36H|poll-interval-s=1
 interval capped|--sleep 99:00:00|max-poll-interval-s=1
 token refused in loop mode|--token other|poll-interval-s=1
 EOF

@@ -1,24 +1,25 @@
 #!/usr/bin/env bash
-# TLS end to end: tamrel-ddi-server's throwaway CA (--ca-out) vouches for
-# 127.0.0.1 and localhost and a given certificate (--tls-cert/--tls-key) is
-# served as is; the agent trusting that CA through ca-file completes a
-# deployment, directly and through a CONNECT proxy. Client certificates are
-# checked by a TLS front (relay.py) that requires them, standing in for
-# hawkBit's reverse proxy: accepted with a certificate, refused without one;
-# a server the CA does not vouch for is not trusted; and the start-up checks
-# of certificate, key and password.
+# TLS and credentials end to end: tamrel-ddi-server's throwaway CA (--ca-out)
+# vouches for 127.0.0.1 and localhost and a given certificate (--tls-cert/
+# --tls-key) is served as is; the agent trusting that CA through ca-file
+# completes a deployment, directly and through a CONNECT proxy
+# (connectproxy.py, which counts the tunnels). Against a server requiring
+# client certificates (--client-cert-out): its pair accepted, none or
+# another CA's refused in the handshake, an untrusted server certificate
+# named; the start-up checks of certificate, key and password; a gateway
+# token accepted and a wrong one refused.
 # usage: tls_test.sh BUILD_DIR   (KEEP=1 keeps the work directory)
 set -uo pipefail
 . "$(dirname "$0")/lib.sh"
-relay=$(dirname "$0")/relay.py
+proxy=$(dirname "$0")/connectproxy.py
 mkdir -p "$work/art"
 head -c 300000 /dev/urandom > "$work/art/image.bin"
 c=/DEFAULT/controller/v1/dev01
 trusted() {  # CA-FILE URL: the poll answered over a verified connection
   curl -s -f -o /dev/null --cacert "$1" -H 'Authorization: TargetToken t0k#1' "$2"
 }
-helper() {  # LOG ARGS...: starts relay.py, sets $port
-  python3 "$relay" "${@:2}" > "$1" 2>&1 &
+proxy_start() {  # LOG: starts connectproxy.py, sets $port
+  python3 "$proxy" > "$1" 2>&1 &
   pids+=($!)
   wait_for 'listening on' "$1" || return 1
   port=$(sed -n 's/^listening on //p' "$1")
@@ -32,7 +33,7 @@ run_agent "ca-file = $work/ca.pem"
 check "ca-file: the deployment completes over HTTPS" eval \
   'closed_with success && cmp -s "$work/art/image.bin" "$dl/firmware/image.bin"'
 
-helper "$work/proxy.log" connect
+proxy_start "$work/proxy.log"
 serve --https --ca-out "$work/ca2.pem"
 run_agent "ca-file = $work/ca2.pem" "proxy = http://127.0.0.1:$port"
 tunnels=$(grep -c '^CONNECT 127.0.0.1:' "$work/proxy.log")
@@ -44,8 +45,12 @@ openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=given -addext subjec
 serve --tls-cert "$work/given.pem" --tls-key "$work/given.key"
 check "--tls-cert: the given certificate is served" trusted "$work/given.pem" "$address$c"
 
-# Client certificates: a client CA, a device pair (valid 2 days), one
-# expired, a key of another pair, an encrypted key and its password.
+# Client certificates: the server requires a pair of its own client CA
+# (--client-cert-out). Of our own CA: a device pair valid 2 days, one
+# expired, a key of another pair; and an encrypted copy of the server's key.
+mkdir -p "$work/mtls"
+serve --https --client-cert-out "$work/mtls"
+mtls=$work/mtls
 (
   cd "$work" || exit 1
   key() { openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out "$1" 2> /dev/null; }
@@ -60,42 +65,48 @@ check "--tls-cert: the given certificate is served" trusted "$work/given.pem" "$
         -notext "${@:3}"
   }
   sign dev.key dev -days 2 && sign old.key old -startdate 20200101000000Z -enddate 20200102000000Z
-  openssl pkey -in dev.key -aes256 -passout pass:s3cret -out dev-locked.key
+  openssl pkey -in "$mtls/client.key" -aes256 -passout pass:s3cret -out locked.key
   echo s3cret > password; echo wrong > wrong-password
-  chmod 600 dev.key other.key old.key dev-locked.key
-  openssl req -x509 -key other.key -days 1 -subj /CN=front -addext subjectAltName=IP:127.0.0.1 \
-    -out front.pem
+  chmod 600 dev.key other.key old.key locked.key "$mtls/client.key"
 ) > "$work/certs.log" 2>&1 || { cat "$work/certs.log"; exit 1; }
-# No deployment: a poll through the front is all there is.
-mkdir -p "$work/none"
-serve --artifacts "$work/none"
-helper "$work/front.log" tls "$work/front.pem" "$work/other.key" "$work/cca.pem" "${address##*:}"
-front=https://127.0.0.1:$port
 while IFS='|' read -r what settings status says; do
-  sed -i '/^\(client-\|ca-file\|address\)/d' "$conf"
-  echo "address = $front" >> "$conf"
+  sed -i '/^\(client-\|ca-file\)/d' "$conf"
   run_agent $settings
   code=$?
   cp "$work/agent$n.log" "$work/${what// /-}.log"
   check "$what: exit $status, says '$says'" eval \
     'test $code -eq "$status" && grep -q -- "$says" "$work/agent$n.log"'
 done <<EOF
-client certificate accepted|ca-file=$work/front.pem client-cert=$work/dev.pem client-key=$work/dev.key|0|config data: not sent
-no client certificate: refused in the handshake|ca-file=$work/front.pem|3|TLS handshake refused by the server: 
-server CA not trusted|ca-file=$work/cca.pem client-cert=$work/dev.pem client-key=$work/dev.key|3|server certificate not trusted: 
-encrypted key with its password|ca-file=$work/front.pem client-cert=$work/dev.pem client-key=$work/dev-locked.key client-key-password-file=$work/password|0|dev.pem expires in [0-9]* day
+client certificate accepted|ca-file=$mtls/ca.pem client-cert=$mtls/client.pem client-key=$mtls/client.key|0|deployment 1: success
+encrypted key with its password|ca-file=$mtls/ca.pem client-cert=$mtls/client.pem client-key=$work/locked.key client-key-password-file=$work/password|0|config data: 1 attributes sent
+no client certificate: refused|ca-file=$mtls/ca.pem|3|TLS handshake refused by the server: 
+a certificate of another CA: refused|ca-file=$mtls/ca.pem client-cert=$work/dev.pem client-key=$work/dev.key|3|TLS handshake refused by the server: 
+server CA not trusted|ca-file=$work/cca.pem client-cert=$mtls/client.pem client-key=$mtls/client.key|3|server certificate not trusted: 
 certificate missing|client-cert=$work/none.pem|2|cannot read $work/none.pem
 key of another pair|client-cert=$work/dev.pem client-key=$work/other.key|2|does not match
 expired certificate|client-cert=$work/old.pem client-key=$work/old.key|2|old.pem has expired
-wrong password|client-cert=$work/dev.pem client-key=$work/dev-locked.key client-key-password-file=$work/wrong-password|2|or the password is wrong
+wrong password|client-cert=$mtls/client.pem client-key=$work/locked.key client-key-password-file=$work/wrong-password|2|or the password is wrong
 CA file missing|ca-file=$work/none.pem|2|cannot read $work/none.pem
 EOF
-check "the front saw the accepted and the refused handshakes" eval \
-  'grep -q "^accepted" "$work/front.log" && grep -q "^refused" "$work/front.log"'
+check "a certificate expiring within 30 days: a warning naming its line" grep -q \
+  "agent$n.conf:[0-9]*: $work/dev.pem expires in [0-9]* day" "$work/a-certificate-of-another-CA:-refused.log"
 chmod 644 "$work/dev.key"
-sed -i '/^\(client-\|ca-file\|address\)/d' "$conf"
-run_agent "address = $front" "ca-file = $work/front.pem" "client-cert = $work/dev.pem" \
-  "client-key = $work/dev.key"
+sed -i '/^\(client-\|ca-file\)/d' "$conf"
+run_agent "client-cert = $work/dev.pem" "client-key = $work/dev.key"
 check "a key others may read: a warning naming its line" \
   grep -q "agent$n.conf:[0-9]*: $work/dev.key may be read by group or others" "$work/agent$n.log"
+
+# A gateway token instead of the target token: the right one is accepted,
+# a wrong one refused.
+while IFS='|' read -r what token status says; do
+  serve --gateway-token 'g4t#1'
+  sed -i '/^token/d' "$conf"
+  run_agent "gateway-token = $token"
+  code=$?
+  check "$what: exit $status, says '$says'" eval \
+    'test $code -eq "$status" && grep -q -- "$says" "$work/agent$n.log"'
+done <<'EOF'
+gateway token accepted|g4t#1|0|deployment 1: success
+wrong gateway token refused|other|3|refused the credentials (HTTP 401)
+EOF
 exit $fail

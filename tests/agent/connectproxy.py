@@ -1,17 +1,8 @@
 #!/usr/bin/env python3
-"""Helpers of the agent's end-to-end tests, each on an ephemeral port of
-127.0.0.1 that it prints first ("listening on PORT"), then one line per
-connection:
-  relay.py tls CERT KEY CLIENT_CA TARGET_PORT
-      a TLS front that requires a client certificate signed by CLIENT_CA and
-      passes each connection on to 127.0.0.1:TARGET_PORT ("accepted" or
-      "refused: REASON")
-  relay.py connect
-      an HTTP proxy that tunnels CONNECT requests ("CONNECT host:port")
-"""
+"""A proxy for the agent's end-to-end tests: tunnels CONNECT requests on an
+ephemeral port of 127.0.0.1, which it prints first ("listening on PORT"),
+then one line per tunnel ("CONNECT host:port")."""
 import socket
-import ssl
-import sys
 import threading
 
 
@@ -40,17 +31,6 @@ def say(line):
     print(line, flush=True)
 
 
-def tls_front(conn, context, port):
-    try:
-        conn = context.wrap_socket(conn, server_side=True)
-    except (ssl.SSLError, OSError) as error:
-        say("refused: %s" % error)
-        conn.close()
-        return
-    say("accepted")
-    join(conn, socket.create_connection(("127.0.0.1", port)))
-
-
 def tunnel(conn):
     head = b""
     while b"\r\n\r\n" not in head:
@@ -75,19 +55,10 @@ def main():
     listener = socket.socket()
     listener.bind(("127.0.0.1", 0))
     listener.listen(16)
-    if sys.argv[1] == "tls":
-        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-        context.load_cert_chain(sys.argv[2], sys.argv[3])
-        context.load_verify_locations(sys.argv[4])
-        context.verify_mode = ssl.CERT_REQUIRED
-        target = int(sys.argv[5])
-        serve = lambda conn: tls_front(conn, context, target)
-    else:
-        serve = tunnel
     say("listening on %d" % listener.getsockname()[1])
     while True:
         conn, _ = listener.accept()
-        threading.Thread(target=serve, args=(conn,), daemon=True).start()
+        threading.Thread(target=tunnel, args=(conn,), daemon=True).start()
 
 
 main()

@@ -21,7 +21,7 @@ struct Request;
 struct Response;
 }  // namespace httplib
 
-namespace tamrel::testing {
+namespace tamrel::ddiserver {
 
 // One request as the server saw it.
 struct RecordedRequest {
@@ -63,7 +63,7 @@ struct Fault {
   std::shared_ptr<std::string const> body;
 };
 
-class DdiTestServer {
+class DdiServer {
  public:
   struct Options {
     bool https = false;
@@ -71,6 +71,14 @@ class DdiTestServer {
     // certificate for 127.0.0.1 and localhost signed by it are generated
     // into a temporary directory (see certFile() and caFile()).
     std::string certFile, keyFile;
+    // With https: require a client certificate signed by a CA of this PEM
+    // file; a connection without one fails in the handshake.
+    std::string clientCaFile;
+    // With https and a generated certificate: require client certificates
+    // signed by a throwaway client CA, and write to this directory ca.pem
+    // (the CA of the server's certificate), client.pem and client.key (a
+    // pair the server accepts).
+    std::string clientCertOut;
     // Bind the port at once but accept connections only from start() on;
     // until then they wait in the backlog.
     bool deferStart = false;
@@ -90,11 +98,11 @@ class DdiTestServer {
   };
   using Handler = std::function<bool(RecordedRequest const&, Answer&)>;
 
-  DdiTestServer();
-  explicit DdiTestServer(Options const& options);
-  ~DdiTestServer();
-  DdiTestServer(DdiTestServer const&) = delete;
-  DdiTestServer& operator=(DdiTestServer const&) = delete;
+  DdiServer();
+  explicit DdiServer(Options const& options);
+  ~DdiServer();
+  DdiServer(DdiServer const&) = delete;
+  DdiServer& operator=(DdiServer const&) = delete;
 
   int port() const;
   std::string baseUrl() const;   // "http://127.0.0.1:<port>" or "https://..."
@@ -142,6 +150,9 @@ class DdiTestServer {
   // no request is in flight, or use setRequireToken() which locks.
   std::string requireToken;
   void setRequireToken(std::string token);
+  // When non-empty, "GatewayToken <token>" is accepted too (with no
+  // requireToken: only it), for any controller of the tenant.
+  void setGatewayToken(std::string token);
 
  private:
   struct Resource {
@@ -175,6 +186,7 @@ class DdiTestServer {
 
   bool https_ = false;
   std::string certFile_, caFile_;
+  std::string gatewayToken_;
   std::string tempDir_;  // holds a generated certificate, removed on exit
   int port_ = -1;
   std::atomic<bool> stopping_{false};
@@ -189,10 +201,11 @@ class DdiTestServer {
 bool writeSelfSignedCertificate(std::string const& certFile, std::string const& keyFile,
                                 std::string const& commonName = "localhost");
 
-// Writes a new CA's certificate, and a certificate for 127.0.0.1 and
-// localhost signed by that CA with its key, as PEM files. The CA's key is
-// not kept. False on failure.
+// Writes a new CA's certificate, and a certificate signed by that CA with
+// its key, as PEM files (the key readable by its owner only): for a server
+// on 127.0.0.1 and localhost, or with `client` for a TLS client. The CA's
+// key is not kept. False on failure.
 bool writeCaSignedCertificate(std::string const& caFile, std::string const& certFile,
-                              std::string const& keyFile);
+                              std::string const& keyFile, bool client = false);
 
-}  // namespace tamrel::testing
+}  // namespace tamrel::ddiserver
