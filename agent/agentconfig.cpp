@@ -101,7 +101,7 @@ std::vector<AgentConfig::Key> const& AgentConfig::keys() {
        "tells whether that reboot happened", 0, 0},
       {"confirm-command", K::kText, false, "", "run after that reboot; exit 0 confirms", 0, 0},
       {"trusted-hosts", K::kText, false, "",
-       "hosts besides address that links may name: host[:port], ...", 0, 0},
+       "hosts besides address that get the credentials: host[:port], ...", 0, 0},
       {"attribute.NAME", K::kAttribute, false, "", "sent as config data (<= 128 characters)", 0, 0},
       {"download-retries", K::kNumber, false, "3", "further attempts per artifact", 0, 100},
       {"download-timeout-s", K::kNumber, false, "60",

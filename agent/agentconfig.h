@@ -53,7 +53,7 @@ class AgentConfig {
   std::string rebootCommand;             // "reboot-command"
   std::string confirmCommand;            // "confirm-command", run at start after a reboot
   std::string bootIdFile;                // "boot-id-file": changes with every boot
-  std::string trustedHosts;              // "trusted-hosts": host[:port], ... besides address
+  std::string trustedHosts;              // "trusted-hosts": host[:port], ... given credentials
   std::string gatewayToken;              // "gateway-token", else a target token or none
   bool targetToken = true;               // "token" or "token-file" (fromFile decides)
   std::string clientCert, clientKey;     // "client-cert", "client-key"

@@ -85,7 +85,7 @@ ServerRequest::Result ServerRequest::submit(std::function<bool()> const& request
       long const status = answer.status;
       result.gone = status == 404 || status == 410;
       result.failure = "refused by the server (HTTP " + std::to_string(status) +
-                       (result.gone                      ? ", the action no longer exists there"
+                       (result.gone                      ? ", gone from the server"
                         : status == 401 || status == 403 ? ", credentials refused"
                                                          : "") +
                        ")" + (message.empty() ? "" : ": " + message);

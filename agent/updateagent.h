@@ -80,7 +80,7 @@ class UpdateAgent {
   std::string pollFailure(Watchdog::Verdict verdict, std::string const& libraryLog) const;
 
   AgentConfig const& config_;
-  std::string address_;  // the server; links elsewhere are refused
+  std::string address_;  // the server; configData links elsewhere are not sent to
   AgentTransport transport_;
   libtamrelcore client_{&transport_};
   std::atomic<bool> stop_{false};
