@@ -113,7 +113,8 @@ std::vector<AgentConfig::Key> const& AgentConfig::keys() {
        "deadline of one POST/PUT; past it: failed, tried again later", 1, 86400},
       {"max-document-mib", K::kNumber, false, "16", "heap one poll may take", 1, 4096},
       {"poll-interval-s", K::kNumber, false, "300",
-       "wait after a failed poll, or when the server names none", 1, 31 * 86400},
+       "wait after a failed poll (doubling while they fail), or when the server names none", 1,
+       31 * 86400},
       {"max-poll-interval-s", K::kNumber, false, "86400", "longest wait between polls", 1,
        31 * 86400},
   };

@@ -70,7 +70,11 @@ void UpdateAgent::sleep(std::int64_t seconds) {
 
 UpdateAgent::Cycle UpdateAgent::cycle() {
   Cycle result;
-  result.sleepSeconds = config_.pollIntervalSeconds;
+  // After a failed poll: poll-interval-s, doubled with each further failure
+  // in a row, up to max-poll-interval-s. A poll that gets through resets it.
+  result.sleepSeconds = std::min<std::int64_t>(
+      config_.pollIntervalSeconds << std::min(failedPolls_, 10), config_.maxPollIntervalSeconds);
+  ++failedPolls_;
   std::uint64_t const before = transport_.exchanges();
   hawkbit_query_t answer;
   std::string unreadable, libraryLog;
@@ -97,7 +101,7 @@ UpdateAgent::Cycle UpdateAgent::cycle() {
   if (stopping()) return result;
   AgentTransport::Answer const base = transport_.lastBaseAnswer();
   if (base.serial > before && (base.status == 409 || base.status == 429)) {
-    // The server asks to wait: as long as it says, else the usual interval.
+    // The server asks to wait: as long as it says, else the back-off.
     if (base.retryAfterS >= 0)
       result.sleepSeconds = std::min<std::int64_t>(std::max<std::int64_t>(base.retryAfterS, 1),
                                                    config_.maxPollIntervalSeconds);
@@ -118,6 +122,7 @@ UpdateAgent::Cycle UpdateAgent::cycle() {
     result.status = kExitUnreachable;
     return result;
   }
+  failedPolls_ = 0;
   // 0 is what the library makes of an interval it cannot read ("PT36H").
   std::int64_t const named = answer.config.sleep;
   result.sleepSeconds = std::min<std::int64_t>(

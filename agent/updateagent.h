@@ -92,6 +92,7 @@ class UpdateAgent {
   std::string waitingAction_;  // downloaded, waiting for its maintenance window
   std::vector<std::string> waitingFiles_, waitingDirs_;
   std::set<std::string> gone_;  // actions the server answered 404/410 for
+  int failedPolls_ = 0;         // in a row
   std::mutex sleepLock_;
   std::condition_variable wake_;
 };
