@@ -89,7 +89,7 @@ serve --fault artifact=endless
 printf '%s\n' "$ok" >> "$conf"; mkdir -p "$dl"
 if unshare -m true 2>/dev/null; then
   start=$(date +%s)
-  unshare -m sh -c 'mount -t tmpfs -o size=2m tmpfs "$1" && "$2" --once --config "$3" > "$4" 2>&1
+  unshare -m sh -c 'mount -t tmpfs -o size=2m,mode=0755 tmpfs "$1" && "$2" --once --config "$3" > "$4" 2>&1
     code=$?; find "$1" -mindepth 1 > "$5"; exit $code' _ "$dl" "$agent" "$conf" "$(alog)" "$work/left"
   code=$?; took=$(($(date +%s) - start))
   expect "endless artifact on a 2 MiB disk" 1 20 "more bytes than the announced"

@@ -6,7 +6,7 @@
 # usage: hawkbit_test.sh BUILD_DIR   (KEEP=1 keeps the work directory)
 set -uo pipefail
 . "$(dirname "$0")/lib.sh"
-mkdir -p "$work/art" "$work/two" "$work/state"
+mkdir -p "$work/art" "$work/two" "$work/state"; echo first-boot > "$work/boot_id"
 head -c 300000 /dev/urandom > "$work/art/image.bin"
 head -c 1000 /dev/urandom > "$work/two/a.bin"; head -c 1000 /dev/urandom > "$work/two/b.bin"
 inst=$work/installed

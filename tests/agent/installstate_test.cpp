@@ -4,6 +4,7 @@
 #include "agent/installstate.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "tests/support/temp_dir.h"
 
@@ -64,12 +65,46 @@ TEST(InstallState, EveryCrashPointOfASaveLeavesOldOrNew) {
     writeFile(dir.path() + "/pending", bytes.substr(0, length));
     error.clear();
     EXPECT_FALSE(state.load(loaded, error)) << length;
-    EXPECT_NE(error.find("is incomplete"), std::string::npos) << length;
+    EXPECT_NE(error.find("incomplete"), std::string::npos) << length;
   }
   ASSERT_TRUE(state.clear(error));
   error.clear();
   EXPECT_FALSE(state.load(loaded, error));
   EXPECT_EQ(error, "");  // no record is no error
+}
+
+TEST(InstallState, ARecordOfAnyOtherShapeIsUnreadable) {
+  InstallState::Pending pending;
+  std::string const good = "action 7\nchunk a\nresult success\nend\n";
+  ASSERT_EQ(InstallState::parse(good, pending), "");
+  struct Case {
+    std::string text, error;
+  } const cases[] = {
+      {"action 7\naction 8\nchunk a\nend\n", "\"action\" given twice"},
+      {"action 7\nchunk a\nboot x\nboot y\nend\n", "\"boot\" given twice"},
+      {good + "action 8\n", "text after \"end\""},
+      {"action 7\nchunk a\nresult maybe\nend\n", "unknown line \"result maybe\""},
+      {"action 7\nend\n", "incomplete"},
+  };
+  for (Case const& c : cases) EXPECT_EQ(InstallState::parse(c.text, pending), c.error) << c.text;
+
+  TempDir dir;
+  InstallState const state(dir.path());
+  std::string error;
+  writeFile(dir.path() + "/pending",
+            "action 7\nchunk a\n" + std::string(InstallState::kMaxRecordBytes, 'x') + "\nend\n");
+  EXPECT_FALSE(state.load(pending, error));
+  EXPECT_NE(error.find(": too large"), std::string::npos) << error;
+  // A save cuts the details to what fits.
+  pending = record("7", "failure");
+  pending.details.assign(1000, std::string(100, 'd'));
+  ASSERT_TRUE(state.save(pending, error)) << error;
+  EXPECT_TRUE(state.load(pending, error)) << error;
+  // A link planted as the temporary file is replaced, its target untouched.
+  writeFile(dir.path() + "/target", "keep");
+  ASSERT_EQ(symlink((dir.path() + "/target").c_str(), (dir.path() + "/pending.new").c_str()), 0);
+  ASSERT_TRUE(state.save(record("8", ""), error)) << error;
+  EXPECT_EQ(readFile(dir.path() + "/target"), "keep");
 }
 
 TEST(InstallState, ConfirmRunsTheCommandOnce) {
