@@ -2,7 +2,8 @@
 # The install lifecycle across crashes and restarts: one action in flight
 # while another waits for its reboot, a result recorded before it is
 # reported, the install lock after a kill -9, an unreadable record, a stop
-# during the confirmation, and the command lines the agent accepts.
+# during the confirmation, a command line with '#', assignment and exec (the
+# start-up refusals: faults_test.sh).
 # usage: lifecycle_test.sh BUILD_DIR   (KEEP=1 keeps the work directory)
 set -uo pipefail
 . "$(dirname "$0")/lib.sh"
@@ -99,20 +100,6 @@ rm -rf "$state"; serve
 run_agent 'install-command = FOO=1 exec /bin/echo "build #42 ok" "$#"   # comment'
 check "install command with '#' in quotes, assignment and exec: runs, its output stamped" \
   eval 'closed_with success && grep -q "^[0-9-]*T[0-9:]*Z build #42 ok 1$" "$(alog)"'
-
-# Start-up refusals, status 2.
-mkdir -p "$work/open"; chmod 0777 "$work/open"
-while IFS='|' read -r what settings pattern; do
-  serve
-  printf '%s\n' "$counting" >> "$conf"
-  eval "run_agent $settings"
-  code=$?
-  check "$what: exit 2, says so" eval 'test $code -eq 2 && grep -q -- "$pattern" "$(alog)"'
-done <<EOF
-world-writable state-dir|"state-dir = $work/open"|state-dir $work/open is writable by group or others
-boot id unreadable with a reboot setup|"state-dir = $state" 'reboot-exit-code = 7' 'reboot-command = true' 'confirm-command = true' 'boot-id-file = $work/none'|boot-id-file $work/none cannot be read
-command sh cannot read|'reboot-command = echo "unclosed'|reboot-command: sh cannot read it
-EOF
 
 [ $fail -eq 0 ] && echo "lifecycle tests: all passed"
 exit $fail
