@@ -222,10 +222,16 @@ bool RebootConfirmation::handles(hawkbit_query_t::deployment_t& deployment, bool
                             (pending.result.empty() ? " is installed and waits for its reboot"
                                                     : " waits for its result to be reported") +
                             "; this one waits until it is closed";
-    deployment.chunks.front().details.push_back(why);
-    deployment.execution = execution_t::proceeding;
-    deployment.finished = finished_t::none;
-    std::string const failure = post_([&] { return client_.sendUpdateFeedback(deployment); });
+    // Said once per run: the server keeps a bounded number of status
+    // entries per action, and this is offered at every poll.
+    std::string failure = "not sent again";
+    if (heldAction_ != actionId) {
+      deployment.chunks.front().details.push_back(why);
+      deployment.execution = execution_t::proceeding;
+      deployment.finished = finished_t::none;
+      failure = post_([&] { return client_.sendUpdateFeedback(deployment); });
+      if (failure.empty()) heldAction_ = actionId;
+    }
     std::printf("deployment %s: not installed: %s; feedback %s\n", actionId.c_str(), why.c_str(),
                 failure.empty() ? "sent" : failure.c_str());
     if (pending.result.empty()) retryReboot(pending.actionId);

@@ -70,6 +70,7 @@ class RebootConfirmation {
   std::string rebootAction_;      // installed and waiting for the reboot, in this run
   std::string confirmedAction_;   // confirmed after its reboot in this run
   std::string reportedAction_;    // installed without a reboot and reported in this run
+  std::string heldAction_;        // told that it waits for the recorded one, in this run
   bool rebootFailed_ = false;
   int rebootRetries_ = 0;
   std::chrono::steady_clock::time_point nextReboot_;
