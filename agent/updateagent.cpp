@@ -36,8 +36,11 @@ UpdateAgent::UpdateAgent(libtamrelcore& client, AgentConfig const& config)
       attributes_(config.attributes),
       fetcher_(client, config, stop_),
       server_(config, [this] { return stopping(); }),
-      reboot_(client, config,
-              [this](std::function<bool()> const& request) { return server_.send(request); }) {
+      reboot_(
+          client, config,
+          [this](std::function<bool()> const& request) { return server_.send(request); }, stop_),
+      lock_((config.stateDir.empty() ? config.downloadDir + "/.install.lock"
+                                     : config.stateDir + "/install.lock")) {
   // The server's address, as given or read from address-file.
   for (auto const& entry : *config.properties) {
     if (entry.first == "address" && entry.second->is_string()) address_ = entry.second->string();
@@ -56,7 +59,12 @@ bool UpdateAgent::safeName(std::string const& name) {
 
 bool UpdateAgent::connect() {
   if (!client_.connectProperties(config_.properties)) return false;
-  reboot_.confirm();
+  // An install an earlier run left behind ends before anything else happens.
+  std::string error;
+  if (!lock_.take(stop_, config_.installTimeoutSeconds * 1000LL, error, false) && !error.empty())
+    std::printf("install lock: %s\n", error.c_str());
+  lock_.release();
+  if (!stopping()) reboot_.confirm();
   return true;
 }
 
@@ -210,7 +218,7 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
     return false;
   }
   bool handled = true;
-  if (reboot_.handles(deployment.id, handled)) return handled;
+  if (reboot_.handles(deployment, handled)) return handled;
 
   DeploymentPlan const plan = DeploymentPlan::read(deployment);
   if (plan.download() == DeploymentPlan::Handling::kSkip && plan.problems().empty()) {
@@ -288,9 +296,7 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
     return false;
   }
   if (success && reboot && reboot_.begin(deployment)) return true;
-  success = success && !reboot;
-  close(deployment, success);
-  return success;
+  return reboot_.finish(deployment, success && !reboot);
 }
 
 bool UpdateAgent::download(hawkbit_query_t::deployment_t& deployment, DeploymentPlan const& plan,
@@ -375,7 +381,18 @@ void UpdateAgent::closeDownloaded(hawkbit_query_t::deployment_t const& deploymen
 
 UpdateAgent::Installed UpdateAgent::install(std::vector<std::string> const& files,
                                             std::vector<std::string>& details) {
-  CommandResult const result = runCommand(config_.installCommand, files, &stop_);
+  std::string error;
+  if (!lock_.take(stop_, config_.installTimeoutSeconds * 1000LL, error)) {
+    details.push_back("install command not run: " + (error.empty() ? "stopping" : error));
+    return Installed::kFailed;
+  }
+  CommandOptions options;
+  options.stop = &stop_;
+  options.deadlineMs = config_.installTimeoutSeconds * 1000LL;
+  options.inherit = lock_.fd();
+  options.started = [this](pid_t pid) { lock_.handOver(pid); };
+  CommandResult const result = runCommand(config_.installCommand, files, options);
+  lock_.release();
   Installed const installed =
       result.exitCode == 0 ? Installed::kDone
       : config_.rebootExitCode >= 0 && result.exitCode == config_.rebootExitCode

@@ -11,6 +11,7 @@
 #include "agent/agentconfig.h"
 #include "agent/artifactfetcher.h"
 #include "agent/deploymentplan.h"
+#include "agent/installlock.h"
 #include "agent/progressbar.h"
 #include "agent/rebootconfirmation.h"
 #include "agent/serverrequest.h"
@@ -75,8 +76,9 @@ class UpdateAgent {
   std::string address_;                           // the server; links elsewhere are refused
   std::vector<tamrel::value_pair_t> attributes_;  // sent as configuration data
   ArtifactFetcher fetcher_;
-  ServerRequest server_;  // every POST/PUT goes through it
-  RebootConfirmation reboot_;
+  ServerRequest server_;       // every POST/PUT goes through it
+  RebootConfirmation reboot_;  // the action in flight, its record and its reboot
+  InstallLock lock_;           // one install at a time, across restarts
   // An action downloaded in this run and waiting for its maintenance window.
   std::string waitingAction_;  // downloaded, waiting for its maintenance window
   std::vector<std::string> waitingFiles_, waitingDirs_;
