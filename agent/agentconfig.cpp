@@ -94,6 +94,9 @@ std::vector<AgentConfig::Key> const& AgentConfig::keys() {
       {"state-dir", K::kText, false, "", "where the pending-reboot record is kept", 0, 0},
       {"install-command", K::kText, false, "", "sh -c command, the chunk's files as $1, $2, ...", 0,
        0},
+      {"install-timeout-s", K::kNumber, false, "3600",
+       "deadline of one install command; a restart waits as long for one left running", 1,
+       7 * 86400},
       {"reboot-exit-code", K::kNumber, false, "", "install exit status meaning reboot needed", 1,
        255},
       {"reboot-command", K::kText, false, "", "run for that reboot", 0, 0},
@@ -139,6 +142,7 @@ void AgentConfig::storeNumber(std::string const& key, long long value) {
   static Field const fields[] = {
       {"reboot-exit-code", [](AgentConfig& c, long long v) { c.rebootExitCode = int(v); }},
       {"download-retries", [](AgentConfig& c, long long v) { c.retries = int(v); }},
+      {"install-timeout-s", [](AgentConfig& c, long long v) { c.installTimeoutSeconds = int(v); }},
       {"download-timeout-s", [](AgentConfig& c, long long v) { c.timeoutSeconds = int(v); }},
       {"download-min-rate", [](AgentConfig& c, long long v) { c.downloadMinRate = v; }},
       {"poll-timeout-s", [](AgentConfig& c, long long v) { c.pollTimeoutSeconds = int(v); }},
@@ -185,13 +189,19 @@ AgentConfig AgentConfig::fromFile(std::string const& path) {
       throw ConfigError(path + ":" + std::to_string(number) + ": " + message);
     };
     // A comment starts a line or follows a blank; a '#' inside a value (a
-    // token) is kept.
+    // token) is kept, and so is one inside quotes of a command line.
     std::string content = trim(line);
     if (content.empty() || content[0] == '#') continue;
-    for (std::size_t hash = content.find('#'); hash != std::string::npos;
-         hash = content.find('#', hash + 1)) {
-      if (content[hash - 1] == ' ' || content[hash - 1] == '\t') {
-        content = trim(content.substr(0, hash));
+    bool const command = content.find("-command") < content.find('=');
+    char quote = 0;
+    for (std::size_t i = 1; i < content.size(); ++i) {
+      char const c = content[i];
+      if (command && quote != '\'' && c == '\\') {
+        ++i;
+      } else if (command && (c == '"' || c == '\'') && (quote == 0 || quote == c)) {
+        quote = quote == 0 ? c : 0;
+      } else if (c == '#' && quote == 0 && (content[i - 1] == ' ' || content[i - 1] == '\t')) {
+        content = trim(content.substr(0, i));
         break;
       }
     }

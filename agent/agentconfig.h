@@ -65,6 +65,7 @@ class AgentConfig {
   bool downloadAuthentication = true;    // "download-authentication"
   std::string path;                      // the file read
   std::map<std::string, int> lines;      // key (a "-file" key under its base name) -> line
+  int installTimeoutSeconds = 0;         // "install-timeout-s"
   int rebootExitCode = -1;               // "reboot-exit-code"; -1: none configured
   int retries = 0;                       // "download-retries"
   int timeoutSeconds = 0;                // "download-timeout-s"

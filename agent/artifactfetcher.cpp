@@ -143,8 +143,10 @@ bool ArtifactFetcher::fetch(std::string const& label, artifact_t& artifact,
   download_errors_t outcome = download_failed;
   int attempt = 0;
   bool shaMismatch = false;
+  std::string reason = outcomeText(outcome);
   while (attempt < attempts && !stopping()) {
     ++attempt;
+    shaMismatch = false;
     std::uint64_t onDisk = fileSize(path);
     // The library measures a partial file in 32 bits: from 4 GiB on it
     // would resume at the wrong place, so such a file starts over.
@@ -188,7 +190,20 @@ bool ArtifactFetcher::fetch(std::string const& label, artifact_t& artifact,
     // A transfer of the artifact that was cut short or stalled is resumed.
     bool const errorPage = lastStatus_ != 0 && lastStatus_ != 200 && lastStatus_ != 206;
     bool const rangeIgnored = resuming && lastStatus_ == 200;
-    bool const wrongWhole = outcome == download_hash_error && fileSize(path) >= artifact.size;
+    std::uint64_t const got = fileSize(path);
+    bool const wrongWhole = outcome == download_hash_error && got >= artifact.size;
+    // The library reports any file whose digest does not match as a digest
+    // mismatch; a refused or cut transfer is said as such.
+    if (shaMismatch || wrongWhole) {
+      reason = shaMismatch ? "digest mismatch (SHA-256)" : "digest mismatch";
+    } else if (errorPage) {
+      reason = "HTTP " + std::to_string(lastStatus_);
+    } else if (outcome == download_hash_error || outcome == download_failed) {
+      reason =
+          "cut short at " + std::to_string(got) + " of " + std::to_string(artifact.size) + " bytes";
+    } else {
+      reason = outcomeText(outcome);
+    }
     if (errorPage || rangeIgnored || wrongWhole) std::remove(path.c_str());
   }
   std::ostringstream text;
@@ -196,10 +211,7 @@ bool ArtifactFetcher::fetch(std::string const& label, artifact_t& artifact,
   if (stopping()) {
     text << "interrupted";
   } else {
-    text << (stalled_      ? "stalled"
-             : shaMismatch ? "digest mismatch (SHA-256)"
-                           : outcomeText(outcome))
-         << " after " << attempt << " attempt(s), HTTP " << lastStatus_;
+    text << (stalled_ ? "stalled" : reason) << " after " << attempt << " attempt(s)";
   }
   detail = text.str();
   return false;

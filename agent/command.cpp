@@ -6,19 +6,115 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <deque>
+#include <initializer_list>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Both ends close on exec: the command gets its copy through dup2 only.
+struct Pipe {
+  int fds[2] = {-1, -1};
+  bool open() { return pipe2(fds, O_CLOEXEC) == 0; }
+  ~Pipe() {
+    for (int fd : fds) {
+      if (fd >= 0) close(fd);
+    }
+  }
+  void closeEnd(int which) {
+    if (fds[which] >= 0) close(fds[which]);
+    fds[which] = -1;
+  }
+};
+
+// The last lines of standard error, each cut to a bounded length, control
+// bytes escaped: a chatty command cannot grow the agent's memory nor forge
+// lines in the feedback.
+class Tail {
+ public:
+  void add(char const* data, std::size_t size) {
+    for (std::size_t i = 0; i < size; ++i) {
+      unsigned char const c = static_cast<unsigned char>(data[i]);
+      if (c == '\n') {
+        lines_.emplace_back();
+        if (lines_.size() > kCommandTailLines + 1) lines_.pop_front();
+        continue;
+      }
+      char shown[8] = {static_cast<char>(c), 0};
+      if (c == '\t')
+        shown[0] = ' ';
+      else if (c < 0x20 || c == 0x7f)
+        std::snprintf(shown, sizeof shown, "\\x%02x", c);
+      std::string& line = lines_.back();
+      if (line.size() < kCommandLineBytes) line += shown;
+    }
+  }
+  std::vector<std::string> lines() {
+    if (lines_.back().empty()) lines_.pop_back();
+    while (lines_.size() > kCommandTailLines) lines_.pop_front();
+    return std::vector<std::string>(lines_.begin(), lines_.end());
+  }
+
+ private:
+  std::deque<std::string> lines_{1};
+};
+
+// Standard output goes to the console a line at a time: each write ends at
+// a line break, so the console stamps and escapes it as one line of its own.
+void printOut(char const* data, std::size_t size) {
+  std::size_t start = 0;
+  for (std::size_t i = 0; i < size; ++i) {
+    if (data[i] != '\n') continue;
+    std::fwrite(data + start, 1, i + 1 - start, stdout);
+    start = i + 1;
+  }
+  if (start < size) std::fwrite(data + start, 1, size - start, stdout);
+}
+
+// In the forked child: keeps `fd` (close-on-exec, so the command does not
+// get it) in a process that waits for the command and ends as it ended.
+// Whatever the command leaves running in the background does not hold it.
+// Returns in the command's process, which goes on to exec.
+void holdWhileRunning(int fd, std::initializer_list<int> pipes) {
+  pid_t const command = fork();
+  if (command < 0) _exit(127);
+  if (command == 0) return;
+  for (int end : pipes) close(end);
+  close(STDOUT_FILENO);
+  close(STDERR_FILENO);
+  // The stop reaches the command through the group; this one waits for it.
+  signal(SIGTERM, SIG_IGN);
+  signal(SIGINT, SIG_IGN);
+  signal(SIGHUP, SIG_IGN);
+  int status = 0;
+  while (waitpid(command, &status, 0) < 0) {
+    if (errno != EINTR) _exit(127);
+  }
+  close(fd);
+  if (WIFSIGNALED(status)) {
+    signal(WTERMSIG(status), SIG_DFL);
+    raise(WTERMSIG(status));
+  }
+  _exit(WIFEXITED(status) ? WEXITSTATUS(status) : 127);
+}
+
+}  // namespace
 
 std::string CommandResult::describe() const {
   if (!started) return "could not be started";
-  return exitCode >= 0 ? "exit " + std::to_string(exitCode) : "killed by a signal";
+  std::string text = exitCode >= 0 ? "exit " + std::to_string(exitCode)
+                                   : "killed by signal " + std::to_string(signal);
+  if (timedOut) text += ", past its deadline";
+  if (stopped) text += ", the agent was stopping";
+  return text;
 }
 
 CommandResult runCommand(std::string const& command, std::vector<std::string> const& args,
-                         std::atomic<bool> const* stop) {
+                         CommandOptions const& options) {
   CommandResult result;
   std::vector<std::string> words = {"/bin/sh", "-c", command, "tamrel-install"};
   words.insert(words.end(), args.begin(), args.end());
@@ -26,8 +122,8 @@ CommandResult runCommand(std::string const& command, std::vector<std::string> co
   for (auto& word : words) argv.push_back(&word[0]);
   argv.push_back(nullptr);
 
-  int pipeFds[2];
-  if (pipe2(pipeFds, O_CLOEXEC) != 0) return result;
+  Pipe out, err;
+  if (!out.open() || !err.open()) return result;
   std::fflush(stdout);
   pid_t const child = fork();
   if (child == 0) {
@@ -35,28 +131,34 @@ CommandResult runCommand(std::string const& command, std::vector<std::string> co
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
-    if (stop != nullptr) setpgid(0, 0);
-    dup2(pipeFds[1], STDERR_FILENO);
+    setpgid(0, 0);
+    dup2(out.fds[1], STDOUT_FILENO);
+    dup2(err.fds[1], STDERR_FILENO);
+    if (options.inherit >= 0)
+      holdWhileRunning(options.inherit, {out.fds[0], out.fds[1], err.fds[0], err.fds[1]});
     execv(argv[0], argv.data());
     _exit(127);
   }
-  close(pipeFds[1]);
-  if (child < 0) {
-    close(pipeFds[0]);
-    return result;
-  }
-  // Only the last lines are kept, each cut to a bounded length, so a
-  // chatty command cannot grow the agent's memory. Reading ends when the
-  // command has exited and nothing more is waiting, even if something it
-  // started in the background still holds its standard error.
-  if (stop != nullptr) setpgid(child, child);  // either side may come first
-  // Passes a stop on to the command's group: SIGTERM, later SIGKILL.
-  auto const start = std::chrono::steady_clock::now();
+  out.closeEnd(1);
+  err.closeEnd(1);
+  if (child < 0) return result;
+  setpgid(child, child);  // either side may come first
+  if (options.started) options.started(child);
+
+  auto const start = Clock::now();
   auto signalledAt = start;
   int sent = 0;
+  // A stop or the deadline goes to the command's group: SIGTERM, later SIGKILL.
   auto const passStop = [&] {
-    if (stop == nullptr || !stop->load()) return;
-    auto const now = std::chrono::steady_clock::now();
+    auto const now = Clock::now();
+    bool const stop = options.stop != nullptr && options.stop->load();
+    bool const late =
+        options.deadlineMs > 0 && now - start >= std::chrono::milliseconds(options.deadlineMs);
+    if (!stop && !late) return;
+    if (sent == 0) {
+      result.stopped = stop;
+      result.timedOut = !stop;
+    }
     if (sent == 0 ||
         (sent == SIGTERM && now - signalledAt >= std::chrono::milliseconds(kCommandKillAfterMs))) {
       sent = sent == 0 ? SIGTERM : SIGKILL;
@@ -64,37 +166,52 @@ CommandResult runCommand(std::string const& command, std::vector<std::string> co
       kill(-child, sent);
     }
   };
-  std::deque<std::string> tail(1);
+  Tail tail;
   char buffer[4096];
   int status = 0;
   bool exited = false;
+  Clock::time_point drainUntil;
+  int* const fds[2] = {&out.fds[0], &err.fds[0]};
   for (;;) {
     passStop();
-    pollfd ready{pipeFds[0], POLLIN, 0};
-    int const events = poll(&ready, 1, exited ? 0 : 100);
-    if (events < 0 && errno == EINTR) continue;
-    ssize_t const n = events > 0 ? read(pipeFds[0], buffer, sizeof buffer) : 0;
-    if (n < 0 && errno == EINTR) continue;
-    if (n > 0) {
-      for (ssize_t i = 0; i < n; ++i) {
-        if (buffer[i] == '\n') {
-          tail.emplace_back();
-          if (tail.size() > kCommandTailLines + 1) tail.pop_front();
-        } else if (tail.back().size() < kCommandLineBytes) {
-          tail.back() += buffer[i] == '\r' || buffer[i] == '\t' ? ' ' : buffer[i];
-        }
-      }
-      continue;
+    if (!exited) {
+      pid_t const done = waitpid(child, &status, WNOHANG);
+      if (done < 0 && errno != EINTR) return result;  // its status is lost: not "done"
+      exited = done == child;
+      if (exited) drainUntil = Clock::now() + std::chrono::milliseconds(kCommandDrainMs);
     }
-    if (events > 0 || exited) break;  // end of the pipe, or drained after the exit
-    pid_t const done = waitpid(child, &status, WNOHANG);
-    if (done < 0 && errno != EINTR) break;
-    exited = done == child;
+    pollfd ready[2];
+    nfds_t count = 0;
+    for (int* fd : fds) {
+      if (*fd >= 0) ready[count++] = {*fd, POLLIN, 0};
+    }
+    // Output still coming after the exit belongs to something the command
+    // left running: read briefly, then leave it.
+    if (count == 0 || (exited && Clock::now() >= drainUntil)) break;
+    int const events = poll(ready, count, exited ? 20 : 100);
+    if (events < 0 && errno != EINTR) break;
+    if (events == 0 && exited) break;
+    for (nfds_t i = 0; events > 0 && i < count; ++i) {
+      if (ready[i].revents == 0) continue;
+      ssize_t const n = read(ready[i].fd, buffer, sizeof buffer);
+      if (n < 0 && errno == EINTR) continue;
+      bool const isOut = ready[i].fd == out.fds[0];
+      if (n <= 0) {
+        if (isOut)
+          out.closeEnd(0);
+        else
+          err.closeEnd(0);
+        continue;
+      }
+      if (isOut)
+        printOut(buffer, static_cast<std::size_t>(n));
+      else
+        tail.add(buffer, static_cast<std::size_t>(n));
+    }
   }
-  close(pipeFds[0]);
-  // The pipe usually closes as the command exits: look again soon, then
+  // The pipes usually close as the command exits: look again soon, then
   // every 50 ms.
-  for (int pause = 1; !exited; pause = std::min(pause * 2, 50)) {
+  for (int pause = 1; !exited; pause = pause * 2 > 50 ? 50 : pause * 2) {
     passStop();
     pid_t const done = waitpid(child, &status, WNOHANG);
     if (done < 0 && errno != EINTR) return result;
@@ -103,8 +220,7 @@ CommandResult runCommand(std::string const& command, std::vector<std::string> co
   }
   result.started = true;
   result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  if (tail.back().empty()) tail.pop_back();
-  while (tail.size() > kCommandTailLines) tail.pop_front();
-  result.stderrTail.assign(tail.begin(), tail.end());
+  result.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+  result.stderrTail = tail.lines();
   return result;
 }

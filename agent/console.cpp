@@ -80,10 +80,9 @@ ssize_t writeStream(void* cookie, char const* data, std::size_t size) {
     stream.captured->append(data, size < room ? size : room);
     if (!stream.pass) return static_cast<ssize_t>(size);
   }
-  // On standard error (the library's log) a write is one line: a newline
-  // inside it is shown escaped, so that text from the server cannot forge
-  // lines of its own.
-  bool const oneLine = &stream == &err;
+  // A write is one line: a newline inside it is shown escaped, so that text
+  // from the server (in the library's log or a line of the agent's) cannot
+  // forge lines of its own.
   std::string text;
   auto const show = [&](char const* shown, std::size_t length, std::size_t bytes) {
     if (stream.atLineStart) {
@@ -101,7 +100,7 @@ ssize_t writeStream(void* cookie, char const* data, std::size_t size) {
   auto const* bytes = reinterpret_cast<unsigned char const*>(data);
   for (std::size_t i = 0; i < size; ++i) {
     unsigned char const c = bytes[i];
-    if (c == '\n' && (!oneLine || i + 1 == size)) {
+    if (c == '\n' && i + 1 == size) {
       if (stream.cut > 0) text += "\xe2\x80\xa6 (" + std::to_string(stream.cut) + " bytes more)";
       text += '\n';
       stream.atLineStart = true;

@@ -6,8 +6,8 @@
 
 // The one owner of the process's standard output and error while it lives:
 // every line starts with a UTC time stamp; control characters are shown
-// escaped ("\n", "\x1b") and invalid UTF-8 as "\xNN"; each write to standard
-// error (one line of the library's log) stays one line; a line is cut at
+// escaped ("\n", "\x1b") and invalid UTF-8 as "\xNN"; each write (one line
+// of the library's log, one printf of the agent's) stays one line; a line is cut at
 // 1 KiB (the library logs whole documents it cannot read); a live line (the
 // progress bar) stays below what the other threads print, and one thread at
 // a time can take what it writes for itself, which is how the body libcurl

@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
+#include <set>
 #include <sstream>
 
 namespace {
@@ -34,31 +34,60 @@ std::string directoryOf(std::string const& path) { return path.substr(0, path.rf
 
 bool InstallState::load(Pending& pending, std::string& error) const {
   if (!enabled()) return false;
-  std::ifstream in(path());
-  if (!in) {
+  int const fd = open(path().c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  if (fd < 0) {
     if (errno != ENOENT) error = "cannot read " + path() + ": " + std::strerror(errno);
     return false;
   }
+  std::string text, problem;
+  char buffer[4096];
+  for (;;) {
+    ssize_t const n = read(fd, buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0 || text.size() + static_cast<std::size_t>(n) > kMaxRecordBytes) {
+      if (n != 0) problem = n < 0 ? std::string(std::strerror(errno)) : "too large";
+      break;
+    }
+    text.append(buffer, static_cast<std::size_t>(n));
+  }
+  close(fd);
+  if (problem.empty()) problem = parse(text, pending);
+  if (!problem.empty()) error = path() + ": " + problem;
+  return problem.empty();
+}
+
+std::string InstallState::parse(std::string const& text, Pending& pending) {
   pending = Pending();
-  std::string line;
+  std::set<std::string> seen;
   bool complete = false;
-  while (std::getline(in, line)) {
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) {
+    if (complete) return "text after \"end\"";
     std::size_t const space = line.find(' ');
     std::string const key = line.substr(0, space);
     std::string const value = space == std::string::npos ? "" : line.substr(space + 1);
-    if (key == "action") pending.actionId = value;
-    if (key == "chunk") pending.chunks.push_back(value);
-    if (key == "boot") pending.bootId = value;
-    if (key == "announced") pending.announced = true;
-    if (key == "result") pending.result = value;
-    if (key == "detail") pending.details.push_back(value);
-    if (key == "end") complete = true;
+    // Lists may repeat; every other key holds one value.
+    if (key != "chunk" && key != "detail" && !seen.insert(key).second)
+      return "\"" + key + "\" given twice";
+    if (key == "action")
+      pending.actionId = value;
+    else if (key == "chunk")
+      pending.chunks.push_back(value);
+    else if (key == "boot")
+      pending.bootId = value;
+    else if (key == "announced")
+      pending.announced = true;
+    else if (key == "result" && (value == "success" || value == "failure"))
+      pending.result = value;
+    else if (key == "detail")
+      pending.details.push_back(value);
+    else if (key == "end")
+      complete = true;
+    else
+      return "unknown line \"" + line.substr(0, 40) + "\"";
   }
-  if (!complete || pending.actionId.empty() || pending.chunks.empty()) {
-    error = path() + " is incomplete";
-    return false;
-  }
-  return true;
+  if (!complete || pending.actionId.empty() || pending.chunks.empty()) return "incomplete";
+  return std::string();
 }
 
 bool InstallState::save(Pending const& pending, std::string& error) const {
@@ -68,11 +97,23 @@ bool InstallState::save(Pending const& pending, std::string& error) const {
   if (!pending.bootId.empty()) text << "boot " << oneLine(pending.bootId) << "\n";
   if (pending.announced) text << "announced\n";
   if (!pending.result.empty()) text << "result " << oneLine(pending.result) << "\n";
-  for (auto const& detail : pending.details) text << "detail " << oneLine(detail) << "\n";
+  // The details are cut so that the record stays readable.
+  for (auto const& detail : pending.details) {
+    std::string const line = "detail " + oneLine(detail) + "\n";
+    if (static_cast<std::size_t>(text.tellp()) + line.size() + 4 > kMaxRecordBytes) break;
+    text << line;
+  }
   text << "end\n";
   std::string const data = text.str();
   std::string const temporary = path() + ".new";
-  int const fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  // A fresh file, never one planted there (a link would make the agent write
+  // its target).
+  if (unlink(temporary.c_str()) != 0 && errno != ENOENT) {
+    error = "cannot remove " + temporary + ": " + std::strerror(errno);
+    return false;
+  }
+  int const fd =
+      open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
   bool ok = fd >= 0;
   for (std::size_t done = 0; ok && done < data.size();) {
     ssize_t const n = write(fd, data.data() + done, data.size() - done);
@@ -101,14 +142,21 @@ bool InstallState::clear(std::string& error) const {
   return true;
 }
 
-bool InstallState::confirm(std::string const& confirmCommand, Pending& pending,
-                           std::string& error) const {
+bool InstallState::confirm(std::string const& confirmCommand, Pending& pending, std::string& error,
+                           std::atomic<bool> const* stop) const {
   if (!pending.result.empty()) return true;
   if (confirmCommand.empty()) {
     pending.result = "success";
     pending.details.push_back("restarted after the reboot; no confirm-command configured");
   } else {
-    CommandResult const result = runCommand(confirmCommand);
+    CommandOptions options;
+    options.stop = stop;
+    CommandResult const result = runCommand(confirmCommand, {}, options);
+    // A stopped confirmation decides nothing: it runs again at the next start.
+    if (result.stopped) {
+      pending.result.clear();
+      return false;
+    }
     pending.result = result.exitCode == 0 ? "success" : "failure";
     pending.details.push_back("confirm command: " + result.describe());
     for (auto const& line : result.stderrTail) pending.details.push_back("confirm: " + line);

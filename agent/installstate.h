@@ -1,15 +1,20 @@
 #ifndef TAMREL_AGENT_INSTALLSTATE_H_
 #define TAMREL_AGENT_INSTALLSTATE_H_
 
+#include <atomic>
+#include <cstddef>
 #include <string>
 #include <vector>
 
 #include "ddi/hawkbit_query.h"
 
-// The record of an action installed and waiting for a reboot, kept as
-// `<state-dir>/pending` so that the next start can confirm it. Every change
-// is written to a temporary file, flushed, renamed over the record and the
-// directory flushed: a crash leaves either the old or the new record.
+// The record of the one action in flight on this device, kept as
+// `<state-dir>/pending`: installed and waiting for a reboot (the next start
+// confirms it), or with its result recorded and not yet reported. Every
+// change is written to a fresh temporary file, flushed, renamed over the
+// record and the directory flushed: a crash leaves either the old or the new
+// record. A record is at most kMaxRecordBytes, one value per key, nothing
+// after "end"; anything else is unreadable.
 class InstallState {
  public:
   struct Pending {
@@ -18,10 +23,13 @@ class InstallState {
     std::string bootId;               // of the boot that installed it
     bool announced = false;           // "installed, rebooting" reached the server
     // "" while waiting for the reboot; "success" or "failure" once the
-    // confirm command ran and its result is waiting to be reported.
+    // install (without a reboot) or the confirm command decided, until the
+    // server has the result.
     std::string result;
     std::vector<std::string> details;
   };
+
+  static constexpr std::size_t kMaxRecordBytes = 65536;
 
   explicit InstallState(std::string dir) : dir_(std::move(dir)) {}
 
@@ -36,7 +44,11 @@ class InstallState {
   // already, runs `confirmCommand` (exit 0: success; none configured: the
   // restart is success) and records its result before anything is
   // reported, so that the command runs again only after a crash during it.
-  bool confirm(std::string const& confirmCommand, Pending& pending, std::string& error) const;
+  // False, with nothing recorded, when a stop request ended the command.
+  bool confirm(std::string const& confirmCommand, Pending& pending, std::string& error,
+               std::atomic<bool> const* stop = nullptr) const;
+  // "" when `text` is a complete record, otherwise what is wrong with it.
+  static std::string parse(std::string const& text, Pending& pending);
   // The closing feedback for a confirmed action.
   static hawkbit_query_t::deployment_t closingFeedback(Pending const& pending);
 

@@ -55,6 +55,15 @@ void* newBlock(std::size_t size, std::size_t alignment) {
   }
 }
 
+// A new-handler may throw bad_alloc; the nothrow forms must not let it out.
+void* nothrowNew(std::size_t size, std::size_t alignment) noexcept {
+  try {
+    return newBlock(size, alignment);
+  } catch (...) {
+    return nullptr;
+  }
+}
+
 void* throwingNew(std::size_t size, std::size_t alignment) {
   void* const block = newBlock(size, alignment);
   if (block == nullptr) throw std::bad_alloc();
@@ -102,13 +111,15 @@ void* operator new(std::size_t size, std::align_val_t alignment) {
 void* operator new[](std::size_t size, std::align_val_t alignment) {
   return throwingNew(size, static_cast<std::size_t>(alignment));
 }
-void* operator new(std::size_t size, std::nothrow_t const&) noexcept { return newBlock(size, 0); }
-void* operator new[](std::size_t size, std::nothrow_t const&) noexcept { return newBlock(size, 0); }
+void* operator new(std::size_t size, std::nothrow_t const&) noexcept { return nothrowNew(size, 0); }
+void* operator new[](std::size_t size, std::nothrow_t const&) noexcept {
+  return nothrowNew(size, 0);
+}
 void* operator new(std::size_t size, std::align_val_t alignment, std::nothrow_t const&) noexcept {
-  return newBlock(size, static_cast<std::size_t>(alignment));
+  return nothrowNew(size, static_cast<std::size_t>(alignment));
 }
 void* operator new[](std::size_t size, std::align_val_t alignment, std::nothrow_t const&) noexcept {
-  return newBlock(size, static_cast<std::size_t>(alignment));
+  return nothrowNew(size, static_cast<std::size_t>(alignment));
 }
 void operator delete(void* block) noexcept { released(block); }
 void operator delete[](void* block) noexcept { released(block); }

@@ -1,5 +1,6 @@
 #include "agent/rebootconfirmation.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 
@@ -15,18 +16,53 @@ std::string bootId(std::string const& path) {
   return id;
 }
 
-}  // namespace
-
-RebootConfirmation::RebootConfirmation(libtamrelcore& client, AgentConfig const& config, Post post)
-    : client_(client), config_(config), post_(std::move(post)), state_(config.stateDir) {}
-
-bool RebootConfirmation::begin(hawkbit_query_t::deployment_t& deployment) {
+InstallState::Pending recordOf(hawkbit_query_t::deployment_t const& deployment) {
   InstallState::Pending pending;
   pending.actionId = deployment.id;
-  for (auto const& chunk : deployment.chunks) pending.chunks.push_back(chunk.name);
+  for (auto const& chunk : deployment.chunks) {
+    pending.chunks.push_back(chunk.name);
+    pending.details.insert(pending.details.end(), chunk.details.begin(), chunk.details.end());
+  }
+  return pending;
+}
+
+}  // namespace
+
+RebootConfirmation::RebootConfirmation(libtamrelcore& client, AgentConfig const& config, Post post,
+                                       std::atomic<bool> const& stop)
+    : client_(client),
+      config_(config),
+      post_(std::move(post)),
+      stop_(stop),
+      state_(config.stateDir) {}
+
+bool RebootConfirmation::load(InstallState::Pending& pending, std::string& error) const {
+  if (state_.enabled()) return state_.load(pending, error);
+  pending = memory_;
+  return !memory_.actionId.empty();
+}
+
+bool RebootConfirmation::save(InstallState::Pending const& pending, std::string& error) {
+  if (state_.enabled()) return state_.save(pending, error);
+  memory_ = pending;
+  return true;
+}
+
+void RebootConfirmation::clear() {
+  memory_ = InstallState::Pending();
+  std::string error;
+  if (!state_.clear(error)) std::printf("state: %s\n", error.c_str());
+}
+
+bool RebootConfirmation::begin(hawkbit_query_t::deployment_t& deployment) {
+  InstallState::Pending pending = recordOf(deployment);
+  pending.details.clear();
   pending.bootId = bootId(config_.bootIdFile);
   std::string error;
   if (!state_.enabled()) error = "no state-dir configured to confirm it after the reboot";
+  // Without the boot id a plain restart would pass for the reboot.
+  if (error.empty() && pending.bootId.empty())
+    error = "boot-id-file " + config_.bootIdFile + " cannot be read";
   // Recorded before anything is reported: a crash from here on is confirmed
   // at the next start.
   if (!error.empty() || !state_.save(pending, error)) {
@@ -36,6 +72,32 @@ bool RebootConfirmation::begin(hawkbit_query_t::deployment_t& deployment) {
   rebootAction_ = deployment.id;
   announceAndReboot(deployment, pending);
   return true;
+}
+
+bool RebootConfirmation::finish(hawkbit_query_t::deployment_t& deployment, bool success) {
+  for (auto& chunk : deployment.chunks) chunk.completed = true;
+  InstallState::Pending pending = recordOf(deployment);
+  pending.result = success ? "success" : "failure";
+  std::string error;
+  // Recorded before it is reported: while the server does not take it, the
+  // next offer of the action gets this result again instead of an install.
+  if (!save(pending, error)) std::printf("state: %s\n", error.c_str());
+  deployment = InstallState::closingFeedback(pending);
+  std::string const failure = post_([&] { return client_.sendUpdateFeedback(deployment); });
+  std::printf("deployment %s: %s, feedback %s\n", deployment.id.c_str(), pending.result.c_str(),
+              failure.empty() ? "sent" : failure.c_str());
+  reportedAction_ = deployment.id;
+  if (failure.empty() || failure.find("not active") != std::string::npos) clear();
+  return success;
+}
+
+bool RebootConfirmation::runReboot() {
+  CommandOptions options;
+  options.stop = &stop_;
+  CommandResult const result = runCommand(config_.rebootCommand, {}, options);
+  std::printf("reboot command: %s\n", result.describe().c_str());
+  for (auto const& line : result.stderrTail) std::printf("  reboot: %s\n", line.c_str());
+  return result.exitCode == 0 || result.stopped;
 }
 
 void RebootConfirmation::announceAndReboot(hawkbit_query_t::deployment_t& deployment,
@@ -55,22 +117,34 @@ void RebootConfirmation::announceAndReboot(hawkbit_query_t::deployment_t& deploy
   if (config_.rebootCommand.empty()) {
     std::printf("deployment %s: no reboot-command configured; confirmed after the next boot\n",
                 deployment.id.c_str());
-  } else {
-    std::printf("reboot command: %s\n", runCommand(config_.rebootCommand).describe().c_str());
+    return;
   }
+  rebootFailed_ = !runReboot();
+  rebootRetries_ = 0;
+  nextReboot_ = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+}
+
+void RebootConfirmation::retryReboot(std::string const& actionId) {
+  if (!rebootFailed_ || stop_.load() || std::chrono::steady_clock::now() < nextReboot_) return;
+  std::printf("deployment %s: the reboot command failed before; running it again\n",
+              actionId.c_str());
+  rebootFailed_ = !runReboot();
+  // 30 s, doubling up to an hour.
+  rebootRetries_ = std::min(rebootRetries_ + 1, 7);
+  nextReboot_ =
+      std::chrono::steady_clock::now() + std::chrono::seconds(std::min(3600, 30 << rebootRetries_));
 }
 
 bool RebootConfirmation::confirm() {
   InstallState::Pending pending;
   std::string error;
-  bool const found = state_.load(pending, error);
+  bool const found = load(pending, error);
   if (!error.empty()) std::printf("state: %s\n", error.c_str());
   if (!found) return error.empty();
   // The same boot as the install: the reboot never happened (the agent was
   // stopped before or while it ran). What was not sent is sent, the reboot
   // asked for again, and nothing confirmed before another boot.
-  if (pending.result.empty() && !pending.bootId.empty() &&
-      pending.bootId == bootId(config_.bootIdFile)) {
+  if (pending.result.empty() && pending.bootId == bootId(config_.bootIdFile)) {
     std::printf("deployment %s: installed, but this is still the boot that installed it\n",
                 pending.actionId.c_str());
     rebootAction_ = pending.actionId;
@@ -78,17 +152,21 @@ bool RebootConfirmation::confirm() {
     announceAndReboot(deployment, pending);
     return true;
   }
-  state_.confirm(config_.confirmCommand, pending, error);
+  if (!state_.confirm(config_.confirmCommand, pending, error, &stop_)) {
+    std::printf("deployment %s: confirmation stopped; it runs again at the next start\n",
+                pending.actionId.c_str());
+    return false;
+  }
+  if (!error.empty()) std::printf("state: %s\n", error.c_str());
   hawkbit_query_t::deployment_t deployment = InstallState::closingFeedback(pending);
   confirmedAction_ = pending.actionId;
   std::string const failure = post_([&] { return client_.sendUpdateFeedback(deployment); });
-  std::printf("deployment %s: confirmed after the reboot: %s, feedback %s\n", deployment.id.c_str(),
+  std::printf("deployment %s: %s: %s, feedback %s\n", deployment.id.c_str(),
+              pending.bootId.empty() ? "recorded result" : "confirmed after the reboot",
               pending.result.c_str(), failure.empty() ? "sent" : failure.c_str());
   // Kept for the next start unless the server has the result, or answered
   // that the action is closed already (it was reported before a crash).
-  if (failure.empty() || failure.find("not active") != std::string::npos) {
-    if (!state_.clear(error)) std::printf("state: %s\n", error.c_str());
-  }
+  if (failure.empty() || failure.find("not active") != std::string::npos) clear();
   return deployment.finished == finished_t::success;
 }
 
@@ -96,26 +174,72 @@ bool RebootConfirmation::installed(std::string const& actionId) const {
   InstallState::Pending pending;
   std::string error;
   return actionId == rebootAction_ || actionId == confirmedAction_ ||
-         (state_.load(pending, error) && pending.actionId == actionId);
+         (load(pending, error) && pending.actionId == actionId);
 }
 
-bool RebootConfirmation::handles(std::string const& actionId, bool& result) {
-  result = true;
-  if (actionId == rebootAction_) {
-    std::printf("deployment %s: installed, waiting for the reboot\n", actionId.c_str());
-    return true;
-  }
-  // A result not yet delivered is reported again (the confirm command does
-  // not run twice).
+bool RebootConfirmation::drop(std::string const& actionId) {
   InstallState::Pending pending;
   std::string error;
-  if (state_.load(pending, error) && pending.actionId == actionId) {
+  if (!load(pending, error) || pending.actionId != actionId) return false;
+  clear();
+  if (rebootAction_ == actionId) rebootAction_.clear();
+  return true;
+}
+
+bool RebootConfirmation::handles(hawkbit_query_t::deployment_t& deployment, bool& result) {
+  std::string const& actionId = deployment.id;
+  result = true;
+  InstallState::Pending pending;
+  std::string error;
+  bool found = load(pending, error);
+  if (!error.empty()) {
+    // Installing now could install an action a second time, or beside one
+    // waiting for its reboot.
+    std::printf("deployment %s: state record unreadable, refusing to install: %s\n",
+                actionId.c_str(), error.c_str());
+    result = false;
+    return true;
+  }
+  bool const waiting = found && pending.result.empty();
+  if (actionId == rebootAction_ || (waiting && pending.actionId == actionId)) {
+    std::printf("deployment %s: installed, waiting for the reboot\n", actionId.c_str());
+    retryReboot(actionId);
+    return true;
+  }
+  // A result not yet delivered is reported again (nothing runs twice).
+  if (found && pending.actionId == actionId) {
     result = confirm();
     return true;
   }
-  if (actionId == confirmedAction_) {
+  // Another action's result goes first; once the server has it, its record
+  // goes and this one may proceed.
+  if (found && !waiting) {
+    confirm();
+    found = load(pending, error);
+  }
+  if (found) {
+    std::string const why = "action " + pending.actionId +
+                            (pending.result.empty() ? " is installed and waits for its reboot"
+                                                    : " waits for its result to be reported") +
+                            "; this one waits until it is closed";
+    // Said once per run: the server keeps a bounded number of status
+    // entries per action, and this is offered at every poll.
+    std::string failure = "not sent again";
+    if (heldAction_ != actionId) {
+      deployment.chunks.front().details.push_back(why);
+      deployment.execution = execution_t::proceeding;
+      deployment.finished = finished_t::none;
+      failure = post_([&] { return client_.sendUpdateFeedback(deployment); });
+      if (failure.empty()) heldAction_ = actionId;
+    }
+    std::printf("deployment %s: not installed: %s; feedback %s\n", actionId.c_str(), why.c_str(),
+                failure.empty() ? "sent" : failure.c_str());
+    if (pending.result.empty()) retryReboot(pending.actionId);
+    return true;
+  }
+  if (actionId == confirmedAction_ || actionId == reportedAction_) {
     // The server may offer it once more before it has taken the result in.
-    std::printf("deployment %s: confirmed after the reboot already\n", actionId.c_str());
+    std::printf("deployment %s: its result was reported already\n", actionId.c_str());
     return true;
   }
   return false;

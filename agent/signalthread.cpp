@@ -32,7 +32,7 @@ SignalThread::SignalThread(UpdateAgent& agent) : set_(stopSignals()) {
       sigwait(&set_, &number);
       if (closing_) return;
       if (number == SIGINT || number == SIGTERM) {
-        std::printf("\nsignal %d: stopping\n", number);
+        std::printf("signal %d: stopping\n", number);
         agent.stop();
       }
     }

@@ -3,10 +3,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <sstream>
+
+#include "agent/command.h"
 
 namespace {
 
@@ -18,9 +22,19 @@ bool executable(std::string const& path) {
 }  // namespace
 
 std::string commandProgram(std::string const& commandLine) {
+  // The first word that is neither an assignment (FOO=1) nor "exec".
   std::istringstream words(commandLine);
   std::string first;
-  words >> first;
+  while (words >> first) {
+    std::size_t const equals = first.find('=');
+    bool const assignment =
+        equals != std::string::npos && equals > 0 &&
+        first.find_first_not_of(
+            "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz_0123456789") == equals &&
+        !std::isdigit(static_cast<unsigned char>(first[0]));
+    if (!assignment && first != "exec") break;
+    first.clear();
+  }
   if (first.empty()) return std::string();
   if (first.find('/') != std::string::npos) return executable(first) ? first : std::string();
   char const* path = std::getenv("PATH");
@@ -33,6 +47,24 @@ std::string commandProgram(std::string const& commandLine) {
 }
 
 namespace {
+
+// "" when `sh -n` reads the command line, otherwise its complaint.
+std::string syntaxError(std::string const& commandLine) {
+  CommandResult const result = runCommand("exec /bin/sh -n -c \"$1\"", {commandLine});
+  if (result.exitCode == 0) return std::string();
+  return result.stderrTail.empty() ? result.describe() : result.stderrTail.back();
+}
+
+// "" when `path` is no directory others could plant files in: the agent
+// writes and runs what is there as its own user.
+std::string ownedDirectory(char const* key, std::string const& path) {
+  struct stat info {};
+  if (stat(path.c_str(), &info) != 0) return std::string();
+  if ((info.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    return std::string(key) + " " + path + " is writable by group or others; chmod go-w it";
+  }
+  return std::string();
+}
 
 // Creates `path` and its parents as needed; "" when it is a writable
 // directory, otherwise the reason.
@@ -63,14 +95,25 @@ std::string directory(char const* key, std::string const& path) {
 
 std::string checkHost(AgentConfig const& config) {
   std::string problem = directory("download-dir", config.downloadDir);
-  if (problem.empty() && !config.stateDir.empty())
+  if (problem.empty()) problem = ownedDirectory("download-dir", config.downloadDir);
+  if (problem.empty() && !config.stateDir.empty()) {
     problem = directory("state-dir", config.stateDir);
+    if (problem.empty()) problem = ownedDirectory("state-dir", config.stateDir);
+  }
   if (!problem.empty()) return problem;
   // A reboot without its record would install again after it, or never
   // confirm.
   if (config.rebootExitCode >= 0 &&
       (config.stateDir.empty() || config.rebootCommand.empty() || config.confirmCommand.empty())) {
     return "reboot-exit-code needs state-dir, reboot-command and confirm-command";
+  }
+  // Without the boot id a restart would pass for the reboot.
+  if (config.rebootExitCode >= 0) {
+    std::ifstream in(config.bootIdFile);
+    std::string id;
+    if (!std::getline(in, id) || id.empty())
+      return "boot-id-file " + config.bootIdFile +
+             " cannot be read; it tells whether a reboot happened";
   }
   if (config.installCommand.empty() && !config.downloadOnly && !config.demo) {
     return "install-command is not set; start with --download-only to download and verify "
@@ -83,7 +126,10 @@ std::string checkHost(AgentConfig const& config) {
                         {"reboot-command", config.rebootCommand},
                         {"confirm-command", config.confirmCommand}};
   for (auto const& entry : commands) {
-    if (!entry.command.empty() && commandProgram(entry.command).empty()) {
+    if (entry.command.empty()) continue;
+    std::string const error = syntaxError(entry.command);
+    if (!error.empty()) return std::string(entry.key) + ": sh cannot read it: " + error;
+    if (commandProgram(entry.command).empty()) {
       return std::string(entry.key) + ": no executable program for '" + entry.command + "'";
     }
   }

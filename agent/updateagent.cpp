@@ -37,8 +37,11 @@ UpdateAgent::UpdateAgent(AgentConfig const& config)
       attributes_(config.attributes),
       fetcher_(client_, config, stop_),
       server_(config, transport_, [this] { return stopping(); }),
-      reboot_(client_, config,
-              [this](std::function<bool()> const& request) { return server_.send(request); }) {
+      reboot_(
+          client_, config,
+          [this](std::function<bool()> const& request) { return server_.send(request); }, stop_),
+      lock_((config.stateDir.empty() ? config.downloadDir + "/.install.lock"
+                                     : config.stateDir + "/install.lock")) {
   // hawkBit refuses configuration data without attributes.
   if (attributes_.empty()) attributes_.push_back({"tamrel-agent.version", TAMREL_VERSION});
 }
@@ -51,7 +54,12 @@ bool UpdateAgent::safeName(std::string const& name) {
 bool UpdateAgent::connect() {
   if (!client_.connectProperties(config_.properties)) return false;
   transport_.setBaseUrl(client_.buildQueryUrl());
-  reboot_.confirm();
+  // An install an earlier run left behind ends before anything else happens.
+  std::string error;
+  if (!lock_.take(stop_, config_.installTimeoutSeconds * 1000LL, error, false) && !error.empty())
+    std::printf("install lock: %s\n", error.c_str());
+  lock_.release();
+  if (!stopping()) reboot_.confirm();
   return true;
 }
 
@@ -231,7 +239,7 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
     return false;
   }
   bool handled = true;
-  if (reboot_.handles(deployment.id, handled)) return handled;
+  if (reboot_.handles(deployment, handled)) return handled;
   // Gone from the server: nothing new is started for it.
   if (gone_.count(deployment.id)) return true;
 
@@ -312,9 +320,7 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
     return false;
   }
   if (success && reboot && reboot_.begin(deployment)) return true;
-  success = success && !reboot;
-  close(deployment, success);
-  return success;
+  return reboot_.finish(deployment, success && !reboot);
 }
 
 bool UpdateAgent::download(hawkbit_query_t::deployment_t& deployment, DeploymentPlan const& plan,
@@ -393,7 +399,18 @@ void UpdateAgent::closeDownloaded(hawkbit_query_t::deployment_t const& deploymen
 
 UpdateAgent::Installed UpdateAgent::install(std::vector<std::string> const& files,
                                             std::vector<std::string>& details) {
-  CommandResult const result = runCommand(config_.installCommand, files, &stop_);
+  std::string error;
+  if (!lock_.take(stop_, config_.installTimeoutSeconds * 1000LL, error)) {
+    details.push_back("install command not run: " + (error.empty() ? "stopping" : error));
+    return Installed::kFailed;
+  }
+  CommandOptions options;
+  options.stop = &stop_;
+  options.deadlineMs = config_.installTimeoutSeconds * 1000LL;
+  options.inherit = lock_.fd();
+  options.started = [this](pid_t pid) { lock_.handOver(pid); };
+  CommandResult const result = runCommand(config_.installCommand, files, options);
+  lock_.release();
   Installed const installed =
       result.exitCode == 0 ? Installed::kDone
       : config_.rebootExitCode >= 0 && result.exitCode == config_.rebootExitCode

@@ -13,6 +13,7 @@
 #include "agent/agenttransport.h"
 #include "agent/artifactfetcher.h"
 #include "agent/deploymentplan.h"
+#include "agent/installlock.h"
 #include "agent/progressbar.h"
 #include "agent/rebootconfirmation.h"
 #include "agent/serverrequest.h"
@@ -86,8 +87,9 @@ class UpdateAgent {
   std::atomic<bool> stop_{false};
   std::vector<tamrel::value_pair_t> attributes_;  // sent as configuration data
   ArtifactFetcher fetcher_;
-  ServerRequest server_;  // every POST/PUT goes through it
-  RebootConfirmation reboot_;
+  ServerRequest server_;       // every POST/PUT goes through it
+  RebootConfirmation reboot_;  // the action in flight, its record and its reboot
+  InstallLock lock_;           // one install at a time, across restarts
   // An action downloaded in this run and waiting for its maintenance window.
   std::string waitingAction_;  // downloaded, waiting for its maintenance window
   std::vector<std::string> waitingFiles_, waitingDirs_;

@@ -98,10 +98,10 @@ bool report(ddiserver::DdiServer const& server) {
                 note.c_str());
     if (!details.empty()) std::printf("       details %s\n", details.c_str());
   }
-  std::printf(
-      "\nsummary: %zu requests, %d feedback messages; deployment 1 %s, cancel request 2 %s\n",
-      server.requests().size(), feedbacks, deployed ? "closed/success" : "NOT closed/success",
-      cancelled ? "closed/success" : "NOT closed/success");
+  std::printf("summary: %zu requests, %d feedback messages; deployment 1 %s, cancel request 2 %s\n",
+              server.requests().size(), feedbacks,
+              deployed ? "closed/success" : "NOT closed/success",
+              cancelled ? "closed/success" : "NOT closed/success");
   return deployed && cancelled;
 }
 
@@ -139,19 +139,19 @@ int main(int argc, char** argv) {
   {
     UpdateAgent agent(config);
     SignalThread stopper(agent);  // Ctrl-C stops the agent; the directory is removed
-    std::printf("DDI test server on %s, downloads into %s\n\n", base.c_str(), dir);
+    std::printf("DDI test server on %s, downloads into %s\n", base.c_str(), dir);
     bool const connected = agent.connect();
     if (connected) {
       std::printf("== first poll: configuration request and a deployment\n");
       agent.cycle();
     }
     if (connected && !agent.stopping()) {
-      std::printf("\n== second poll: a cancel request\n");
+      std::printf("== second poll: a cancel request\n");
       server.setCancelAction("2", ddiserver::cancelActionJson("2", "1"));
       server.setControllerBase(
           ddiserver::controllerBaseJson(base, server.controllerPath(), "00:00:30", "", "2", false));
       agent.cycle();
-      std::printf("\n== what the server received\n");
+      std::printf("== what the server received\n");
       ok = report(server);
     }
   }

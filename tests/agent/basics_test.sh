@@ -18,11 +18,17 @@ head -c 640000 /dev/urandom > "$work/art/image.bin"
 same() { cmp -s "$work/art/image.bin" "$dl/firmware/image.bin"; }
 success_intact() { closed_with success && same; }
 
-serve --corrupt image.bin
-run_agent 'download-retries = 2'
+# Why a download failed: wrong bytes, a refused or a cut transfer.
 failed_with() { closing | grep '"finished":"failure"' | grep -q -- "$1"; }
-check "wrong bytes: failure feedback naming the digest and attempts" \
-  failed_with 'image.bin: digest mismatch after 3 attempt(s)'
+while IFS='|' read -r what options retries says; do
+  serve $options
+  run_agent "download-retries = $retries"
+  check "$what: failure feedback says '$says'" failed_with "$says"
+done <<'EOF'
+wrong bytes|--corrupt image.bin|2|image.bin: digest mismatch after 3 attempt(s)
+refused transfer|--fault artifact=503|0|image.bin: HTTP 503 after 1 attempt(s)
+cut transfer|--drop-after 50000|0|image.bin: cut short at 50000 of 640000 bytes after 1 attempt(s)
+EOF
 
 # Slow enough that the SHA-256 has read part of the file when it is cut.
 serve --drop-after 400000 --slow 20

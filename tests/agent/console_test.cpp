@@ -1,6 +1,6 @@
-// What the console makes of a write to standard error: one line whatever
-// the text holds, control characters and invalid UTF-8 escaped, cut at
-// 1 KiB. Standard error is pointed at a file for the test.
+// What the console makes of a write to standard error or output: one line
+// whatever the text holds, control characters and invalid UTF-8 escaped, cut
+// at 1 KiB. The stream is pointed at a file for the test.
 #include "agent/console.h"
 
 #include <fcntl.h>
@@ -14,27 +14,27 @@
 
 namespace {
 
-// The text the console writes for `written` on standard error, time stamps
-// removed.
-std::string shownOnStderr(std::string const& written) {
+// The text the console writes for `written` on standard error or output,
+// time stamps removed.
+std::string shown(std::string const& written, int fd) {
   tamrel::testing::TempDir dir;
-  std::string const path = dir.path() + "/stderr";
-  std::fflush(stderr);
-  int const saved = dup(STDERR_FILENO);
+  std::string const path = dir.path() + "/stream";
+  std::fflush(nullptr);
+  int const saved = dup(fd);
   int const file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  dup2(file, STDERR_FILENO);
+  dup2(file, fd);
   close(file);
   {
     Console console;
-    std::fwrite(written.data(), 1, written.size(), stderr);
+    std::fwrite(written.data(), 1, written.size(), fd == STDERR_FILENO ? stderr : stdout);
   }
-  dup2(saved, STDERR_FILENO);
+  dup2(saved, fd);
   close(saved);
   return std::regex_replace(tamrel::testing::readFile(path), std::regex("(^|\n)[0-9-]+T[0-9:]+Z "),
                             "$1");
 }
 
-TEST(Console, EachWriteToStandardErrorIsOneSafeLine) {
+TEST(Console, EachWriteIsOneSafeLine) {
   struct Case {
     std::string written, shown;
   } const cases[] = {
@@ -52,7 +52,10 @@ TEST(Console, EachWriteToStandardErrorIsOneSafeLine) {
       {std::string(1019, 'b') + "\x01\x02\n",
        std::string(1019, 'b') + "\\x01\xe2\x80\xa6 (1 bytes more)\n"},
   };
-  for (Case const& c : cases) EXPECT_EQ(shownOnStderr(c.written), c.shown);
+  for (Case const& c : cases) {
+    EXPECT_EQ(shown(c.written, STDERR_FILENO), c.shown);
+    EXPECT_EQ(shown(c.written, STDOUT_FILENO), c.shown);
+  }
 }
 
 }  // namespace

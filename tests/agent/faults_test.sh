@@ -89,7 +89,7 @@ serve --fault artifact=endless
 printf '%s\n' "$ok" >> "$conf"; mkdir -p "$dl"
 if unshare -m true 2>/dev/null; then
   start=$(date +%s)
-  unshare -m sh -c 'mount -t tmpfs -o size=2m tmpfs "$1" && "$2" --once --config "$3" > "$4" 2>&1
+  unshare -m sh -c 'mount -t tmpfs -o size=2m,mode=0755 tmpfs "$1" && "$2" --once --config "$3" > "$4" 2>&1
     code=$?; find "$1" -mindepth 1 > "$5"; exit $code' _ "$dl" "$agent" "$conf" "$(alog)" "$work/left"
   code=$?; took=$(($(date +%s) - start))
   expect "endless artifact on a 2 MiB disk" 1 20 "more bytes than the announced"
@@ -194,7 +194,7 @@ EOF
 
 # Start-up checks: status 2 with the reason (the configuration file's own
 # errors are unit-tested).
-touch "$work/plain-file"
+touch "$work/plain-file"; mkdir -m 0777 "$work/open"
 while IFS='|' read -r what settings options pattern; do
   serve
   once $settings -- $options
@@ -204,6 +204,9 @@ no install command|download-retries=1||install-command is not set
 install command missing|install-command=/nonexistent/x||no executable program
 download dir under a file|install-command=true download-dir=/dev/null/x||cannot create /dev/null
 reboot code without its record|install-command=true reboot-exit-code=7||needs state-dir
+boot id unreadable with a reboot setup|install-command=true reboot-exit-code=7 state-dir=$work/st reboot-command=true confirm-command=true boot-id-file=$work/none||boot-id-file $work/none cannot be read
+world-writable state-dir|install-command=true state-dir=$work/open||state-dir $work/open is writable by group or others
+command line sh cannot read|install-command=true reboot-command="unclosed||reboot-command: sh cannot read it
 EOF
 serve
 sed -i 's|^\(address = .*\)$|\1//|' "$conf"

@@ -4,6 +4,7 @@
 #include "agent/installstate.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "tests/support/temp_dir.h"
 
@@ -59,17 +60,44 @@ TEST(InstallState, EveryCrashPointOfASaveLeavesOldOrNew) {
   EXPECT_EQ(shown(loaded),
             "7|success|b0|sent|c:rootfs|c:app|d:confirm command: exit 0|d:line with break");
 
-  // A record cut short (a file system that lost its end) is not taken.
-  for (std::size_t length : {std::size_t(0), std::size_t(8), bytes.size() - 4}) {
-    writeFile(dir.path() + "/pending", bytes.substr(0, length));
-    error.clear();
-    EXPECT_FALSE(state.load(loaded, error)) << length;
-    EXPECT_NE(error.find("is incomplete"), std::string::npos) << length;
-  }
   ASSERT_TRUE(state.clear(error));
   error.clear();
   EXPECT_FALSE(state.load(loaded, error));
   EXPECT_EQ(error, "");  // no record is no error
+}
+
+TEST(InstallState, ARecordOfAnyOtherShapeIsUnreadable) {
+  InstallState::Pending pending;
+  std::string const good = "action 7\nchunk a\nresult success\nend\n";
+  ASSERT_EQ(InstallState::parse(good, pending), "");
+  struct Case {
+    std::string text, error;
+  } const cases[] = {
+      {"action 7\naction 8\nchunk a\nend\n", "\"action\" given twice"},
+      {good + "action 8\n", "text after \"end\""},
+      {"action 7\nchunk a\nresult maybe\nend\n", "unknown line \"result maybe\""},
+      {"action 7\nend\n", "incomplete"},
+      {"action 7\nchunk a\nresult success\n", "incomplete"},  // cut short
+  };
+  for (Case const& c : cases) EXPECT_EQ(InstallState::parse(c.text, pending), c.error) << c.text;
+
+  TempDir dir;
+  InstallState const state(dir.path());
+  std::string error;
+  writeFile(dir.path() + "/pending",
+            "action 7\nchunk a\n" + std::string(InstallState::kMaxRecordBytes, 'x') + "\nend\n");
+  EXPECT_FALSE(state.load(pending, error));
+  EXPECT_NE(error.find(": too large"), std::string::npos) << error;
+  // A save cuts the details to what fits.
+  pending = record("7", "failure");
+  pending.details.assign(1000, std::string(100, 'd'));
+  ASSERT_TRUE(state.save(pending, error)) << error;
+  EXPECT_TRUE(state.load(pending, error)) << error;
+  // A link planted as the temporary file is replaced, its target untouched.
+  writeFile(dir.path() + "/target", "keep");
+  ASSERT_EQ(symlink((dir.path() + "/target").c_str(), (dir.path() + "/pending.new").c_str()), 0);
+  ASSERT_TRUE(state.save(record("8", ""), error)) << error;
+  EXPECT_EQ(readFile(dir.path() + "/target"), "keep");
 }
 
 TEST(InstallState, ConfirmRunsTheCommandOnce) {

@@ -29,7 +29,7 @@ inline std::shared_ptr<lookup> settings(std::vector<setting_t> const& entries) {
 }
 
 // The settings of a device talking to `address` as tenant "DEFAULT",
-// controller "dev01", token "s3cret" (what DdiTestServer expects by default).
+// controller "dev01", token "s3cret" (what DdiServer expects by default).
 inline std::shared_ptr<lookup> serverSettings(std::string const& address) {
   return settings({{"address", text(address)},
                    {"tenant-id", text("DEFAULT")},
