@@ -4,6 +4,7 @@
 #include "agent/console.h"
 #include "agent/exitcode.h"
 #include "agent/linkorigin.h"
+#include "agent/pollfailure.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -126,7 +127,9 @@ UpdateAgent::Cycle UpdateAgent::cycle() {
     return result;
   }
   if (watchdog.verdict() != Watchdog::Verdict::kNone || empty) {
-    std::printf("poll: %s\n", pollFailure(watchdog.verdict(), libraryLog).c_str());
+    std::printf("poll: %s\n", PollFailure::describe(watchdog.verdict(), transport_.lastAnswer(),
+                                                    libraryLog, config_)
+                                  .c_str());
     result.status = kExitUnreachable;
     return result;
   }
@@ -197,39 +200,6 @@ void UpdateAgent::answerCancel(hawkbit_query_t::cancel_action_t const& cancel) {
               : installed      ? "rejected (installed already), feedback sent"
                                : "feedback sent",
               removed.c_str());
-}
-
-std::string UpdateAgent::pollFailure(Watchdog::Verdict verdict,
-                                     std::string const& libraryLog) const {
-  AgentTransport::Answer const answer = transport_.lastAnswer();
-  if (verdict == Watchdog::Verdict::kDeadline || answer.code == CURLE_OPERATION_TIMEDOUT) {
-    return "no complete answer within " + std::to_string(config_.pollTimeoutSeconds) +
-           " s (poll-timeout-s), cancelled";
-  }
-  if (verdict == Watchdog::Verdict::kTooLarge) {
-    return "the answer took more than " + std::to_string(config_.maxDocumentMib) +
-           " MiB (max-document-mib), cancelled";
-  }
-  if (answer.status == 401 || answer.status == 403) {
-    return "the server refused the credentials (HTTP " + std::to_string(answer.status) +
-           "); check token, gateway-token or the client certificate";
-  }
-  std::string const problem = answer.problem();
-  if (problem.find("not trusted") != std::string::npos) {
-    return problem + "; set ca-file to the CA that signs the server's certificate";
-  }
-  if (problem.find("TLS handshake refused") != std::string::npos ||
-      problem.find("client certificate") != std::string::npos) {
-    return problem + "; check client-cert and client-key";
-  }
-  if (answer.code == 0 && (answer.status < 200 || answer.status >= 300)) {
-    return "the server answered " + problem;
-  }
-  if (libraryLog.find("Failed to parse response!") != std::string::npos) {
-    return "the server's answer could not be read: no polling interval the library can read "
-           "(hh:mm:ss) and nothing to act on";
-  }
-  return "the server could not be reached or sent no usable answer";
 }
 
 bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {

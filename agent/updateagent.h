@@ -77,8 +77,6 @@ class UpdateAgent {
   // Forgets what the agent keeps for an action the server no longer has
   // (files waiting for their maintenance window).
   void dropGoneAction(std::string const& actionId);
-  // Why the last poll failed, with a hint for the operator.
-  std::string pollFailure(Watchdog::Verdict verdict, std::string const& libraryLog) const;
 
   AgentConfig const& config_;
   std::string address_;  // the server; configData links elsewhere are not sent to
