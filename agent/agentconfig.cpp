@@ -40,6 +40,14 @@ std::string* textField(AgentConfig& config, std::string const& key) {
   if (key == "confirm-command") return &config.confirmCommand;
   if (key == "trusted-hosts") return &config.trustedHosts;
   if (key == "boot-id-file") return &config.bootIdFile;
+  if (key == "client-cert") return &config.clientCert;
+  if (key == "client-key") return &config.clientKey;
+  if (key == "client-key-password-file") return &config.keyPasswordFile;
+  if (key == "ssl-engine") return &config.sslEngine;
+  if (key == "ca-file") return &config.caFile;
+  if (key == "ca-path") return &config.caPath;
+  if (key == "proxy") return &config.proxy;
+  if (key == "no-proxy") return &config.noProxy;
   return nullptr;
 }
 
@@ -65,7 +73,23 @@ std::vector<AgentConfig::Key> const& AgentConfig::keys() {
       {"address", K::kServer, true, "", "the server's URL, http:// or https://", 0, 0},
       {"tenant-id", K::kServer, true, "", "the tenant on the server", 0, 0},
       {"controller-id", K::kServer, true, "", "this device's controller id", 0, 0},
-      {"token", K::kServer, true, "", "target security token, one line", 0, 0},
+      {"token", K::kServer, false, "", "target security token, one line", 0, 0},
+      {"gateway-token", K::kSecret, false, "", "tenant-wide gateway token (instead of token)", 0,
+       0},
+      {"client-cert", K::kText, false, "", "PEM client certificate for mutual TLS", 0, 0},
+      {"client-key", K::kText, false, "", "its PEM key (with ssl-engine: the engine's key id)", 0,
+       0},
+      {"client-key-password-file", K::kText, false, "", "file holding the key's password", 0, 0},
+      {"ssl-engine", K::kText, false, "", "OpenSSL engine that holds the key (TPM, HSM)", 0, 0},
+      {"ca-file", K::kText, false, "", "PEM CA(s) of the server, instead of the system store", 0,
+       0},
+      {"ca-path", K::kText, false, "", "directory of hashed CAs, instead of the system store", 0,
+       0},
+      {"proxy", K::kText, false, "",
+       "http://, https:// or socks5h:// proxy; unset: the *_proxy variables", 0, 0},
+      {"no-proxy", K::kText, false, "", "hosts reached without the proxy, comma-separated", 0, 0},
+      {"download-authentication", K::kText, false, "yes",
+       "yes or no: credentials with artifact downloads", 0, 0},
       {"download-dir", K::kText, true, "", "where artifacts are stored, a folder per chunk", 0, 0},
       {"state-dir", K::kText, false, "", "where the pending-reboot record is kept", 0, 0},
       {"install-command", K::kText, false, "", "sh -c command, the chunk's files as $1, $2, ...", 0,
@@ -80,7 +104,7 @@ std::vector<AgentConfig::Key> const& AgentConfig::keys() {
        "tells whether that reboot happened", 0, 0},
       {"confirm-command", K::kText, false, "", "run after that reboot; exit 0 confirms", 0, 0},
       {"trusted-hosts", K::kText, false, "",
-       "hosts besides address that links may name: host[:port], ...", 0, 0},
+       "hosts besides address that get the credentials: host[:port], ...", 0, 0},
       {"attribute.NAME", K::kAttribute, false, "", "sent as config data (<= 128 characters)", 0, 0},
       {"download-retries", K::kNumber, false, "3", "further attempts per artifact", 0, 100},
       {"download-timeout-s", K::kNumber, false, "60",
@@ -88,11 +112,12 @@ std::vector<AgentConfig::Key> const& AgentConfig::keys() {
       {"download-min-rate", K::kNumber, false, "1024", "bytes/s; below it a download is cancelled",
        0, 999999999},
       {"poll-timeout-s", K::kNumber, false, "60", "deadline of one poll", 1, 86400},
-      {"feedback-timeout-s", K::kNumber, false, "60", "deadline of one POST/PUT; past it: exit 4",
-       1, 86400},
+      {"feedback-timeout-s", K::kNumber, false, "60",
+       "deadline of one POST/PUT; past it: failed, tried again later", 1, 86400},
       {"max-document-mib", K::kNumber, false, "16", "heap one poll may take", 1, 4096},
       {"poll-interval-s", K::kNumber, false, "300",
-       "wait after a failed poll, or when the server names none", 1, 31 * 86400},
+       "wait after a failed poll (doubling while they fail), or when the server names none", 1,
+       31 * 86400},
       {"max-poll-interval-s", K::kNumber, false, "86400", "longest wait between polls", 1,
        31 * 86400},
   };
@@ -142,8 +167,9 @@ std::string AgentConfig::keysHelp() {
     text += "  " + name + key.help + "\n";
   }
   text +=
-      "  KEY-file = PATH                   address, tenant-id, controller-id or token read\n"
-      "                                    from a file (one line; its line ending removed)\n";
+      "  KEY-file = PATH                   address, tenant-id, controller-id, token or\n"
+      "                                    gateway-token read from a file (one line; its line\n"
+      "                                    ending removed)\n";
   return text;
 }
 
@@ -152,9 +178,10 @@ AgentConfig AgentConfig::fromFile(std::string const& path) {
   if (!in) throw ConfigError(path + ": cannot read the configuration file");
   std::set<std::string> settings;
   for (Key const& key : keys()) {
-    if (key.kind == Key::Kind::kServer) settings.insert(key.name);
+    if (key.kind == Key::Kind::kServer || key.kind == Key::Kind::kSecret) settings.insert(key.name);
   }
   AgentConfig config;
+  config.path = path;
   std::map<std::string, int> seen;  // key (a "-file" key under its base name) -> line
   std::string line;
   for (int number = 1; std::getline(in, line); ++number) {
@@ -216,7 +243,9 @@ AgentConfig AgentConfig::fromFile(std::string const& path) {
         value = normaliseAddress(value, problem);
         if (!problem.empty()) fail(problem);
       }
-      if (base.empty()) {
+      if (setting == "gateway-token") {
+        config.gatewayToken = value;
+      } else if (base.empty()) {
         *(*config.properties)[key] = value;
       } else {
         *(*config.properties)[key] = link_t{filePath, value};
@@ -238,7 +267,29 @@ AgentConfig AgentConfig::fromFile(std::string const& path) {
         fail(key + ": attribute names and values are limited to 128 characters");
       }
       config.attributes.push_back({name, value});
+    } else if (key == "download-authentication") {
+      if (value != "yes" && value != "no") fail("download-authentication must be yes or no");
+      config.downloadAuthentication = value == "yes";
     } else if (std::string* field = known != nullptr ? textField(config, key) : nullptr) {
+      // Paths and URLs handed to libcurl are one line each.
+      static std::set<std::string> const oneLine = {
+          "client-cert", "client-key", "client-key-password-file",
+          "ssl-engine",  "ca-file",    "ca-path",
+          "proxy",       "no-proxy"};
+      if (oneLine.count(key) && hasControl(value)) {
+        fail(key + " must not contain control characters");
+      }
+      if (key == "proxy" && value.rfind("http://", 0) != 0 && value.rfind("https://", 0) != 0 &&
+          value.rfind("socks5h://", 0) != 0) {
+        fail("proxy must start with http://, https:// or socks5h://");
+      }
+      if (key == "client-key-password-file") {
+        std::ifstream file(value, std::ios::binary);
+        if (!file) fail("cannot read '" + value + "' for client-key-password-file");
+        std::getline(file, config.keyPassword);
+        if (!config.keyPassword.empty() && config.keyPassword.back() == '\r')
+          config.keyPassword.pop_back();
+      }
       *field = value;
     } else {
       fail("unknown key '" + key + "'");
@@ -246,10 +297,35 @@ AgentConfig AgentConfig::fromFile(std::string const& path) {
   }
   // The library reports missing server settings only when it polls; a
   // device that cannot poll should not start.
-  for (std::string const& name : settings) {
-    if (!seen.count(name))
-      throw ConfigError(path + ": neither " + name + " nor " + name + "-file is set");
+  for (Key const& key : keys()) {
+    if (key.required && key.kind == Key::Kind::kServer && !seen.count(key.name))
+      throw ConfigError(path + ": neither " + key.name + " nor " + key.name + "-file is set");
   }
+  config.targetToken = seen.count("token") != 0;
+  bool const gateway = seen.count("gateway-token") != 0;
+  if (config.targetToken && gateway) {
+    throw ConfigError(path + ":" + std::to_string(seen["gateway-token"]) +
+                      ": gateway-token and the token of line " + std::to_string(seen["token"]) +
+                      ": set one kind of token");
+  }
+  if (!config.targetToken && !gateway && config.clientCert.empty()) {
+    throw ConfigError(path +
+                      ": no credentials: set token, gateway-token (or their -file) or "
+                      "client-cert");
+  }
+  // The library binds only a table with a token; which one goes on the
+  // wire is the agent's transport's choice.
+  if (!config.targetToken) *(*config.properties)["token"] = std::string();
+  for (auto const& entry : seen) config.lines[entry.first] = entry.second;
   if (config.downloadDir.empty()) throw ConfigError(path + ": download-dir is not set");
   return config;
+}
+
+std::string AgentConfig::address() const {
+  std::string text;
+  for (auto const& entry : *properties) {
+    if (entry.first == "address" && entry.second->is_string()) text = entry.second->string();
+    if (entry.first == "address-file" && entry.second->is_link()) text = entry.second->link().text;
+  }
+  return text;
 }

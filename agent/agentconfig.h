@@ -1,6 +1,7 @@
 #ifndef TAMREL_AGENT_AGENTCONFIG_H_
 #define TAMREL_AGENT_AGENTCONFIG_H_
 
+#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -25,7 +26,9 @@ class AgentConfig {
   // One configuration key. A number key's default is applied before the
   // file is read.
   struct Key {
-    enum class Kind { kServer, kText, kNumber, kAttribute };
+    // kServer: goes into the library's table; kSecret: stays with the agent.
+    // Both may be read from a file (KEY-file).
+    enum class Kind { kServer, kSecret, kText, kNumber, kAttribute };
     char const* name;
     Kind kind;
     bool required;
@@ -39,6 +42,8 @@ class AgentConfig {
   static AgentConfig fromFile(std::string const& path);  // throws ConfigError
   // Every key with its default and help, for --help.
   static std::string keysHelp();
+  // The server's address, as given or read from address-file.
+  std::string address() const;
 
   std::shared_ptr<lookup> properties = std::make_shared<lookup>();
   std::vector<tamrel::value_pair_t> attributes;
@@ -48,7 +53,18 @@ class AgentConfig {
   std::string rebootCommand;             // "reboot-command"
   std::string confirmCommand;            // "confirm-command", run at start after a reboot
   std::string bootIdFile;                // "boot-id-file": changes with every boot
-  std::string trustedHosts;              // "trusted-hosts": host[:port], ... besides address
+  std::string trustedHosts;              // "trusted-hosts": host[:port], ... given credentials
+  std::string gatewayToken;              // "gateway-token", else a target token or none
+  bool targetToken = true;               // "token" or "token-file" (fromFile decides)
+  std::string clientCert, clientKey;     // "client-cert", "client-key"
+  std::string keyPasswordFile;           // "client-key-password-file"
+  std::string keyPassword;               // read from it
+  std::string sslEngine;                 // "ssl-engine"
+  std::string caFile, caPath;            // "ca-file", "ca-path"
+  std::string proxy, noProxy;            // "proxy", "no-proxy"
+  bool downloadAuthentication = true;    // "download-authentication"
+  std::string path;                      // the file read
+  std::map<std::string, int> lines;      // key (a "-file" key under its base name) -> line
   int installTimeoutSeconds = 0;         // "install-timeout-s"
   int rebootExitCode = -1;               // "reboot-exit-code"; -1: none configured
   int retries = 0;                       // "download-retries"

@@ -8,7 +8,6 @@ enum ExitCode : int {
   kExitDeploymentFailed = 1,
   kExitConfig = 2,
   kExitUnreachable = 3,
-  kExitFeedbackDeadline = 4,
 };
 
 // Each status with what it means, for --help and the docs.
@@ -19,11 +18,10 @@ struct ExitCodeText {
 inline constexpr ExitCodeText kExitCodeTexts[] = {
     {kExitOk, "nothing went wrong (also after SIGINT/SIGTERM)"},
     {kExitDeploymentFailed, "a deployment failed or was refused (--once)"},
-    {kExitConfig, "configuration error, or the host is not ready (directories, commands, plug-in)"},
+    {kExitConfig, "configuration error, or the host is not ready (directories, commands)"},
     {kExitUnreachable,
      "the server could not be reached, refused the token, or a poll timed out "
      "(--once)"},
-    {kExitFeedbackDeadline, "a POST/PUT to the server passed feedback-timeout-s"},
 };
 
 #endif  // TAMREL_AGENT_EXITCODE_H_

@@ -1,5 +1,5 @@
-// tamrel-agent: the reference host of libtamrelcore. Loads the plug-in,
-// binds its settings, checks the host and runs the update loop.
+// tamrel-agent: the reference host of libtamrelcore. Reads its settings,
+// checks the host and runs the update loop with the library embedded.
 #include <stdlib.h>
 
 #include <algorithm>
@@ -10,9 +10,9 @@
 
 #include "agent/agentconfig.h"
 #include "agent/console.h"
+#include "agent/credentialcheck.h"
 #include "agent/exitcode.h"
 #include "agent/memorybudget.h"
-#include "agent/pluginloader.h"
 #include "agent/signalthread.h"
 #include "agent/startupcheck.h"
 #include "agent/updateagent.h"
@@ -24,13 +24,12 @@ namespace {
 #endif
 
 char const kUsage[] =
-    "usage: tamrel-agent [--plugin PATH] --config FILE [--once] [--download-only]\n"
+    "usage: tamrel-agent --config FILE [--once] [--download-only]\n"
     "       tamrel-agent --help | --version\n";
 
 char const kHelp[] =
     "Polls a hawkBit server (DDI API), downloads, verifies and installs what it deploys.\n"
     "  --config FILE      the configuration (keys below)\n"
-    "  --plugin PATH      the libtamrelcore plug-in [beside the program, then ../lib]\n"
     "  --once             poll once, handle what the server asks, exit with the status below\n"
     "  --download-only    without install-command: download and verify, report \"downloaded\"\n"
     "  --help, --version\n\n";
@@ -48,13 +47,11 @@ std::string exitCodesHelp() {
 int main(int argc, char** argv) {
   SignalThread::blockStopSignals();
   MemoryBudget::install();
-  std::string pluginPath, configPath;
+  std::string configPath;
   bool once = false, downloadOnly = false;
   for (int i = 1; i < argc; ++i) {
     std::string const arg = argv[i];
-    if (arg == "--plugin" && i + 1 < argc) {
-      pluginPath = argv[++i];
-    } else if (arg == "--config" && i + 1 < argc) {
+    if (arg == "--config" && i + 1 < argc) {
       configPath = argv[++i];
     } else if (arg == "--once") {
       once = true;
@@ -78,10 +75,6 @@ int main(int argc, char** argv) {
   }
   Console console;
 
-  // Declared before the configuration so that it is destroyed after it: the
-  // library adds entries to the property table, and their code lives in the
-  // plug-in, so the table must go before the plug-in is closed.
-  std::unique_ptr<PluginLoader> plugin;
   AgentConfig config;
   try {
     config = AgentConfig::fromFile(configPath);
@@ -95,15 +88,17 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "tamrel-agent: %s: %s\n", configPath.c_str(), problem.c_str());
     return kExitConfig;
   }
-  plugin = std::make_unique<PluginLoader>(pluginPath);
-  if (plugin->client() == nullptr) {
-    std::fprintf(stderr, "tamrel-agent: %s\n", plugin->error().c_str());
+  CredentialCheck const credentials(config);
+  for (std::string const& warning : credentials.warnings()) {
+    std::fprintf(stderr, "tamrel-agent: warning: %s\n", warning.c_str());
+  }
+  if (!credentials.error().empty()) {
+    std::fprintf(stderr, "tamrel-agent: %s\n", credentials.error().c_str());
     return kExitConfig;
   }
-  std::printf("tamrel-agent %s, plug-in %s (%s)\n", TAMREL_VERSION, plugin->path().c_str(),
-              plugin->client()->uuid().c_str());
+  std::printf("tamrel-agent %s\n", TAMREL_VERSION);
 
-  UpdateAgent agent(*plugin->client(), config);
+  UpdateAgent agent(config);
   SignalThread stopper(agent);
   if (!agent.connect()) {
     std::fprintf(stderr, "tamrel-agent: %s: the library refused the settings\n",

@@ -1,13 +1,12 @@
 #include "agent/serverrequest.h"
 
-#include "agent/console.h"
-#include "agent/exitcode.h"
 #include "agent/watchdog.h"
 
-#include <unistd.h>
-
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <thread>
 #include <utility>
 
 namespace {
@@ -41,34 +40,62 @@ std::string errorMessage(std::string const& body) {
 
 }  // namespace
 
-ServerRequest::ServerRequest(AgentConfig const& config, std::function<bool()> stopping)
-    : config_(config), stopping_(std::move(stopping)) {}
+ServerRequest::ServerRequest(AgentConfig const& config, AgentTransport& transport,
+                             std::function<bool()> stopping)
+    : config_(config), transport_(transport), stopping_(std::move(stopping)) {}
 
 std::string ServerRequest::send(std::function<bool()> const& request) const {
-  Watchdog::Limits limits;
-  limits.deadlineMs = config_.feedbackTimeoutSeconds * 1000LL;
-  limits.stopGraceMs = 3000;
-  int const seconds = config_.feedbackTimeoutSeconds;
-  Watchdog watchdog(limits, stopping_, [seconds](Watchdog::Verdict verdict) {
-    if (verdict == Watchdog::Verdict::kDeadline) {
-      std::printf(
-          "server: no answer to a POST/PUT within %d s (feedback-timeout-s); exiting with "
-          "status %d\n",
-          seconds, kExitFeedbackDeadline);
-    } else {
-      std::printf("stopping: the server does not answer; the action stays open\n");
-    }
-    std::fflush(nullptr);
-    _exit(verdict == Watchdog::Verdict::kDeadline ? kExitFeedbackDeadline : kExitOk);
-  });
-  std::string answer;
-  bool sent = false;
-  {
-    Console::Capture capture(Console::Channel::kOut);
-    sent = watchdog.run(request);
-    answer = capture.text();
+  return submit(request).failure;
+}
+
+void ServerRequest::pause(long seconds) const {
+  for (long tenths = seconds * 10; tenths > 0 && !stopping_(); --tenths) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
-  if (!sent) return "not sent";
-  std::string const message = errorMessage(answer);
-  return message.empty() ? std::string() : "refused by the server: " + message;
+}
+
+ServerRequest::Result ServerRequest::submit(std::function<bool()> const& request) const {
+  int const kAttempts = 3;
+  long const kLongestWaitS = 60;
+  Result result;
+  for (int attempt = 1;; ++attempt) {
+    Watchdog::Limits limits;
+    // The transport's own deadline decides; this one is its backstop.
+    limits.deadlineMs = (config_.feedbackTimeoutSeconds + 2) * 1000LL;
+    limits.stopGraceMs = 3000;
+    Watchdog watchdog(limits, stopping_,
+                      [this](Watchdog::Verdict) { transport_.cancelTransfer(); });
+    std::uint64_t const before = transport_.exchanges();
+    bool const done = watchdog.run(request);
+    AgentTransport::Answer const answer = transport_.lastAnswer();
+    bool const asked = transport_.exchanges() != before;
+    if (done && asked && answer.sent()) return result;
+    if (!asked) {
+      result.failure = "not sent";
+    } else if (stopping_()) {
+      result.failure = "cancelled while stopping; the action stays open";
+    } else if (answer.code == CURLE_OPERATION_TIMEDOUT ||
+               watchdog.verdict() == Watchdog::Verdict::kDeadline) {
+      result.failure = "no answer within " + std::to_string(config_.feedbackTimeoutSeconds) +
+                       " s (feedback-timeout-s); tried again after the next poll";
+    } else if (answer.code != CURLE_OK) {
+      result.failure = "not sent: " + answer.problem();
+    } else {
+      std::string const message = errorMessage(answer.reply);
+      long const status = answer.status;
+      result.gone = status == 404 || status == 410;
+      result.failure = "refused by the server (HTTP " + std::to_string(status) +
+                       (result.gone                      ? ", gone from the server"
+                        : status == 401 || status == 403 ? ", credentials refused"
+                                                         : "") +
+                       ")" + (message.empty() ? "" : ": " + message);
+    }
+    bool const wait = asked && (answer.status == 409 || answer.status == 429);
+    if (!wait || attempt == kAttempts || stopping_()) return result;
+    long const seconds =
+        answer.retryAfterS >= 0 ? std::min(answer.retryAfterS, kLongestWaitS) : 1L << attempt;
+    std::printf("server: busy (HTTP %ld), asking again in %ld s\n", answer.status, seconds);
+    pause(seconds);
+    if (stopping_()) return result;
+  }
 }

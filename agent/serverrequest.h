@@ -5,21 +5,33 @@
 #include <string>
 
 #include "agent/agentconfig.h"
+#include "agent/agenttransport.h"
 
-// Runs one POST/PUT of the library under the feedback deadline, keeping the
-// server's answer out of the agent's output. libcurl cannot interrupt such a
-// request: past its deadline the process ends (its supervisor starts it
-// again), and a stopping agent gives it a few seconds' grace.
+// Runs one POST/PUT of the library and reads the server's answer from the
+// agent's transport. The transport bounds the request (feedback-timeout-s);
+// a stopping agent gives it a few seconds' grace, then cuts it. A server that
+// asks to wait (409, 429) is waited for (Retry-After, else a short back-off)
+// and asked again, twice at most; anything else is left to the next poll.
 class ServerRequest {
  public:
-  ServerRequest(AgentConfig const& config, std::function<bool()> stopping);
+  struct Result {
+    std::string failure;  // "" when the server took it, otherwise the reason
+    bool gone = false;    // 404/410: the action no longer exists on the server
+  };
 
-  // "" when it was sent, otherwise the reason ("refused by the server:
-  // <message>", "not sent").
+  ServerRequest(AgentConfig const& config, AgentTransport& transport,
+                std::function<bool()> stopping);
+
+  Result submit(std::function<bool()> const& request) const;
+  // submit(request).failure.
   std::string send(std::function<bool()> const& request) const;
 
  private:
+  // Waits up to `seconds`, returning early once the agent stops.
+  void pause(long seconds) const;
+
   AgentConfig const& config_;
+  AgentTransport& transport_;
   std::function<bool()> const stopping_;
 };
 

@@ -4,6 +4,7 @@
 #include "agent/console.h"
 #include "agent/exitcode.h"
 #include "agent/linkorigin.h"
+#include "agent/pollfailure.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -30,24 +31,18 @@ bool makeDirectories(std::string const& path) {
 
 }  // namespace
 
-UpdateAgent::UpdateAgent(libtamrelcore& client, AgentConfig const& config)
-    : client_(client),
-      config_(config),
+UpdateAgent::UpdateAgent(AgentConfig const& config)
+    : config_(config),
+      address_(config.address()),
+      transport_(AgentTransport::settingsFor(config)),
       attributes_(config.attributes),
-      fetcher_(client, config, stop_),
-      server_(config, [this] { return stopping(); }),
+      fetcher_(client_, config, stop_),
+      server_(config, transport_, [this] { return stopping(); }),
       reboot_(
-          client, config,
+          client_, config,
           [this](std::function<bool()> const& request) { return server_.send(request); }, stop_),
       lock_((config.stateDir.empty() ? config.downloadDir + "/.install.lock"
                                      : config.stateDir + "/install.lock")) {
-  // The server's address, as given or read from address-file.
-  for (auto const& entry : *config.properties) {
-    if (entry.first == "address" && entry.second->is_string()) address_ = entry.second->string();
-    if (entry.first == "address-file" && entry.second->is_link()) {
-      address_ = entry.second->link().text;
-    }
-  }
   // hawkBit refuses configuration data without attributes.
   if (attributes_.empty()) attributes_.push_back({"tamrel-agent.version", TAMREL_VERSION});
 }
@@ -59,6 +54,7 @@ bool UpdateAgent::safeName(std::string const& name) {
 
 bool UpdateAgent::connect() {
   if (!client_.connectProperties(config_.properties)) return false;
+  transport_.setBaseUrl(client_.buildQueryUrl());
   // An install an earlier run left behind ends before anything else happens.
   std::string error;
   if (!lock_.take(stop_, config_.installTimeoutSeconds * 1000LL, error, false) && !error.empty())
@@ -83,11 +79,17 @@ void UpdateAgent::sleep(std::int64_t seconds) {
 
 UpdateAgent::Cycle UpdateAgent::cycle() {
   Cycle result;
-  result.sleepSeconds = config_.pollIntervalSeconds;
+  // After a failed poll: poll-interval-s, doubled with each further failure
+  // in a row, up to max-poll-interval-s. A poll that gets through resets it.
+  result.sleepSeconds = std::min<std::int64_t>(
+      config_.pollIntervalSeconds << std::min(failedPolls_, 10), config_.maxPollIntervalSeconds);
+  ++failedPolls_;
+  std::uint64_t const before = transport_.exchanges();
   hawkbit_query_t answer;
   std::string unreadable, libraryLog;
   Watchdog::Limits limits;
-  limits.deadlineMs = config_.pollTimeoutSeconds * 1000LL;
+  // The transport's own deadline decides; this one is its backstop.
+  limits.deadlineMs = (config_.pollTimeoutSeconds + 2) * 1000LL;
   limits.memoryBytes = config_.maxDocumentMib << 20;
   Watchdog watchdog(
       limits, [this] { return stopping(); },
@@ -106,6 +108,17 @@ UpdateAgent::Cycle UpdateAgent::cycle() {
     libraryLog = log.text();
   }
   if (stopping()) return result;
+  AgentTransport::Answer const base = transport_.lastBaseAnswer();
+  if (base.serial > before && (base.status == 409 || base.status == 429)) {
+    // The server asks to wait: as long as it says, else the back-off.
+    if (base.retryAfterS >= 0)
+      result.sleepSeconds = std::min<std::int64_t>(std::max<std::int64_t>(base.retryAfterS, 1),
+                                                   config_.maxPollIntervalSeconds);
+    std::printf("poll: the server is busy (HTTP %ld), next poll in %lld s\n", base.status,
+                static_cast<long long>(result.sleepSeconds));
+    result.status = kExitUnreachable;
+    return result;
+  }
   bool const empty = answer.config.sleep == 0 && answer.deployment.url.empty() &&
                      answer.cancel_action.url.empty() && answer.config_data.url.empty();
   if (!unreadable.empty()) {
@@ -114,10 +127,13 @@ UpdateAgent::Cycle UpdateAgent::cycle() {
     return result;
   }
   if (watchdog.verdict() != Watchdog::Verdict::kNone || empty) {
-    std::printf("poll: %s\n", pollFailure(watchdog.verdict(), libraryLog).c_str());
+    std::printf("poll: %s\n", PollFailure::describe(watchdog.verdict(), transport_.lastAnswer(),
+                                                    libraryLog, config_)
+                                  .c_str());
     result.status = kExitUnreachable;
     return result;
   }
+  failedPolls_ = 0;
   // 0 is what the library makes of an interval it cannot read ("PT36H").
   std::int64_t const named = answer.config.sleep;
   result.sleepSeconds = std::min<std::int64_t>(
@@ -186,31 +202,6 @@ void UpdateAgent::answerCancel(hawkbit_query_t::cancel_action_t const& cancel) {
               removed.c_str());
 }
 
-std::string UpdateAgent::pollFailure(Watchdog::Verdict verdict,
-                                     std::string const& libraryLog) const {
-  if (verdict == Watchdog::Verdict::kDeadline) {
-    return "no complete answer within " + std::to_string(config_.pollTimeoutSeconds) +
-           " s (poll-timeout-s), cancelled";
-  }
-  if (verdict == Watchdog::Verdict::kTooLarge) {
-    return "the answer took more than " + std::to_string(config_.maxDocumentMib) +
-           " MiB (max-document-mib), cancelled";
-  }
-  if (libraryLog.find("Unauthorized?") != std::string::npos) {
-    return "the server refused the request (HTTP 401?); check token or token-file";
-  }
-  if (libraryLog.find("SSL") != std::string::npos ||
-      libraryLog.find("certificate") != std::string::npos) {
-    return "the TLS connection was refused; if the server's certificate comes from a private "
-           "CA, install that CA into the system store (update-ca-certificates)";
-  }
-  if (libraryLog.find("Failed to parse response!") != std::string::npos) {
-    return "the server's answer could not be read: no polling interval the library can read "
-           "(hh:mm:ss) and nothing to act on";
-  }
-  return "the server could not be reached or sent no usable answer";
-}
-
 bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
   if (!DeploymentPlan::decimalId(deployment.id)) {
     // Nothing is built from an id that is not a number, not even a feedback URL.
@@ -219,6 +210,8 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
   }
   bool handled = true;
   if (reboot_.handles(deployment, handled)) return handled;
+  // Gone from the server: nothing new is started for it.
+  if (gone_.count(deployment.id)) return true;
 
   DeploymentPlan const plan = DeploymentPlan::read(deployment);
   if (plan.download() == DeploymentPlan::Handling::kSkip && plan.problems().empty()) {
@@ -238,10 +231,11 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
   if (!waited) {
     deployment.execution = execution_t::proceeding;
     deployment.finished = finished_t::none;
-    std::string const failure =
-        server_.send([&] { return client_.sendUpdateFeedback(deployment); });
-    if (!failure.empty())
-      std::printf("deployment %s: proceeding %s\n", deployment.id.c_str(), failure.c_str());
+    std::string const outcome =
+        feedback(deployment.id, [&] { return client_.sendUpdateFeedback(deployment); });
+    if (outcome != "sent")
+      std::printf("deployment %s: proceeding %s\n", deployment.id.c_str(), outcome.c_str());
+    if (gone_.count(deployment.id)) return true;
   }
   if (!plan.problems().empty()) {
     auto& details = deployment.chunks.front().details;
@@ -317,16 +311,10 @@ bool UpdateAgent::download(hawkbit_query_t::deployment_t& deployment, Deployment
     }
     for (auto& artifact : chunk.artifacts) {
       std::string detail;
-      std::string host;
-      auto const link = artifact.links.find("download-http");
+      // A link to another host is fetched too: the transport sends no
+      // credentials there, and the digests decide whether the file is good.
       if (!safeName(artifact.filename)) {
         detail = "refused: unsafe artifact name \"" + artifact.filename + "\"";
-        success = false;
-      } else if (link != artifact.links.end() &&
-                 !linkAllowed(link->second, address_, config_.trustedHosts, host)) {
-        // The library would send the target token there.
-        detail = artifact.filename + ": refused, the link names another host (" + host +
-                 "; see trusted-hosts)";
         success = false;
       } else {
         artifact.destination = dir;
@@ -350,18 +338,19 @@ void UpdateAgent::proceed(hawkbit_query_t::deployment_t& deployment, std::string
   deployment.chunks.front().details.push_back(detail);
   deployment.execution = execution_t::proceeding;
   deployment.finished = finished_t::none;
-  std::string const failure = server_.send([&] { return client_.sendUpdateFeedback(deployment); });
-  std::printf("deployment %s: %s, feedback %s\n", deployment.id.c_str(), what,
-              failure.empty() ? "sent" : failure.c_str());
+  std::string const outcome =
+      feedback(deployment.id, [&] { return client_.sendUpdateFeedback(deployment); });
+  std::printf("deployment %s: %s, feedback %s\n", deployment.id.c_str(), what, outcome.c_str());
 }
 
 void UpdateAgent::close(hawkbit_query_t::deployment_t& deployment, bool success) {
   for (auto& chunk : deployment.chunks) chunk.completed = true;
   deployment.execution = execution_t::closed;
   deployment.finished = success ? finished_t::success : finished_t::failure;
-  std::string const failure = server_.send([&] { return client_.sendUpdateFeedback(deployment); });
+  std::string const outcome =
+      feedback(deployment.id, [&] { return client_.sendUpdateFeedback(deployment); });
   std::printf("deployment %s: %s, feedback %s\n", deployment.id.c_str(),
-              success ? "success" : "failure", failure.empty() ? "sent" : failure.c_str());
+              success ? "success" : "failure", outcome.c_str());
 }
 
 void UpdateAgent::closeDownloaded(hawkbit_query_t::deployment_t const& deployment) {
@@ -372,11 +361,10 @@ void UpdateAgent::closeDownloaded(hawkbit_query_t::deployment_t const& deploymen
   for (auto const& chunk : deployment.chunks) {
     for (auto const& line : chunk.details) details += (details.empty() ? "" : "; ") + line;
   }
-  std::string const failure = server_.send([&] {
+  std::string const outcome = feedback(deployment.id, [&] {
     return client_.sendCancelActionFeedback(url, deployment.id, "downloaded", "none", details);
   });
-  std::printf("deployment %s: downloaded, feedback %s\n", deployment.id.c_str(),
-              failure.empty() ? "sent" : failure.c_str());
+  std::printf("deployment %s: downloaded, feedback %s\n", deployment.id.c_str(), outcome.c_str());
 }
 
 UpdateAgent::Installed UpdateAgent::install(std::vector<std::string> const& files,
@@ -403,4 +391,27 @@ UpdateAgent::Installed UpdateAgent::install(std::vector<std::string> const& file
       " (" + result.describe() + (installed == Installed::kReboot ? ", reboot needed" : "") + ")");
   for (auto const& line : result.stderrTail) details.push_back("install: " + line);
   return installed;
+}
+
+std::string UpdateAgent::feedback(std::string const& actionId,
+                                  std::function<bool()> const& request) {
+  ServerRequest::Result const result = server_.submit(request);
+  if (result.gone && gone_.insert(actionId).second) {
+    std::printf(
+        "action %s no longer exists on the server (cancelled or deleted there): its "
+        "state is dropped, nothing more is started or sent for it\n",
+        actionId.c_str());
+    dropGoneAction(actionId);
+  }
+  return result.failure.empty() ? "sent" : result.failure;
+}
+
+void UpdateAgent::dropGoneAction(std::string const& actionId) {
+  if (actionId == waitingAction_) {
+    for (std::string const& file : waitingFiles_) std::remove(file.c_str());
+    for (std::string const& dir : waitingDirs_) rmdir(dir.c_str());
+    waitingAction_.clear();
+  }
+  // The install record of the action goes here too, once install results
+  // are recorded per action.
 }

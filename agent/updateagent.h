@@ -5,10 +5,12 @@
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "agent/agentconfig.h"
+#include "agent/agenttransport.h"
 #include "agent/artifactfetcher.h"
 #include "agent/deploymentplan.h"
 #include "agent/installlock.h"
@@ -19,11 +21,12 @@
 #include "plugin/libtamrelcore.h"
 
 // The update loop of a device: poll, answer what the server asks for, fetch,
-// verify and install deployments, report back. Runs on one thread; stop()
-// may be called from another (a signal-handling thread).
+// verify and install deployments, report back. Owns the library's client and
+// the transport it speaks through. Runs on one thread; stop() may be called
+// from another (a signal-handling thread).
 class UpdateAgent {
  public:
-  UpdateAgent(libtamrelcore& client, AgentConfig const& config);
+  explicit UpdateAgent(AgentConfig const& config);
 
   // Binds the settings; false when the library refuses them. Then confirms
   // an action left waiting for a reboot by an earlier run.
@@ -67,13 +70,19 @@ class UpdateAgent {
   void closeDownloaded(hawkbit_query_t::deployment_t const& deployment);
   enum class Installed { kDone, kReboot, kFailed };
   Installed install(std::vector<std::string> const& files, std::vector<std::string>& details);
-  // Why the last poll failed, with a hint for the operator.
-  std::string pollFailure(Watchdog::Verdict verdict, std::string const& libraryLog) const;
+  // Sends one feedback of the action through server_: "sent", or why not.
+  // A 404/410 answer means the action is gone from the server: said once,
+  // and dropGoneAction() runs.
+  std::string feedback(std::string const& actionId, std::function<bool()> const& request);
+  // Forgets what the agent keeps for an action the server no longer has
+  // (files waiting for their maintenance window).
+  void dropGoneAction(std::string const& actionId);
 
-  libtamrelcore& client_;
   AgentConfig const& config_;
+  std::string address_;  // the server; configData links elsewhere are not sent to
+  AgentTransport transport_;
+  libtamrelcore client_{&transport_};
   std::atomic<bool> stop_{false};
-  std::string address_;                           // the server; links elsewhere are refused
   std::vector<tamrel::value_pair_t> attributes_;  // sent as configuration data
   ArtifactFetcher fetcher_;
   ServerRequest server_;       // every POST/PUT goes through it
@@ -82,6 +91,8 @@ class UpdateAgent {
   // An action downloaded in this run and waiting for its maintenance window.
   std::string waitingAction_;  // downloaded, waiting for its maintenance window
   std::vector<std::string> waitingFiles_, waitingDirs_;
+  std::set<std::string> gone_;  // actions the server answered 404/410 for
+  int failedPolls_ = 0;         // in a row
   std::mutex sleepLock_;
   std::condition_variable wake_;
 };

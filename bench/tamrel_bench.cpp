@@ -24,6 +24,9 @@
 #ifdef TAMREL_BENCH_WITH_SERVER
 #include "ddiserver/ddiserver.h"
 #endif
+#ifdef TAMREL_BENCH_WITH_AGENT
+#include "agent/agenttransport.h"
+#endif
 
 namespace {
 
@@ -297,6 +300,43 @@ void pollCycles(int cycles) {
 }
 #endif
 
+#ifdef TAMREL_BENCH_WITH_AGENT
+// 11: polls of the controller base at ADDRESS (https, its certificate signed
+// by CA) through the agent's transport, its connection kept, next to the
+// same transport opening a new connection and TLS session for each;
+// alternating, RUNS rounds of POLLS polls.
+void httpsPolls(std::string const& address, std::string const& ca, int polls, int runs) {
+  auto table =
+      std::make_shared<lookup>(lookup{{"address", std::make_shared<value_container>(address)},
+                                      {"tenant-id", std::make_shared<value_container>("DEFAULT")},
+                                      {"controller-id", std::make_shared<value_container>("dev01")},
+                                      {"token", std::make_shared<value_container>("t")}});
+  auto measure = [&](bool reuse) {
+    AgentTransport::Settings settings;
+    settings.address = address;
+    settings.caFile = ca;
+    settings.reuseConnections = reuse;
+    AgentTransport transport(settings);
+    libtamrelcore client(&transport);
+    client.connectProperties(table);
+    QuietStderr quiet;
+    return seconds([&] {
+      for (int i = 0; i < polls; ++i) {
+        if (!is_valid(client.queryOnlineStatus().config)) std::abort();
+      }
+    });
+  };
+  std::vector<double> kept, fresh;
+  for (int run = 0; run < runs; ++run) {
+    if (run % 2 == 0) kept.push_back(measure(true));
+    fresh.push_back(measure(false));
+    if (run % 2 == 1) kept.push_back(measure(true));
+  }
+  std::string const what = std::to_string(polls) + " polls over HTTPS, kept vs new connections";
+  row(what.c_str(), stats(kept), stats(fresh), 0, "");
+}
+#endif
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -305,7 +345,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr,
                  "usage: tamrel_bench download URL SOURCE DIR RUNS | verify SOURCE DIR RUNS |\n"
                  "       memory URL SOURCE DIR | resume URL SOURCE DIR RUNS | parse RUNS |\n"
-                 "       poll CYCLES\n");
+                 "       poll CYCLES | https-polls ADDRESS CA POLLS RUNS\n");
     return 2;
   }
   std::string const& what = args[0];
@@ -322,6 +362,10 @@ int main(int argc, char** argv) {
 #ifdef TAMREL_BENCH_WITH_SERVER
   else if (what == "poll" && args.size() == 2)
     pollCycles(std::stoi(args[1]));
+#endif
+#ifdef TAMREL_BENCH_WITH_AGENT
+  else if (what == "https-polls" && args.size() == 5)
+    httpsPolls(args[1], args[2], std::stoi(args[3]), std::stoi(args[4]));
 #endif
   else
     return 2;

@@ -10,7 +10,6 @@
 
 #include "agent/agentconfig.h"
 #include "agent/console.h"
-#include "agent/pluginloader.h"
 #include "agent/signalthread.h"
 #include "agent/updateagent.h"
 #include "ddiserver/ddidocument.h"
@@ -21,7 +20,7 @@ namespace {
 
 namespace ddiserver = tamrel::ddiserver;
 
-char const kUsage[] = "usage: tamrel-demo [--plugin PATH]\n";
+char const kUsage[] = "usage: tamrel-demo\n";
 
 void removeTree(char const* dir) {
   nftw(
@@ -110,25 +109,12 @@ bool report(ddiserver::DdiServer const& server) {
 
 int main(int argc, char** argv) {
   SignalThread::blockStopSignals();
-  std::string pluginPath;
   for (int i = 1; i < argc; ++i) {
     std::string const arg = argv[i];
-    if (arg == "--plugin" && i + 1 < argc) {
-      pluginPath = argv[++i];
-    } else {
-      std::fputs(kUsage, arg == "--help" || arg == "-h" ? stdout : stderr);
-      return arg == "--help" || arg == "-h" ? 0 : 2;
-    }
+    std::fputs(kUsage, arg == "--help" || arg == "-h" ? stdout : stderr);
+    return arg == "--help" || arg == "-h" ? 0 : 2;
   }
   Console console;
-  // Declared before the configuration: the property table must go before
-  // the plug-in whose code its entries use.
-  PluginLoader plugin(pluginPath);
-  if (plugin.client() == nullptr) {
-    std::fprintf(stderr, "tamrel-demo: %s\n", plugin.error().c_str());
-    return 1;
-  }
-  std::printf("plug-in %s (%s)\n", plugin.path().c_str(), plugin.client()->uuid().c_str());
 
   ddiserver::DdiServer server;
   server.setRequireToken("demo-token");
@@ -151,7 +137,7 @@ int main(int argc, char** argv) {
 
   bool ok = false;
   {
-    UpdateAgent agent(*plugin.client(), config);
+    UpdateAgent agent(config);
     SignalThread stopper(agent);  // Ctrl-C stops the agent; the directory is removed
     std::printf("DDI test server on %s, downloads into %s\n", base.c_str(), dir);
     bool const connected = agent.connect();

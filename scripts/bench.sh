@@ -34,6 +34,14 @@ chmod 644 "$www/a64.bin"
 head -c $((512 << 20)) /dev/urandom > "$www/a512.bin"
 chmod 644 "$www/a512.bin"
 
+# A controller base document over HTTPS, for the polls with and without a
+# kept connection.
+mkdir -p "$www/DEFAULT/controller/v1"
+echo '{"config":{"polling":{"sleep":"00:05:00"}},"_links":{}}' > "$www/DEFAULT/controller/v1/dev01"
+chmod -R a+rX "$www/DEFAULT"
+openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=bench \
+  -addext subjectAltName=IP:127.0.0.1 -keyout "$conf/tls.key" -out "$conf/tls.pem" 2>/dev/null
+
 # nginx takes no port 0: the kernel names a free port, nginx binds it before
 # it returns, and should another program have taken the port in between,
 # nginx fails at once and the next free port is tried.
@@ -55,11 +63,19 @@ http {
     listen 127.0.0.1:$port;
     root $www;
   }
+  server {
+    listen 127.0.0.1:$tls ssl;
+    ssl_certificate $conf/tls.pem;
+    ssl_certificate_key $conf/tls.key;
+    default_type application/json;
+    root $www;
+  }
 }
 CONF
 }
 for attempt in 1 2 3 4 5; do
   port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])')
+  tls=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])')
   nginx_conf
   nginx -c "$conf/nginx.conf" -p "$conf" 2> "$conf/start.log" && break
   grep -q 'Address already in use' "$conf/start.log" && [ "$attempt" -lt 5 ] ||
@@ -91,6 +107,9 @@ echo; echo "== parsing"
 if "$bench" poll 1 >/dev/null 2>&1; then
   echo; echo "== polling"
   "$bench" poll 2000
+fi
+if "$bench" https-polls "https://127.0.0.1:$tls" "$conf/tls.pem" 1 1 >/dev/null 2>&1; then
+  "$bench" https-polls "https://127.0.0.1:$tls" "$conf/tls.pem" 100 "$RUNS"
 fi
 
 echo; echo "== deploy: tamrel-agent against tamrel-ddi-server (scripts/bench-deploy.sh)"

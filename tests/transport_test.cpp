@@ -57,49 +57,9 @@ TEST_F(Transport, HeadersAreExactLinesInOrder) {
                                "|Authorization: TargetToken tok|Content-Length: 0|");
 }
 
-TEST_F(Transport, PostStaysPostAfterARedirect) {
-  Fault moved;
-  moved.redirectTo = "/moved";
-  server.setFault("/feedback", moved);
-  EXPECT_TRUE(manager.post(server.baseUrl() + "/feedback", memoryBuffer("{}")));
-  auto const last = server.requests().back();
-  EXPECT_EQ(last.method + " " + last.path + " " + last.body, "POST /moved {}");
-}
-
-// A cancel reaches only a download already running (here: from its first
-// bytes); what it left in the sink is resumed by the next download.
-TEST_F(Transport, CancelStopsARunningDownloadWhichThenResumes) {
-  std::string const content = std::string(100000, 'a') + std::string(100000, 'b');
-  std::string const url = server.addArtifact("/a", content);
-  Fault slow;  // pieces apart in time, so that the cancel lands mid-body
-  slow.chunkBytes = 2000;
-  slow.delayMs = 10;
-  server.setFault("/a", slow);
-  manager.cancelTransfer();  // before the transfer: forgotten
-  server.serve("/doc", "{}");
-  EXPECT_TRUE(manager.download(server.baseUrl() + "/doc", memoryBuffer()));
-
-  auto buffer = memoryBuffer();
-  bool armed = true;
-  buffer->written.connect([&](int) {
-    if (armed) manager.cancelTransfer();
-  });
-  {
-    CaptureStderr capture;
-    EXPECT_FALSE(manager.download(url, buffer));
-    EXPECT_NE(capture.text().find("[E] libtamrelcore -> Download failed: "), std::string::npos);
-  }
-  EXPECT_EQ(buffer->result, CURLE_ABORTED_BY_CALLBACK);
-  std::string const kept = std::to_string(buffer->sink->size());
-  EXPECT_LT(buffer->sink->size(), content.size());
-  armed = false;
-  server.clearFault("/a");
-  CaptureStderr capture;
-  EXPECT_TRUE(manager.download(url, buffer));
-  EXPECT_EQ(capture.text(), "[I] libtamrelcore -> Resuming file from " + kept + " bytes\n");
-  EXPECT_EQ(server.requests().back().header("Range"), "bytes=" + kept + "-");
-  EXPECT_EQ(buffer->sink->data(), content);
-}
+// Redirects that stay POSTs, resuming from the sink's size, a cancel before
+// and during a download: the contract table of tests/agent/
+// agenttransport_test.cpp runs them against this transport and the agent's.
 
 // A server's URL or redirect to file:// or gopher:// reads, writes and sends
 // nothing: the gopher URL smuggles an HTTP request to a listener.

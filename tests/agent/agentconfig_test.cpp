@@ -56,6 +56,13 @@ TEST(AgentConfig, FileSettings) {
   // The library's table carries the download settings the file names.
   EXPECT_EQ(table["download-retries"]->integer(), 0);
   EXPECT_EQ(table["download-timeout-s"]->integer(), 7);
+  EXPECT_TRUE(config.targetToken);
+  // A gateway token stays with the agent; the library still gets a token.
+  AgentConfig const gateway = AgentConfig::fromFile(
+      write(dir, "gateway.conf", kServer + "gateway-token = g\ndownload-authentication = no\n"));
+  EXPECT_EQ(gateway.gatewayToken, "g");
+  EXPECT_FALSE(gateway.targetToken || gateway.downloadAuthentication);
+  EXPECT_EQ(text(*gateway.properties, "token"), "");
   ASSERT_EQ(config.attributes.size(), 1u);
   EXPECT_EQ(config.attributes[0].key, "hw");
   EXPECT_EQ(config.attributes[0].value, "a#b");
@@ -78,7 +85,12 @@ TEST(AgentConfig, RefusalsNameTheLine) {
       {"token = t\njust words\n", "expected 'key = value'"},
       {"token = t\n= 1\n", "missing key before '='"},
       {"token = t\x01\n", "token must not contain control characters"},
-      {"", "neither token nor token-file is set"},
+      {"", "no credentials: set token, gateway-token"},
+      {"token = t\ngateway-token-file = " + twoLines + "\n", "must hold one line"},
+      {"token = t\ngateway-token = g\n", ":6: gateway-token and the token of line 5"},
+      {"token = t\nproxy = ftp://p\n", ":6: proxy must start with http://"},
+      {"token = t\ndownload-authentication = maybe\n", "must be yes or no"},
+      {"token = t\nclient-key-password-file = /nonexistent\n", ":6: cannot read '/nonexistent'"},
   };
   for (Case const& c : cases) {
     std::string const path = write(dir, "agent.conf", kServer + c.lines);

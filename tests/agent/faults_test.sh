@@ -40,8 +40,8 @@ done <<'EOF'
 poll never answered|--fault poll=stall|poll-timeout-s=2|8|no complete answer within 2 s
 poll trickled|--fault poll=trickle|poll-timeout-s=2|8|no complete answer within 2 s
 endless poll answer|--fault poll=endless|max-document-mib=8|20|more than 8 MiB
-token refused|--token other|poll-timeout-s=5|8|check token or token-file
-TLS certificate not trusted|--https|address=https://127.0.0.1:0|8|install that CA
+token refused|--token other|poll-timeout-s=5|8|refused the credentials (HTTP 401)
+TLS certificate not trusted|--https|address=https://127.0.0.1:0|8|server certificate not trusted: 
 EOF
 # Memory under hostile answers with the default bound: each is cancelled or
 # its parse refused, and the peak resident size (of the agent, read by
@@ -105,12 +105,9 @@ script -qec "'$agent' --once --config '$conf'" /dev/null > "$(alog)" 2>&1
 check "resumed download: the bar ends at the artifact's size" \
   bash -c "tr '\r' '\n' < '$(alog)' | grep -a 'image.bin ' | tail -1 | grep -q '100 %  *625 KiB'"
 
-# POST/PUT (here the config data): never answered -> status 4 at the
-# deadline; SIGTERM ends a stuck one within 5 s and leaves the action open;
-# an error document is reported, the server's text kept out of the output.
-serve --fault config=stall
-once "$ok" 'feedback-timeout-s = 2'
-expect "PUT never answered" 4 8 "exiting with status 4"
+# POST/PUT (here the config data): SIGTERM ends a stuck one within 5 s and
+# leaves the action open; an error document is reported, the server's text
+# kept out of the output.
 # SIGTERM ends the agent within 5 s whatever it waits for, status 0.
 while IFS='|' read -r what options event says; do
   serve $options
@@ -150,9 +147,29 @@ kill -TERM $pid; start=$(date +%s); cat "$conf" > "$work/fifo.conf"; wait $pid
 code=$?; took=$(($(date +%s) - start))
 expect "SIGTERM while starting" 0 5 "signal 15: stopping"
 check "SIGTERM while starting: no feedback" bash -c "! grep -q ^POST '$log'"
+second_poll() {
+  for _ in $(seq 150); do
+    [ "$(grep -c 'controller/v1/dev01$' "$log")" -ge 2 ] && return 0; sleep 0.1
+  done; return 1
+}
+# A feedback answered 410: the action is gone from the server, nothing is
+# fetched for it; one never answered fails at its deadline, the deployment
+# goes on and the agent polls on.
+serve --fault feedback=410
+once "$ok"
+expect "feedback answered 410" 0 10 "action 1 no longer exists on the server"
+check "feedback answered 410: nothing fetched" bash -c "! grep -q 'GET /artifacts' '$log'"
+serve --fault feedback=stall --sleep 00:00:01
+printf '%s\n' "$ok" 'feedback-timeout-s = 1' >> "$conf"
+"$agent" --config "$conf" > "$(alog)" 2>&1 &
+pid=$!
+wait_for 'no answer within 1 s (feedback-timeout-s)' "$(alog)"
+check "feedback never answered: fails at its deadline, the agent polls on" second_poll
+check "feedback never answered: the deployment went on" grep -q 'deployment 1: success' "$(alog)"
+kill -TERM $pid; wait $pid
 serve --fault config=410
 once "$ok"
-expect "PUT refused" 0 10 "refused by the server: Injected status 410"
+expect "PUT refused" 0 10 "refused by the server (HTTP 410.*: Injected status 410"
 check "PUT refused: server text not printed" bash -c "! grep -q exceptionClass '$(alog)'"
 
 # A complete file left by an earlier run is verified and kept; a damaged
@@ -196,13 +213,8 @@ check "download only: closed as downloaded, never installed" bash -c \
   "grep -A1 'deploymentBase/1/feedback' '$log' | grep -q '\"execution\":\"downloaded\"' && test -z \"$(closing)\""
 "$agent" --help > "$work/help" 2>&1
 check "--help: exit 0, every key and status" bash -c "grep -q max-poll-interval-s '$work/help' &&
-  grep -q 'feedback-timeout-s' '$work/help' && grep -q '^  4 ' '$work/help'"
+  grep -q 'feedback-timeout-s' '$work/help' && grep -q '^  3 ' '$work/help'"
 
-second_poll() {
-  for _ in $(seq 150); do
-    [ "$(grep -c 'controller/v1/dev01$' "$log")" -ge 2 ] && return 0; sleep 0.1
-  done; return 1
-}
 # Loop mode: an interval the library reads as 0, a capped one and a refused
 # token each lead to the next poll soon; SIGTERM then ends the agent, 0.
 while IFS='|' read -r what options settings; do
