@@ -5,8 +5,15 @@
 #include <fstream>
 
 #include "agent/command.h"
+#include "agent/serverrequest.h"
 
 namespace {
+
+// The server has no use for the record any more: it answered that the action
+// is closed already (reported before a crash), or that it no longer exists.
+bool closedOnServer(std::string const& failure) {
+  return failure.find("not active") != std::string::npos || ServerRequest::gone(failure);
+}
 
 // This boot's id; "" when it cannot be read.
 std::string bootId(std::string const& path) {
@@ -87,7 +94,7 @@ bool RebootConfirmation::finish(hawkbit_query_t::deployment_t& deployment, bool 
   std::printf("deployment %s: %s, feedback %s\n", deployment.id.c_str(), pending.result.c_str(),
               failure.empty() ? "sent" : failure.c_str());
   reportedAction_ = deployment.id;
-  if (failure.empty() || failure.find("not active") != std::string::npos) clear();
+  if (failure.empty() || closedOnServer(failure)) clear();
   return success;
 }
 
@@ -166,7 +173,7 @@ bool RebootConfirmation::confirm() {
               pending.result.c_str(), failure.empty() ? "sent" : failure.c_str());
   // Kept for the next start unless the server has the result, or answered
   // that the action is closed already (it was reported before a crash).
-  if (failure.empty() || failure.find("not active") != std::string::npos) clear();
+  if (failure.empty() || closedOnServer(failure)) clear();
   return deployment.finished == finished_t::success;
 }
 

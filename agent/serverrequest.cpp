@@ -11,6 +11,9 @@
 
 namespace {
 
+// Part of the reason given for a 404/410, as gone() looks for it.
+char const kGone[] = ", gone from the server";
+
 // The "message" (else "errorCode") of a hawkBit error document, "" when the
 // text is not one. Control characters and escapes are shown as '?'.
 std::string errorMessage(std::string const& body) {
@@ -46,6 +49,10 @@ ServerRequest::ServerRequest(AgentConfig const& config, AgentTransport& transpor
 
 std::string ServerRequest::send(std::function<bool()> const& request) const {
   return submit(request).failure;
+}
+
+bool ServerRequest::gone(std::string const& failure) {
+  return failure.find(kGone) != std::string::npos;
 }
 
 void ServerRequest::pause(long seconds) const {
@@ -85,7 +92,7 @@ ServerRequest::Result ServerRequest::submit(std::function<bool()> const& request
       long const status = answer.status;
       result.gone = status == 404 || status == 410;
       result.failure = "refused by the server (HTTP " + std::to_string(status) +
-                       (result.gone                      ? ", gone from the server"
+                       (result.gone                      ? kGone
                         : status == 401 || status == 403 ? ", credentials refused"
                                                          : "") +
                        ")" + (message.empty() ? "" : ": " + message);

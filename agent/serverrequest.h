@@ -23,6 +23,8 @@ class ServerRequest {
                 std::function<bool()> stopping);
 
   Result submit(std::function<bool()> const& request) const;
+  // True for a failure that says the action no longer exists on the server.
+  static bool gone(std::string const& failure);
   // submit(request).failure.
   std::string send(std::function<bool()> const& request) const;
 

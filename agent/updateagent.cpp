@@ -412,6 +412,5 @@ void UpdateAgent::dropGoneAction(std::string const& actionId) {
     for (std::string const& dir : waitingDirs_) rmdir(dir.c_str());
     waitingAction_.clear();
   }
-  // The install record of the action goes here too, once install results
-  // are recorded per action.
+  reboot_.drop(actionId);
 }

@@ -49,7 +49,6 @@ printf '%s\n' "$counting" "state-dir = $state" >> "$conf"
 run_agent
 check "closing feedback taken later: closed success, record gone, still installed once" \
   eval 'closed_with success && test ! -e "$state/pending" && test "$(grep -c start "$seq")" -eq 1'
-
 # A record that cannot be read stops installs, and polling goes on.
 serve
 printf 'action 1\naction 2\nchunk firmware\nend\n' > "$state/pending"
@@ -60,6 +59,18 @@ check "unreadable record: refuses to install, sends nothing, exit 1" \
   eval 'test $code -eq 1 && grep -q "state record unreadable, refusing to install: $state/pending" "$(alog)" &&
         test "$(grep -c start "$seq")" -eq 1 && ! grep -q "^POST" "$log"'
 rm -f "$state/pending"
+
+# A result the server will never take (410: the action is gone there): the
+# record goes, nothing is installed again.
+serve --fault feedback=503
+printf '%s\n' "$counting" "state-dir = $state" >> "$conf"
+run_agent
+serve --fault feedback=410
+printf '%s\n' "$counting" "state-dir = $state" >> "$conf"
+run_agent
+check "recorded result answered 410: record dropped, installed once more only" \
+  eval 'test ! -e "$state/pending" && test "$(grep -c start "$seq")" -eq 2 &&
+        grep -q "gone from the server" "$(alog)"'
 
 # kill -9 during an install: the restarted agent waits for it to end before
 # anything else, and only then installs (the action was never reported).
