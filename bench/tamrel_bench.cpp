@@ -22,7 +22,7 @@
 #include "plugin/libtamrelcore.h"
 #include "transport/curlmanager.h"
 #ifdef TAMREL_BENCH_WITH_SERVER
-#include "ddiserver/dditestserver.h"
+#include "ddiserver/ddiserver.h"
 #endif
 
 namespace {
@@ -254,9 +254,9 @@ void parseCost(int runs) {
 // 7: whole poll cycles (three GETs each) against the in-process DDI server,
 // next to bare libcurl GETs of the same three documents.
 void pollCycles(int cycles) {
-  tamrel::testing::DdiTestServer server;
+  tamrel::ddiserver::DdiServer server;
   std::string const base = server.baseUrl() + server.controllerPath();
-  server.setControllerBase(tamrel::testing::controllerBaseJson(
+  server.setControllerBase(tamrel::ddiserver::controllerBaseJson(
       server.baseUrl(), server.controllerPath(), "00:05:00", "7", "8", true));
   server.setDeploymentBase(
       "7", R"({"id":"7","deployment":{"chunks":[{"part":"os","name":"n","version":"1",)"

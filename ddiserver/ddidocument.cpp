@@ -5,7 +5,7 @@
 #include <initializer_list>
 #include <memory>
 
-namespace tamrel::testing {
+namespace tamrel::ddiserver {
 namespace {
 
 using Json = std::unique_ptr<cJSON, void (*)(cJSON*)>;
@@ -34,13 +34,27 @@ bool oneOf(std::string const& value, std::initializer_list<char const*> names) {
   return false;
 }
 
+// The entries named in `first` in that order (hawkBit's), then the others.
+std::vector<std::pair<std::string, std::string>> inHawkbitOrder(
+    std::map<std::string, std::string> const& entries, std::initializer_list<char const*> first) {
+  std::vector<std::pair<std::string, std::string>> ordered;
+  for (char const* name : first) {
+    if (auto const it = entries.find(name); it != entries.end()) ordered.emplace_back(*it);
+  }
+  for (auto const& entry : entries) {
+    if (!oneOf(entry.first, first)) ordered.emplace_back(entry);
+  }
+  return ordered;
+}
+
 }  // namespace
 
-std::string deploymentBaseJson(DeploymentDocument const& deployment, ActionHistory const* history) {
+std::string deploymentBaseJson(DeploymentDocument const& deployment, ActionHistory const* history,
+                               char const* key) {
   Json root = object();
   addString(root.get(), "id", deployment.id);
   cJSON* body = cJSON_CreateObject();
-  cJSON_AddItemToObject(root.get(), "deployment", body);
+  cJSON_AddItemToObject(root.get(), key, body);
   addString(body, "download", deployment.download);
   addString(body, "update", deployment.update);
   if (!deployment.maintenanceWindow.empty()) {
@@ -63,12 +77,25 @@ std::string deploymentBaseJson(DeploymentDocument const& deployment, ActionHisto
       addString(entry, "filename", artifact.filename);
       cJSON* hashes = cJSON_CreateObject();
       cJSON_AddItemToObject(entry, "hashes", hashes);
-      for (auto const& [kind, digest] : artifact.hashes) addString(hashes, kind.c_str(), digest);
+      for (auto const& [kind, digest] : inHawkbitOrder(artifact.hashes, {"sha1", "md5", "sha256"}))
+        addString(hashes, kind.c_str(), digest);
       // Exact as a double up to 2^53, which is what JSON readers keep.
       cJSON_AddItemToObject(entry, "size", cJSON_CreateNumber(static_cast<double>(artifact.size)));
       cJSON* links = cJSON_CreateObject();
       cJSON_AddItemToObject(entry, "_links", links);
-      for (auto const& [name, href] : artifact.links) addLink(links, name.c_str(), href);
+      for (auto const& [name, href] :
+           inHawkbitOrder(artifact.links, {"download", "download-http", "md5sum-http", "md5sum"}))
+        addLink(links, name.c_str(), href);
+    }
+    if (!chunk.metadata.empty()) {
+      cJSON* metadata = cJSON_CreateArray();
+      cJSON_AddItemToObject(item, "metadata", metadata);
+      for (auto const& [name, value] : chunk.metadata) {
+        cJSON* entry = cJSON_CreateObject();
+        cJSON_AddItemToArray(metadata, entry);
+        addString(entry, "key", name);
+        addString(entry, "value", value);
+      }
     }
   }
   if (history != nullptr) {
@@ -106,7 +133,7 @@ std::string exceptionInfoJson(std::string const& exceptionClass, std::string con
 std::string controllerBaseJson(std::string const& baseUrl, std::string const& controllerPath,
                                std::string const& sleep, std::string const& deploymentActionId,
                                std::string const& cancelActionId, bool configData,
-                               std::string const& installedActionId) {
+                               std::string const& installedActionId, bool confirmationBase) {
   std::string const base = baseUrl + controllerPath;
   Json root = object();
   cJSON* config = cJSON_CreateObject();
@@ -115,9 +142,10 @@ std::string controllerBaseJson(std::string const& baseUrl, std::string const& co
   cJSON_AddItemToObject(config, "polling", polling);
   addString(polling, "sleep", sleep);
   if (!deploymentActionId.empty() || !cancelActionId.empty() || configData ||
-      !installedActionId.empty()) {
+      !installedActionId.empty() || confirmationBase) {
     cJSON* links = cJSON_CreateObject();
     cJSON_AddItemToObject(root.get(), "_links", links);
+    if (confirmationBase) addLink(links, "confirmationBase", base + "/confirmationBase");
     if (!deploymentActionId.empty()) {
       addLink(links, "deploymentBase",
               base + "/deploymentBase/" + deploymentActionId + "?c=-2122565939");
@@ -127,6 +155,32 @@ std::string controllerBaseJson(std::string const& baseUrl, std::string const& co
     if (!installedActionId.empty())
       addLink(links, "installedBase", base + "/installedBase/" + installedActionId);
     if (configData) addLink(links, "configData", base + "/configData");
+  }
+  return print(root);
+}
+
+std::string confirmationBaseJson(std::string const& baseUrl, std::string const& controllerPath,
+                                 AutoConfirm const& state, std::string const& waitingActionId) {
+  std::string const base = baseUrl + controllerPath + "/confirmationBase";
+  Json root = object();
+  cJSON* autoConfirm = cJSON_CreateObject();
+  cJSON_AddItemToObject(root.get(), "autoConfirm", autoConfirm);
+  cJSON_AddItemToObject(autoConfirm, "active", cJSON_CreateBool(state.active));
+  if (state.active) {
+    if (!state.initiator.empty()) addString(autoConfirm, "initiator", state.initiator);
+    if (!state.remark.empty()) addString(autoConfirm, "remark", state.remark);
+    cJSON_AddItemToObject(autoConfirm, "activatedAt",
+                          cJSON_CreateNumber(static_cast<double>(state.activatedAt)));
+  }
+  cJSON* links = cJSON_CreateObject();
+  cJSON_AddItemToObject(root.get(), "_links", links);
+  if (state.active) {
+    addLink(links, "deactivateAutoConfirm", base + "/deactivateAutoConfirm");
+  } else {
+    addLink(links, "activateAutoConfirm", base + "/activateAutoConfirm");
+  }
+  if (!waitingActionId.empty()) {
+    addLink(links, "confirmationBase", base + "/" + waitingActionId + "?c=-2122565939");
   }
   return print(root);
 }
@@ -210,4 +264,91 @@ ConfigData readConfigData(std::string const& body) {
   return config;
 }
 
-}  // namespace tamrel::testing
+namespace {
+
+// A list of strings, or absent or null; false for anything else.
+bool readDetails(cJSON const* details, std::vector<std::string>& out) {
+  if (details == nullptr || cJSON_IsNull(details)) return true;
+  if (!cJSON_IsArray(details)) return false;
+  cJSON const* line = nullptr;
+  cJSON_ArrayForEach(line, details) {
+    if (!cJSON_IsString(line)) return false;
+    out.push_back(line->valuestring);
+  }
+  return true;
+}
+
+// A string member, or absent or null (left ""); false for anything else.
+bool readOptionalString(cJSON const* root, char const* name, std::string& out) {
+  cJSON const* item = cJSON_GetObjectItemCaseSensitive(root, name);
+  if (item == nullptr || cJSON_IsNull(item)) return true;
+  if (!cJSON_IsString(item)) return false;
+  out = item->valuestring;
+  return true;
+}
+
+}  // namespace
+
+ConfirmationFeedback readConfirmationFeedback(std::string const& body) {
+  ConfirmationFeedback feedback;
+  Json const root(cJSON_Parse(body.c_str()), cJSON_Delete);
+  auto const refuse = [&feedback](std::string reason) {
+    feedback.error = std::move(reason);
+    return feedback;
+  };
+  if (!cJSON_IsObject(root.get())) return refuse("the body is no JSON object");
+  cJSON const* confirmation = cJSON_GetObjectItemCaseSensitive(root.get(), "confirmation");
+  if (!cJSON_IsString(confirmation)) return refuse("\"confirmation\" is missing");
+  std::string const value = confirmation->valuestring;
+  if (!oneOf(value, {"confirmed", "denied"}))
+    return refuse("unknown confirmation \"" + value + "\"");
+  feedback.confirmed = value == "confirmed";
+  cJSON const* code = cJSON_GetObjectItemCaseSensitive(root.get(), "code");
+  if (cJSON_IsNumber(code)) {
+    feedback.hasCode = true;
+    feedback.code = static_cast<long long>(code->valuedouble);
+  } else if (code != nullptr && !cJSON_IsNull(code)) {
+    return refuse("\"code\" is no number");
+  }
+  if (!readDetails(cJSON_GetObjectItemCaseSensitive(root.get(), "details"), feedback.details))
+    return refuse("\"details\" is no list of strings");
+  feedback.valid = true;
+  return feedback;
+}
+
+AutoConfirmRequest readAutoConfirmRequest(std::string const& body) {
+  AutoConfirmRequest request;
+  if (body.find_first_not_of(" \t\r\n") == std::string::npos) {
+    request.valid = true;
+    return request;
+  }
+  Json const root(cJSON_Parse(body.c_str()), cJSON_Delete);
+  if (!cJSON_IsObject(root.get())) {
+    request.error = "the body is no JSON object";
+  } else if (!readOptionalString(root.get(), "initiator", request.initiator) ||
+             !readOptionalString(root.get(), "remark", request.remark)) {
+    request.error = "\"initiator\" and \"remark\" must be strings";
+  } else {
+    request.valid = true;
+  }
+  return request;
+}
+
+AssignedVersion readAssignedVersion(std::string const& body) {
+  AssignedVersion version;
+  Json const root(cJSON_Parse(body.c_str()), cJSON_Delete);
+  cJSON const* name = cJSON_GetObjectItemCaseSensitive(root.get(), "name");
+  cJSON const* number = cJSON_GetObjectItemCaseSensitive(root.get(), "version");
+  if (!cJSON_IsObject(root.get())) {
+    version.error = "the body is no JSON object";
+  } else if (!cJSON_IsString(name) || !cJSON_IsString(number)) {
+    version.error = "\"name\" and \"version\" are required strings";
+  } else {
+    version.name = name->valuestring;
+    version.version = number->valuestring;
+    version.valid = true;
+  }
+  return version;
+}
+
+}  // namespace tamrel::ddiserver

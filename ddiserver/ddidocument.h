@@ -5,9 +5,10 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
-namespace tamrel::testing {
+namespace tamrel::ddiserver {
 
 struct ArtifactDocument {
   std::string filename;
@@ -22,6 +23,7 @@ struct ChunkDocument {
   // An artifact element without members first in the list, which ends the
   // list for a reader that stops at an element it cannot read.
   bool emptyArtifactFirst = false;
+  std::vector<std::pair<std::string, std::string>> metadata = {};  // key, value; when any
 };
 
 struct DeploymentDocument {
@@ -40,21 +42,38 @@ struct ActionHistory {
 };
 
 // A deploymentBase document; with a history also an installedBase document,
-// which has the same shape.
+// which has the same shape. `key` names the member holding the deployment:
+// "confirmation" makes the document of an action waiting for confirmation.
 std::string deploymentBaseJson(DeploymentDocument const& deployment,
-                               ActionHistory const* history = nullptr);
+                               ActionHistory const* history = nullptr,
+                               char const* key = "deployment");
 std::string cancelActionJson(std::string const& id, std::string const& stopId);
 // hawkBit's error document (ExceptionInfo).
 std::string exceptionInfoJson(std::string const& exceptionClass, std::string const& errorCode,
                               std::string const& message);
 
 // A controller base document in hawkBit's shape: the polling sleep
-// ("HH:MM:SS") and _links to deploymentBase (with a "?c=" query as hawkBit
-// sends it), cancelAction, installedBase and configData as asked.
+// ("HH:MM:SS") and _links to confirmationBase while an action waits for
+// confirmation, deploymentBase (with a "?c=" query as hawkBit sends it),
+// cancelAction, installedBase and configData as asked.
 std::string controllerBaseJson(std::string const& baseUrl, std::string const& controllerPath,
                                std::string const& sleep, std::string const& deploymentActionId,
                                std::string const& cancelActionId, bool configData,
-                               std::string const& installedActionId = "");
+                               std::string const& installedActionId = "",
+                               bool confirmationBase = false);
+
+// The device's auto-confirm state as the server keeps it.
+struct AutoConfirm {
+  bool active = false;
+  std::string initiator, remark;  // "" when not given
+  long long activatedAt = 0;      // ms since the epoch
+};
+
+// The confirmationBase document: the auto-confirm state, the link that
+// switches it, and the link to the action waiting for confirmation ("" for
+// none).
+std::string confirmationBaseJson(std::string const& baseUrl, std::string const& controllerPath,
+                                 AutoConfirm const& state, std::string const& waitingActionId);
 
 // What a feedback body says. `valid` is false, with the reason in `error`,
 // for a body hawkBit refuses: no JSON object, no status, execution or
@@ -78,4 +97,34 @@ struct ConfigData {
 };
 ConfigData readConfigData(std::string const& body);
 
-}  // namespace tamrel::testing
+// A confirmation feedback: "confirmation" is "confirmed" or "denied";
+// "code" a number and "details" a list of strings when given.
+struct ConfirmationFeedback {
+  bool valid = false;
+  std::string error;
+  bool confirmed = false;
+  bool hasCode = false;
+  long long code = 0;
+  std::vector<std::string> details;
+};
+ConfirmationFeedback readConfirmationFeedback(std::string const& body);
+
+// An activateAutoConfirm body: "initiator" and "remark", both optional
+// strings; an empty body is an empty request.
+struct AutoConfirmRequest {
+  bool valid = false;
+  std::string error;
+  std::string initiator, remark;
+};
+AutoConfirmRequest readAutoConfirmRequest(std::string const& body);
+
+// An installedBase body: the "name" and "version" of a distribution set,
+// both required strings.
+struct AssignedVersion {
+  bool valid = false;
+  std::string error;
+  std::string name, version;
+};
+AssignedVersion readAssignedVersion(std::string const& body);
+
+}  // namespace tamrel::ddiserver

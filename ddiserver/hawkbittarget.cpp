@@ -1,20 +1,22 @@
 #include "ddiserver/hawkbittarget.h"
 
+#include <chrono>
 #include <cstdlib>
 #include <utility>
 
-namespace tamrel::testing {
+namespace tamrel::ddiserver {
 namespace {
 
 // hawkBit's error answers: status, error code and message in its
 // ExceptionInfo document.
-bool refuse(DdiTestServer::Answer& answer, int status, std::string const& errorCode,
+bool refuse(DdiServer::Answer& answer, int status, std::string const& errorCode,
             std::string const& message) {
   static std::map<int, char const*> const kClasses = {
       {400, "org.springframework.http.converter.HttpMessageNotReadableException"},
       {403, "org.eclipse.hawkbit.repository.exception.AssignmentQuotaExceededException"},
       {404, "org.eclipse.hawkbit.repository.exception.EntityNotFoundException"},
-      {405, "org.springframework.web.HttpRequestMethodNotSupportedException"}};
+      {405, "org.springframework.web.HttpRequestMethodNotSupportedException"},
+      {409, "org.eclipse.hawkbit.repository.exception.AutoConfirmationAlreadyActiveException"}};
   answer.status = status;
   answer.contentType = "application/json";
   answer.body = exceptionInfoJson(kClasses.at(status), errorCode, message);
@@ -22,17 +24,17 @@ bool refuse(DdiTestServer::Answer& answer, int status, std::string const& errorC
 }
 
 // hawkBit's refusals that are no exception come without a body.
-bool bare(DdiTestServer::Answer& answer, int status) {
+bool bare(DdiServer::Answer& answer, int status) {
   answer.status = status;
   answer.body.clear();
   return true;
 }
 
-bool notFound(DdiTestServer::Answer& answer, std::string const& what) {
+bool notFound(DdiServer::Answer& answer, std::string const& what) {
   return refuse(answer, 404, "hawkbit.server.error.repo.entitiyNotFound", what + " not found");
 }
 
-bool notReadable(DdiTestServer::Answer& answer, std::string const& reason) {
+bool notReadable(DdiServer::Answer& answer, std::string const& reason) {
   return refuse(answer, 400, "hawkbit.server.error.rest.body.notReadable",
                 "The given request body is not well formed: " + reason);
 }
@@ -62,6 +64,17 @@ void HawkbitTarget::assign(DeploymentDocument deployment) {
   action = Action{};
   action.messages.push_back("Assignment initiated by user 'tamrel-ddi-server'");
   running_ = deployment.id;
+  if (options_.confirmRequired && autoConfirm_.active) {
+    action.messages.insert(
+        action.messages.begin(),
+        "Assignment automatically confirmed by initiator '" + autoConfirm_.initiator + "'");
+  } else if (options_.confirmRequired) {
+    action.waiting = true;
+    action.status = "WAIT_FOR_CONFIRMATION";
+    action.messages.insert(
+        action.messages.begin(),
+        "Waiting for the confirmation by the device before processing with the deployment");
+  }
   action.deployment = std::move(deployment);
 }
 
@@ -74,7 +87,7 @@ void HawkbitTarget::requestCancel(std::string const& cancelId) {
   action.status = "CANCELING";
 }
 
-bool HawkbitTarget::answer(RecordedRequest const& request, DdiTestServer::Answer& answer) {
+bool HawkbitTarget::answer(RecordedRequest const& request, DdiServer::Answer& answer) {
   std::string const& path = request.path;
   // hawkBit's firewall refuses such a URL whatever it names.
   if (path.find("//") != std::string::npos) {
@@ -113,11 +126,15 @@ bool HawkbitTarget::answer(RecordedRequest const& request, DdiTestServer::Answer
       answer.contentType = "application/json";
     }
   }
+  if (!parts.empty() && parts[0] == "confirmationBase") return confirmation(request, parts, answer);
+  if (parts.size() == 1 && parts[0] == "installedBase" && put)
+    return installedBase(request.body, answer);
   if (parts.empty() && get) return poll(answer);
   if (parts.size() == 1 && parts[0] == "configData" && put) return configData(request.body, answer);
   if (known && parts.size() == 2 && get) return document(parts[0], parts[1], request.query, answer);
   if (isFeedback && post) return feedback(parts[0], parts[1], request.body, answer);
-  if (parts.empty() || (parts.size() == 1 && parts[0] == "configData") ||
+  if (parts.empty() ||
+      (parts.size() == 1 && (parts[0] == "configData" || parts[0] == "installedBase")) ||
       (known && parts.size() == 2) || isFeedback) {
     return refuse(answer, 405, "hawkbit.server.error.rest.method.notSupported",
                   "Request method '" + request.method + "' is not supported");
@@ -125,9 +142,10 @@ bool HawkbitTarget::answer(RecordedRequest const& request, DdiTestServer::Answer
   return notFound(answer, "Resource " + rest);
 }
 
-bool HawkbitTarget::poll(DdiTestServer::Answer& answer) {
+bool HawkbitTarget::poll(DdiServer::Answer& answer) {
   ++polls_;
   std::string deploymentId, cancelId;
+  bool waiting = false;
   if (!running_.empty()) {
     Action& action = actions_[running_];
     if (options_.cancelAfterPolls > 0 && polls_ > options_.cancelAfterPolls &&
@@ -138,20 +156,22 @@ bool HawkbitTarget::poll(DdiTestServer::Answer& answer) {
       event("action " + running_ + ": cancel requested");
     }
     // While a cancel request is open, hawkBit links only to it.
-    if (action.cancelId.empty()) {
-      deploymentId = running_;
-    } else {
+    if (!action.cancelId.empty()) {
       cancelId = action.cancelId;
+    } else if (action.waiting) {
+      waiting = true;
+    } else {
+      deploymentId = running_;
     }
   }
-  answer.body =
-      controllerBaseJson(options_.baseUrl, options_.controllerPath, options_.sleep, deploymentId,
-                         cancelId, attributesWanted_ || options_.askConfigData, installed_);
+  answer.body = controllerBaseJson(
+      options_.baseUrl, options_.controllerPath, options_.sleep, deploymentId, cancelId,
+      attributesWanted_ || options_.askConfigData, installed_, waiting);
   return true;
 }
 
 bool HawkbitTarget::document(std::string const& kind, std::string const& id,
-                             std::string const& query, DdiTestServer::Answer& answer) {
+                             std::string const& query, DdiServer::Answer& answer) {
   if (kind == "cancelAction") {
     for (auto const& [actionId, action] : actions_) {
       if (!action.cancelId.empty() && action.cancelId == id) {
@@ -166,7 +186,8 @@ bool HawkbitTarget::document(std::string const& kind, std::string const& id,
   auto const it = actions_.find(id);
   if (it == actions_.end()) return notFound(answer, "Action " + id);
   if (kind == "installedBase" && it->second.active) return bare(answer, 404);
-  if (kind == "deploymentBase" && !it->second.cancelId.empty()) return bare(answer, 404);
+  if (kind == "deploymentBase" && (!it->second.cancelId.empty() || it->second.waiting))
+    return bare(answer, 404);
   Action& action = it->second;
   if (kind == "deploymentBase" && ++deploymentRequests_ == options_.windowOpensAt &&
       !action.deployment.maintenanceWindow.empty()) {
@@ -184,7 +205,7 @@ bool HawkbitTarget::document(std::string const& kind, std::string const& id,
 }
 
 bool HawkbitTarget::feedback(std::string const& kind, std::string const& id,
-                             std::string const& body, DdiTestServer::Answer& answer) {
+                             std::string const& body, DdiServer::Answer& answer) {
   Feedback const sent = readFeedback(body);
   if (!sent.valid) return notReadable(answer, sent.error);
   Action* action = nullptr;
@@ -237,11 +258,146 @@ bool HawkbitTarget::feedback(std::string const& kind, std::string const& id,
   return true;
 }
 
-bool HawkbitTarget::configData(std::string const& body, DdiTestServer::Answer& answer) {
+bool HawkbitTarget::configData(std::string const& body, DdiServer::Answer& answer) {
   ConfigData const config = readConfigData(body);
   if (!config.valid) return notReadable(answer, config.error);
   for (auto const& [key, value] : config.data) attributes_[key] = value;
   attributesWanted_ = false;
+  return true;
+}
+
+bool HawkbitTarget::confirmation(RecordedRequest const& request,
+                                 std::vector<std::string> const& parts, DdiServer::Answer& answer) {
+  bool const get = request.method == "GET" || request.method == "HEAD";
+  bool const post = request.method == "POST";
+  if (parts.size() == 1 && get) {
+    std::string waiting;
+    if (!running_.empty() && actions_[running_].waiting) waiting = running_;
+    answer.body =
+        confirmationBaseJson(options_.baseUrl, options_.controllerPath, autoConfirm_, waiting);
+    return true;
+  }
+  bool const switching = parts.size() == 2 &&
+                         (parts[1] == "activateAutoConfirm" || parts[1] == "deactivateAutoConfirm");
+  if (switching && post) return switchAutoConfirm(parts[1][0] == 'a', request.body, answer);
+  if (parts.size() == 2 && !switching && get) {
+    auto const it = actions_.find(parts[1]);
+    if (it == actions_.end()) return notFound(answer, "Action " + parts[1]);
+    if (!it->second.waiting) return bare(answer, 404);
+    std::string const count = queryValue(request.query, "actionHistory");
+    long const wanted = count.empty() ? 0 : std::strtol(count.c_str(), nullptr, 10);
+    ActionHistory history{it->second.status, it->second.messages};
+    if (wanted > 0 && history.messages.size() > static_cast<std::size_t>(wanted))
+      history.messages.resize(static_cast<std::size_t>(wanted));
+    answer.body =
+        deploymentBaseJson(it->second.deployment, wanted != 0 ? &history : nullptr, "confirmation");
+    return true;
+  }
+  bool const isFeedback = parts.size() == 3 && parts[2] == "feedback" && !switching;
+  if (isFeedback && post) return confirmationFeedback(parts[1], request.body, answer);
+  if (parts.size() == 1 || parts.size() == 2 || isFeedback) {
+    return refuse(answer, 405, "hawkbit.server.error.rest.method.notSupported",
+                  "Request method '" + request.method + "' is not supported");
+  }
+  return notFound(answer, "Resource confirmationBase");
+}
+
+bool HawkbitTarget::confirmationFeedback(std::string const& id, std::string const& body,
+                                         DdiServer::Answer& answer) {
+  ConfirmationFeedback const sent = readConfirmationFeedback(body);
+  if (!sent.valid) return notReadable(answer, sent.error);
+  auto const it = actions_.find(id);
+  if (it == actions_.end()) return notFound(answer, "Action " + id);
+  Action& action = it->second;
+  if (!action.active) return bare(answer, 410);
+  if (++action.feedbacks > kMaxStatusEntries || sent.details.size() > kMaxMessagesPerStatus) {
+    return refuse(answer, 403, "hawkbit.server.error.quota.tooManyEntries",
+                  "Quota exceeded: too many status entries or messages for action " + id);
+  }
+  std::string said;
+  for (std::string const& line : sent.details) said += (said.empty() ? "" : "; ") + line;
+  std::string const code = sent.hasCode ? " (code " + std::to_string(sent.code) + ")" : "";
+  std::string const verdict = sent.confirmed ? "confirmed" : "denied";
+  // Only a waiting action changes; a repeated confirmation is recorded only.
+  action.messages.insert(action.messages.begin(),
+                         "Device " + verdict + code + (said.empty() ? "" : ": " + said));
+  if (!action.waiting) return true;
+  if (sent.confirmed) {
+    confirm(id, action, "");
+  } else {
+    // A denied action keeps waiting and is offered again.
+    event("action " + id + " denied" + code + (said.empty() ? "" : ": " + said));
+    return true;
+  }
+  event("action " + id + " confirmed" + code + (said.empty() ? "" : ": " + said));
+  return true;
+}
+
+void HawkbitTarget::confirm(std::string const& id, Action& action, std::string const& message) {
+  action.waiting = false;
+  action.status = "RUNNING";
+  if (!message.empty()) {
+    action.messages.insert(action.messages.begin(), message);
+    event("action " + id + " confirmed: " + message);
+  }
+}
+
+bool HawkbitTarget::switchAutoConfirm(bool on, std::string const& body, DdiServer::Answer& answer) {
+  if (!on) {
+    if (autoConfirm_.active) event("auto-confirm deactivated");
+    autoConfirm_ = AutoConfirm{};
+    return true;
+  }
+  AutoConfirmRequest const request = readAutoConfirmRequest(body);
+  if (!request.valid) return notReadable(answer, request.error);
+  if (autoConfirm_.active) {
+    return refuse(answer, 409, "hawkbit.server.error.repo.autoConfirmationAlreadyActive",
+                  "Auto confirmation is already active");
+  }
+  autoConfirm_.active = true;
+  autoConfirm_.initiator = request.initiator;
+  autoConfirm_.remark = request.remark;
+  autoConfirm_.activatedAt = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                 std::chrono::system_clock::now().time_since_epoch())
+                                 .count();
+  event("auto-confirm activated: initiator '" + request.initiator + "', remark '" + request.remark +
+        "'");
+  // Actions already waiting are confirmed at once.
+  for (auto& [id, action] : actions_) {
+    if (action.waiting) {
+      confirm(id, action,
+              "Assignment automatically confirmed by initiator '" + request.initiator + "'");
+    }
+  }
+  return true;
+}
+
+bool HawkbitTarget::installedBase(std::string const& body, DdiServer::Answer& answer) {
+  AssignedVersion const sent = readAssignedVersion(body);
+  if (!sent.valid) return notReadable(answer, sent.error);
+  long long next = 1;
+  DeploymentDocument const* served = nullptr;
+  for (auto const& [id, action] : actions_) {
+    next = std::max(next, std::strtoll(id.c_str(), nullptr, 10) + 1);
+    auto const& chunks = action.deployment.chunks;
+    if (!chunks.empty() && chunks.front().name == sent.name &&
+        chunks.front().version == sent.version)
+      served = &action.deployment;
+  }
+  if (served == nullptr) {
+    return notFound(answer, "Distribution set " + sent.name + ":" + sent.version);
+  }
+  // hawkBit records the version as an action already finished.
+  std::string const id = std::to_string(next);
+  DeploymentDocument deployment = *served;
+  Action& action = actions_[id];
+  action.deployment = std::move(deployment);
+  action.deployment.id = id;
+  action.active = false;
+  action.status = "FINISHED";
+  action.messages = {"Installed offline: " + sent.name + " " + sent.version};
+  installed_ = id;
+  event("installed base: " + sent.name + " " + sent.version + " (action " + id + ")");
   return true;
 }
 
@@ -256,4 +412,4 @@ void HawkbitTarget::event(std::string const& line) const {
   if (options_.onEvent) options_.onEvent(line);
 }
 
-}  // namespace tamrel::testing
+}  // namespace tamrel::ddiserver

@@ -1,7 +1,7 @@
 // One device as a hawkBit server sees it: its running action, cancel
 // requests, the attributes it is asked for, its installed base and the
 // messages of every action. Answers the DDI controller paths the way a
-// current hawkBit server does, for any client; DdiTestServer serves the
+// current hawkBit server does, for any client; DdiServer serves the
 // artifacts and applies faults.
 #pragma once
 
@@ -12,9 +12,9 @@
 #include <vector>
 
 #include "ddiserver/ddidocument.h"
-#include "ddiserver/dditestserver.h"
+#include "ddiserver/ddiserver.h"
 
-namespace tamrel::testing {
+namespace tamrel::ddiserver {
 
 class HawkbitTarget {
  public:
@@ -32,20 +32,25 @@ class HawkbitTarget {
     // The maintenance window becomes "available" (and the update "forced")
     // from this deploymentBase request on (0: never).
     int windowOpensAt = 0;
+    // New actions wait for the device's confirmation (unless auto-confirm
+    // is on): the poll links confirmationBase instead of deploymentBase.
+    bool confirmRequired = false;
     // Lines such as "action 1 closed: success", as they happen.
     std::function<void(std::string const&)> onEvent;
   };
 
   explicit HawkbitTarget(Options options);
 
-  // Makes `deployment` the running action (its id is the action id).
+  // Makes `deployment` the running action (its id is the action id). Its
+  // distribution set is named after its first chunk: that chunk's name and
+  // version are what PUT installedBase accepts.
   void assign(DeploymentDocument deployment);
   // Offers a cancel request with this id for the running action.
   void requestCancel(std::string const& cancelId);
 
   // Answers a request under the controller path; false for other paths.
-  // Thread-safe: DdiTestServer calls it from its worker threads.
-  bool answer(RecordedRequest const& request, DdiTestServer::Answer& answer);
+  // Thread-safe: DdiServer calls it from its worker threads.
+  bool answer(RecordedRequest const& request, DdiServer::Answer& answer);
 
  private:
   struct Action {
@@ -56,14 +61,22 @@ class HawkbitTarget {
     bool cancelOffered = false;
     std::vector<std::string> messages;  // newest first
     int feedbacks = 0;
+    bool waiting = false;  // for the device's confirmation
   };
 
-  bool poll(DdiTestServer::Answer& answer);
+  bool poll(DdiServer::Answer& answer);
   bool document(std::string const& kind, std::string const& id, std::string const& query,
-                DdiTestServer::Answer& answer);
+                DdiServer::Answer& answer);
   bool feedback(std::string const& kind, std::string const& id, std::string const& body,
-                DdiTestServer::Answer& answer);
-  bool configData(std::string const& body, DdiTestServer::Answer& answer);
+                DdiServer::Answer& answer);
+  bool configData(std::string const& body, DdiServer::Answer& answer);
+  bool confirmation(RecordedRequest const& request, std::vector<std::string> const& parts,
+                    DdiServer::Answer& answer);
+  bool confirmationFeedback(std::string const& id, std::string const& body,
+                            DdiServer::Answer& answer);
+  bool switchAutoConfirm(bool on, std::string const& body, DdiServer::Answer& answer);
+  void confirm(std::string const& id, Action& action, std::string const& message);
+  bool installedBase(std::string const& body, DdiServer::Answer& answer);
   void record(Action& action, Feedback const& feedback);
   void event(std::string const& line) const;
 
@@ -75,6 +88,7 @@ class HawkbitTarget {
   bool attributesWanted_ = true;
   std::map<std::string, std::string> attributes_;
   int polls_ = 0, deploymentRequests_ = 0;
+  AutoConfirm autoConfirm_;
 };
 
-}  // namespace tamrel::testing
+}  // namespace tamrel::ddiserver

@@ -23,13 +23,13 @@
 #include <vector>
 
 #include "ddiserver/ddidocument.h"
-#include "ddiserver/dditestserver.h"
+#include "ddiserver/ddiserver.h"
 #include "ddiserver/hawkbittarget.h"
 #include "digest/digest.h"
 
 namespace {
 
-namespace testing = tamrel::testing;
+namespace ddiserver = tamrel::ddiserver;
 
 char const kUsage[] =
     "usage: tamrel-ddi-server [--help] [--port N] [--token T] [--artifacts DIR] [--sleep "
@@ -79,11 +79,11 @@ struct Settings {
   bool tlsLinks = false, bothLinks = false, upperDigests = false, emptyArtifact = false,
        askConfigData = false;
   std::map<std::string, std::string> names;  // file -> name offered to the device
-  testing::Fault always, once;               // faults on every / the first GET of an artifact
+  ddiserver::Fault always, once;             // faults on every / the first GET of an artifact
   std::string onceFile;                      // the artifact `once` is for; "" for each
   bool https = false;
   std::string caOut, tlsCert, tlsKey;
-  testing::Fault poll, deployment, config, feedback;  // --fault poll=, deployment=, ...
+  ddiserver::Fault poll, deployment, config, feedback;  // --fault poll=, deployment=, ...
 };
 
 // Hostile documents of 14 MiB, just under the agent's default bound of
@@ -118,7 +118,7 @@ bool parseFault(std::string const& value, Settings& settings) {
   std::size_t const equals = value.find('=');
   if (equals == std::string::npos) return false;
   std::string const where = value.substr(0, equals), what = value.substr(equals + 1);
-  testing::Fault fault;
+  ddiserver::Fault fault;
   if (what == "stall") {
     fault.answerDelayMs = 3600 * 1000;
   } else if (what == "trickle") {
@@ -242,7 +242,7 @@ bool parse(int argc, char** argv, Settings& settings) {
   return !(!settings.caOut.empty() && (!settings.https || !settings.tlsCert.empty()));
 }
 
-bool isFault(testing::Fault const& fault) {
+bool isFault(ddiserver::Fault const& fault) {
   return fault.status != 0 || fault.dropAfterBytes >= 0 || fault.ignoreRange ||
          fault.chunkBytes > 0 || fault.answerDelayMs > 0 || fault.trailingBytes != 0 ||
          fault.body != nullptr;
@@ -293,7 +293,7 @@ int main(int argc, char** argv) {
   // the server always finds the deployment.
   struct File {
     std::string name, path;
-    testing::ArtifactDocument artifact;
+    ddiserver::ArtifactDocument artifact;
   };
   std::vector<File> files;
   if (!settings.artifactDir.empty()) {
@@ -310,7 +310,7 @@ int main(int argc, char** argv) {
       std::string const path = settings.artifactDir + "/" + file;
       struct stat info {};
       if (stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) continue;
-      testing::ArtifactDocument artifact;
+      ddiserver::ArtifactDocument artifact;
       artifact.filename = settings.names.count(file) ? settings.names[file] : file;
       artifact.size = static_cast<std::uint64_t>(info.st_size);
       if (!digests(path, artifact.hashes)) {
@@ -331,15 +331,15 @@ int main(int argc, char** argv) {
   // it right after; one lock keeps their lines together.
   std::mutex output;
   // Declared before the server, so that it outlives the server's threads.
-  std::unique_ptr<testing::HawkbitTarget> target;
-  testing::DdiTestServer::Options options;
+  std::unique_ptr<ddiserver::HawkbitTarget> target;
+  ddiserver::DdiServer::Options options;
   options.port = settings.port;
   options.https = settings.https;
   options.certFile = settings.tlsCert;
   options.keyFile = settings.tlsKey;
   // Connections wait in the backlog until everything is set up.
   options.deferStart = true;
-  options.onRequest = [&](testing::RecordedRequest const& request) {
+  options.onRequest = [&](ddiserver::RecordedRequest const& request) {
     std::lock_guard<std::mutex> guard(output);
     std::string const range = request.header("Range");
     std::printf("%s %s%s%s%s\n", request.method.c_str(), request.path.c_str(),
@@ -348,14 +348,14 @@ int main(int argc, char** argv) {
     if (!request.body.empty()) std::printf("    %s\n", request.body.c_str());
     std::fflush(stdout);
   };
-  std::unique_ptr<testing::DdiTestServer> made;
+  std::unique_ptr<ddiserver::DdiServer> made;
   try {
-    made = std::make_unique<testing::DdiTestServer>(options);
+    made = std::make_unique<ddiserver::DdiServer>(options);
   } catch (std::exception const& error) {
     std::fprintf(stderr, "tamrel-ddi-server: %s\n", error.what());
     return 1;
   }
-  testing::DdiTestServer& server = *made;
+  ddiserver::DdiServer& server = *made;
   if (!settings.caOut.empty()) {
     std::ifstream in(server.caFile(), std::ios::binary);
     std::ofstream out(settings.caOut, std::ios::binary);
@@ -367,7 +367,7 @@ int main(int argc, char** argv) {
   if (!settings.token.empty()) server.setRequireToken(settings.token);
   std::string const base = server.baseUrl();
 
-  testing::HawkbitTarget::Options targetOptions;
+  ddiserver::HawkbitTarget::Options targetOptions;
   targetOptions.baseUrl = base;
   targetOptions.controllerPath = server.controllerPath();
   targetOptions.sleep = settings.sleep;
@@ -379,13 +379,13 @@ int main(int argc, char** argv) {
     std::printf("%s\n", line.c_str());
     std::fflush(stdout);
   };
-  target = std::make_unique<testing::HawkbitTarget>(targetOptions);
+  target = std::make_unique<ddiserver::HawkbitTarget>(targetOptions);
   server.setHandler(
-      [&target](testing::RecordedRequest const& request, testing::DdiTestServer::Answer& answer) {
+      [&target](ddiserver::RecordedRequest const& request, ddiserver::DdiServer::Answer& answer) {
         return target->answer(request, answer);
       });
 
-  testing::DeploymentDocument deployment;
+  ddiserver::DeploymentDocument deployment;
   deployment.id = settings.action;
   deployment.download = settings.download;
   deployment.update = settings.update;
@@ -394,7 +394,7 @@ int main(int argc, char** argv) {
   for (File const& each : files) {
     std::string const& file = each.name;
     std::string const& path = each.path;
-    testing::ArtifactDocument artifact = each.artifact;
+    ddiserver::ArtifactDocument artifact = each.artifact;
     std::string const urlPath = "/artifacts/" + file;
     std::string url;
     if (file == settings.corrupt && artifact.size > 0) {
@@ -408,7 +408,7 @@ int main(int argc, char** argv) {
     }
     // The first GET meets the one-shot fault on top of the lasting one.
     if (isFault(settings.once) && (settings.onceFile.empty() || settings.onceFile == file)) {
-      testing::Fault first = settings.always;
+      ddiserver::Fault first = settings.always;
       first.times = 1;
       first.dropAfterBytes = settings.once.dropAfterBytes;
       if (settings.once.status != 0) first.status = settings.once.status;

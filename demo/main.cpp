@@ -13,12 +13,12 @@
 #include "agent/signalthread.h"
 #include "agent/updateagent.h"
 #include "ddiserver/ddidocument.h"
-#include "ddiserver/dditestserver.h"
+#include "ddiserver/ddiserver.h"
 #include "digest/digest.h"
 
 namespace {
 
-namespace testing = tamrel::testing;
+namespace ddiserver = tamrel::ddiserver;
 
 char const kUsage[] = "usage: tamrel-demo\n";
 
@@ -29,7 +29,7 @@ void removeTree(char const* dir) {
 }
 
 // Two chunks, three artifacts of a few MiB, one of them with MD5 only.
-testing::DeploymentDocument offer(testing::DdiTestServer& server) {
+ddiserver::DeploymentDocument offer(ddiserver::DdiServer& server) {
   struct Item {
     char const *chunk, *name;
     std::size_t size;
@@ -38,7 +38,7 @@ testing::DeploymentDocument offer(testing::DdiTestServer& server) {
                      {"rootfs", "rootfs.sig", 1u << 20, true},
                      {"app", "app.tar", 3u << 20, false}};
   std::mt19937 random(42);
-  testing::DeploymentDocument deployment;
+  ddiserver::DeploymentDocument deployment;
   deployment.id = "1";
   for (std::string const chunk : {"rootfs", "app"}) {
     deployment.chunks.push_back({"os", "2.0", chunk, {}, false});
@@ -47,7 +47,7 @@ testing::DeploymentDocument offer(testing::DdiTestServer& server) {
       std::string content(item.size, '\0');
       for (char& c : content) c = static_cast<char>(random());
       std::string const path = std::string("/artifacts/") + item.name;
-      testing::ArtifactDocument artifact;
+      ddiserver::ArtifactDocument artifact;
       artifact.filename = item.name;
       artifact.size = item.size;
       using tamrel::Digest;
@@ -57,7 +57,7 @@ testing::DeploymentDocument offer(testing::DdiTestServer& server) {
       }
       artifact.links["download-http"] = server.addArtifact(path, content);
       // Paced (about 8 MiB/s) so that the progress bars can be watched.
-      testing::Fault paced;
+      ddiserver::Fault paced;
       paced.chunkBytes = 128 << 10;
       paced.delayMs = 15;
       server.setFault(path, paced);
@@ -69,7 +69,7 @@ testing::DeploymentDocument offer(testing::DdiTestServer& server) {
 
 // Prints what the server received; true when deployment 1 and cancel
 // request 2 were both closed with success.
-bool report(testing::DdiTestServer const& server) {
+bool report(ddiserver::DdiServer const& server) {
   std::string const controller = server.controllerPath();
   std::printf("  (~ is %s)\n", controller.c_str());
   int feedbacks = 0;
@@ -80,7 +80,7 @@ bool report(testing::DdiTestServer const& server) {
       path = "~" + path.substr(controller.size());
     std::string note, details;
     if (request.path.find("/feedback") != std::string::npos) {
-      testing::Feedback const feedback = testing::readFeedback(request.body);
+      ddiserver::Feedback const feedback = ddiserver::readFeedback(request.body);
       std::string const status = feedback.execution + "/" + feedback.finished;
       note = "feedback: " + status;
       ++feedbacks;
@@ -89,7 +89,7 @@ bool report(testing::DdiTestServer const& server) {
       if (request.path.find("/cancelAction/2/") != std::string::npos) cancelled = closed;
       for (auto const& line : feedback.details) details += (details.empty() ? "" : " | ") + line;
     } else if (request.method == "PUT") {
-      for (auto const& [key, value] : testing::readConfigData(request.body).data) {
+      for (auto const& [key, value] : ddiserver::readConfigData(request.body).data) {
         note += (note.empty() ? "attributes " : ", ") + key + "=" + value;
       }
     }
@@ -116,12 +116,12 @@ int main(int argc, char** argv) {
   }
   Console console;
 
-  testing::DdiTestServer server;
+  ddiserver::DdiServer server;
   server.setRequireToken("demo-token");
   std::string const base = server.baseUrl();
-  server.setDeploymentBase("1", testing::deploymentBaseJson(offer(server)));
+  server.setDeploymentBase("1", ddiserver::deploymentBaseJson(offer(server)));
   server.setControllerBase(
-      testing::controllerBaseJson(base, server.controllerPath(), "00:00:30", "1", "", true));
+      ddiserver::controllerBaseJson(base, server.controllerPath(), "00:00:30", "1", "", true));
 
   char dir[] = "/tmp/tamrel-demo-XXXXXX";
   if (mkdtemp(dir) == nullptr) return 1;
@@ -147,9 +147,9 @@ int main(int argc, char** argv) {
     }
     if (connected && !agent.stopping()) {
       std::printf("\n== second poll: a cancel request\n");
-      server.setCancelAction("2", testing::cancelActionJson("2", "1"));
+      server.setCancelAction("2", ddiserver::cancelActionJson("2", "1"));
       server.setControllerBase(
-          testing::controllerBaseJson(base, server.controllerPath(), "00:00:30", "", "2", false));
+          ddiserver::controllerBaseJson(base, server.controllerPath(), "00:00:30", "", "2", false));
       agent.cycle();
       std::printf("\n== what the server received\n");
       ok = report(server);

@@ -11,17 +11,18 @@
 #include <vector>
 
 #include "ddi/artifact_path.h"
+#include "ddiserver/ddiserver.h"
 #include "io/md5sum.h"
 #include "io/sha1sum.h"
 #include "plugin/libtamrelcore.h"
 #include "tests/support/capture_stderr.h"
 #include "tests/support/temp_dir.h"
-#include "ddiserver/dditestserver.h"
 #include "transport/curlmanager.h"
 
 namespace {
 
 using namespace tamrel::testing;
+using namespace tamrel::ddiserver;
 using artifact_t = hawkbit_query_t::deployment_t::chunk_t::artifact_t;
 
 std::string patterned(std::size_t n) {
@@ -75,7 +76,7 @@ class Artifacts : public ::testing::Test {
   std::string path() const { return get_full_artifact_file_path(artifact); }
   std::string lastRange() const { return server.requests().back().header("Range"); }
 
-  DdiTestServer server;
+  DdiServer server;
   CurlManager transport;
   libtamrelcore client{&transport};
   TempDir dir;

@@ -7,16 +7,17 @@
 #include <string>
 #include <vector>
 
+#include "ddiserver/ddidocument.h"
+#include "ddiserver/ddiserver.h"
 #include "plugin/libtamrelcore.h"
 #include "tests/support/capture_stderr.h"
 #include "tests/support/settings.h"
-#include "ddiserver/ddidocument.h"
-#include "ddiserver/dditestserver.h"
 #include "transport/curlmanager.h"
 
 namespace {
 
 using namespace tamrel::testing;
+using namespace tamrel::ddiserver;
 
 // A request as "METHOD path" followed by its body, the feedback time (checked
 // for its format) replaced by "T".
@@ -76,7 +77,7 @@ class Conversation : public ::testing::Test {
     return deployment;
   }
 
-  DdiTestServer server;
+  DdiServer server;
   CurlManager transport;
   OwnReadingClient client{&transport};
   std::shared_ptr<lookup> table = serverSettings(server.baseUrl());

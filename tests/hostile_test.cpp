@@ -16,18 +16,19 @@
 #include <thread>
 
 #include "ddi/artifact_path.h"
+#include "ddiserver/ddiserver.h"
 #include "plugin/libtamrelcore.h"
 #include "tests/support/capture_stderr.h"
+#include "tests/support/rawcaptureserver.h"
 #include "tests/support/settings.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/valgrind.h"
-#include "ddiserver/dditestserver.h"
-#include "tests/support/rawcaptureserver.h"
 #include "transport/curlmanager.h"
 
 namespace {
 
 using namespace tamrel::testing;
+using namespace tamrel::ddiserver;
 using artifact_t = hawkbit_query_t::deployment_t::chunk_t::artifact_t;
 
 // Cancels the client's transfers from another thread from `afterMs` on until
@@ -58,7 +59,7 @@ class Hostile : public ::testing::Test {
     return a;
   }
 
-  DdiTestServer server;
+  DdiServer server;
   CurlManager transport;
   libtamrelcore client{&transport};
   TempDir dir;
@@ -100,9 +101,9 @@ TEST_F(Hostile, HangingServersAreBoundedByTheHost) {
 }
 
 TEST_F(Hostile, UntrustedCertificateIsRefusedBeforeAnyRequest) {
-  DdiTestServer::Options options;
+  DdiServer::Options options;
   options.https = true;
-  DdiTestServer secure(options);
+  DdiServer secure(options);
   secure.setControllerBase(R"({"config":{"polling":{"sleep":"00:05:00"}}})");
   auto const bound = serverSettings(secure.baseUrl());
   client.connectProperties(bound);
@@ -125,7 +126,7 @@ TEST_F(Hostile, UntrustedCertificateIsRefusedBeforeAnyRequest) {
 int talkWithATrustedCertificate(std::string const& dir) {
   int const log = open((dir + "/child.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
   dup2(log, 2);
-  DdiTestServer::Options options;
+  DdiServer::Options options;
   options.https = true;
   options.certFile = dir + "/cert.pem";
   options.keyFile = dir + "/cert.key";
@@ -134,7 +135,7 @@ int talkWithATrustedCertificate(std::string const& dir) {
       mount(options.certFile.c_str(), "/etc/ssl/certs/ca-certificates.crt", "none", MS_BIND,
             nullptr) != 0)
     return 77;
-  DdiTestServer secure(options);
+  DdiServer secure(options);
   // Every link of the poll names the same server as "localhost", a name its
   // certificate does not carry.
   std::string const wrongName = "https://localhost:" + std::to_string(secure.port());

@@ -13,12 +13,12 @@
 #include <string>
 #include <thread>
 
+#include "ddiserver/ddidocument.h"
+#include "ddiserver/ddiserver.h"
 #include "plugin/libtamrelcore.h"
 #include "tests/support/capture_stderr.h"
 #include "tests/support/settings.h"
 #include "tests/support/valgrind.h"
-#include "ddiserver/ddidocument.h"
-#include "ddiserver/dditestserver.h"
 #include "transport/curlmanager.h"
 
 namespace {
@@ -39,17 +39,17 @@ TEST(Soak, PollFeedbackAndConfigDataStayFlat) {
   char const* setting = std::getenv("TAMREL_SOAK_CYCLES");
   int const cycles = setting ? std::max(std::atoi(setting), 20) : 200;
 
-  tamrel::testing::DdiTestServer server;
-  server.setControllerBase(tamrel::testing::controllerBaseJson(
+  tamrel::ddiserver::DdiServer server;
+  server.setControllerBase(tamrel::ddiserver::controllerBaseJson(
       server.baseUrl(), server.controllerPath(), "00:05:00", "7", "", true));
-  tamrel::testing::DeploymentDocument deployment{"7", "forced", "forced", "", {}};
+  tamrel::ddiserver::DeploymentDocument deployment{"7", "forced", "forced", "", {}};
   deployment.chunks.push_back(
       {"os",
        "1",
        "fw",
        {{"fw.bin", 1, {{"sha1", "00"}}, {{"download-http", "http://x/fw.bin"}}}},
        false});
-  server.setDeploymentBase("7", tamrel::testing::deploymentBaseJson(deployment));
+  server.setDeploymentBase("7", tamrel::ddiserver::deploymentBaseJson(deployment));
   auto const table = tamrel::testing::serverSettings(server.baseUrl());
   CurlManager transport;
   libtamrelcore client(&transport);

@@ -4,21 +4,21 @@
 #include <filesystem>
 #include <fstream>
 
+#include "ddiserver/ddiserver.h"
 #include "io/memoryio.h"
 #include "io/nullhash.h"
 #include "plugin/libtamrelcore.h"
 #include "tests/support/capture_stderr.h"
-#include "tests/support/temp_dir.h"
-#include "ddiserver/dditestserver.h"
 #include "tests/support/rawcaptureserver.h"
+#include "tests/support/temp_dir.h"
 #include "transport/curlmanager.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using tamrel::ddiserver::DdiServer;
+using tamrel::ddiserver::Fault;
 using tamrel::testing::CaptureStderr;
-using tamrel::testing::DdiTestServer;
-using tamrel::testing::Fault;
 using tamrel::testing::RawCaptureServer;
 
 std::shared_ptr<curlbuffer> memoryBuffer(std::string const& content = std::string()) {
@@ -28,7 +28,7 @@ std::shared_ptr<curlbuffer> memoryBuffer(std::string const& content = std::strin
 
 class Transport : public ::testing::Test {
  protected:
-  DdiTestServer server;
+  DdiServer server;
   CurlManager manager;
 };
 

@@ -1,4 +1,4 @@
-#include "ddiserver/dditestserver.h"
+#include "ddiserver/ddiserver.h"
 
 #include <arpa/inet.h>
 #include <dirent.h>
@@ -21,7 +21,7 @@
 #include <random>
 #include <stdexcept>
 
-namespace tamrel::testing {
+namespace tamrel::ddiserver {
 namespace {
 
 // httplib adds the peer and local addresses to the request headers; they
@@ -72,29 +72,29 @@ std::string RecordedRequest::header(std::string const& name) const {
   return "";
 }
 
-DdiTestServer::DdiTestServer() : DdiTestServer(Options{}) {}
+DdiServer::DdiServer() : DdiServer(Options{}) {}
 
-DdiTestServer::DdiTestServer(Options const& options)
+DdiServer::DdiServer(Options const& options)
     : https_(options.https), onRequest_(options.onRequest) {
   if (https_) {
     certFile_ = options.certFile;
     std::string keyFile = options.keyFile;
     if (certFile_.empty() && keyFile.empty()) {
-      char dir[] = "/tmp/dditestserver-XXXXXX";
-      if (mkdtemp(dir) == nullptr) throw std::runtime_error("DdiTestServer: no temp directory");
+      char dir[] = "/tmp/tamrel-ddi-server-XXXXXX";
+      if (mkdtemp(dir) == nullptr) throw std::runtime_error("DdiServer: no temp directory");
       tempDir_ = dir;
       caFile_ = tempDir_ + "/ca.pem";
       certFile_ = tempDir_ + "/cert.pem";
       keyFile = tempDir_ + "/key.pem";
       if (!writeCaSignedCertificate(caFile_, certFile_, keyFile)) {
-        throw std::runtime_error("DdiTestServer: cannot generate a certificate");
+        throw std::runtime_error("DdiServer: cannot generate a certificate");
       }
     }
     server_ = std::make_unique<httplib::SSLServer>(certFile_.c_str(), keyFile.c_str());
   } else {
     server_ = std::make_unique<httplib::Server>();
   }
-  if (!server_->is_valid()) throw std::runtime_error("DdiTestServer: invalid server setup");
+  if (!server_->is_valid()) throw std::runtime_error("DdiServer: invalid server setup");
 
   // httplib's default pool has 8 threads and every open keep-alive
   // connection holds one; concurrent clients need more.
@@ -113,11 +113,11 @@ DdiTestServer::DdiTestServer(Options const& options)
   } else {
     port_ = server_->bind_to_any_port("127.0.0.1");
   }
-  if (port_ < 0) throw std::runtime_error("DdiTestServer: cannot bind");
+  if (port_ < 0) throw std::runtime_error("DdiServer: cannot bind");
   if (!options.deferStart) start();
 }
 
-void DdiTestServer::start() {
+void DdiServer::start() {
   if (thread_.joinable()) return;
   thread_ = std::thread([this] {
     server_->listen_after_bind();
@@ -126,13 +126,13 @@ void DdiTestServer::start() {
   while (!server_->is_running()) {
     if (listenReturned_) {
       thread_.join();
-      throw std::runtime_error("DdiTestServer: cannot listen");
+      throw std::runtime_error("DdiServer: cannot listen");
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
 }
 
-DdiTestServer::~DdiTestServer() {
+DdiServer::~DdiServer() {
   stopping_ = true;  // ends slow streams early
   endIdleConnections();
   server_->stop();
@@ -145,29 +145,29 @@ DdiTestServer::~DdiTestServer() {
   }
 }
 
-int DdiTestServer::port() const { return port_; }
+int DdiServer::port() const { return port_; }
 
-std::string DdiTestServer::baseUrl() const {
+std::string DdiServer::baseUrl() const {
   return std::string(https_ ? "https" : "http") + "://127.0.0.1:" + std::to_string(port_);
 }
 
-std::string DdiTestServer::certFile() const { return https_ ? certFile_ : ""; }
+std::string DdiServer::certFile() const { return https_ ? certFile_ : ""; }
 
-std::string DdiTestServer::caFile() const { return caFile_; }
+std::string DdiServer::caFile() const { return caFile_; }
 
-void DdiTestServer::setTarget(std::string tenant, std::string controller) {
+void DdiServer::setTarget(std::string tenant, std::string controller) {
   std::lock_guard<std::mutex> lock(mutex_);
   tenant_ = std::move(tenant);
   controller_ = std::move(controller);
 }
 
-std::string DdiTestServer::controllerPath() const {
+std::string DdiServer::controllerPath() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return "/" + tenant_ + "/controller/v1/" + controller_;
 }
 
-void DdiTestServer::serve(std::string const& path, std::string body, int status,
-                          std::string contentType) {
+void DdiServer::serve(std::string const& path, std::string body, int status,
+                      std::string contentType) {
   std::lock_guard<std::mutex> lock(mutex_);
   resources_[path] = Resource{std::make_shared<std::string const>(std::move(body)),
                               status,
@@ -177,19 +177,17 @@ void DdiTestServer::serve(std::string const& path, std::string body, int status,
                               0};
 }
 
-void DdiTestServer::setControllerBase(std::string json) {
-  serve(controllerPath(), std::move(json));
-}
+void DdiServer::setControllerBase(std::string json) { serve(controllerPath(), std::move(json)); }
 
-void DdiTestServer::setDeploymentBase(std::string const& actionId, std::string json) {
+void DdiServer::setDeploymentBase(std::string const& actionId, std::string json) {
   serve(controllerPath() + "/deploymentBase/" + actionId, std::move(json));
 }
 
-void DdiTestServer::setCancelAction(std::string const& actionId, std::string json) {
+void DdiServer::setCancelAction(std::string const& actionId, std::string json) {
   serve(controllerPath() + "/cancelAction/" + actionId, std::move(json));
 }
 
-std::string DdiTestServer::addArtifact(std::string const& path, std::string content) {
+std::string DdiServer::addArtifact(std::string const& path, std::string content) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     resources_[path] = Resource{std::make_shared<std::string const>(std::move(content)),
@@ -202,10 +200,9 @@ std::string DdiTestServer::addArtifact(std::string const& path, std::string cont
   return baseUrl() + path;
 }
 
-std::string DdiTestServer::addFileArtifact(std::string const& path, std::string const& file) {
+std::string DdiServer::addFileArtifact(std::string const& path, std::string const& file) {
   struct stat info {};
-  if (stat(file.c_str(), &info) != 0)
-    throw std::runtime_error("DdiTestServer: cannot stat " + file);
+  if (stat(file.c_str(), &info) != 0) throw std::runtime_error("DdiServer: cannot stat " + file);
   Resource resource{
       std::make_shared<std::string const>(), 200, "application/octet-stream", true, "", 0};
   resource.file = file;
@@ -217,38 +214,38 @@ std::string DdiTestServer::addFileArtifact(std::string const& path, std::string 
   return baseUrl() + path;
 }
 
-void DdiTestServer::setHandler(Handler handler) {
+void DdiServer::setHandler(Handler handler) {
   std::lock_guard<std::mutex> lock(mutex_);
   handler_ = std::move(handler);
 }
 
-void DdiTestServer::setArtifactHeaders(std::string const& path,
-                                       std::map<std::string, std::string> headers) {
+void DdiServer::setArtifactHeaders(std::string const& path,
+                                   std::map<std::string, std::string> headers) {
   std::lock_guard<std::mutex> lock(mutex_);
   artifactHeaders_[path] = std::move(headers);
 }
 
-void DdiTestServer::setFault(std::string const& path, Fault const& fault) {
+void DdiServer::setFault(std::string const& path, Fault const& fault) {
   std::lock_guard<std::mutex> lock(mutex_);
   faults_[path] = {fault};
 }
 
-void DdiTestServer::addFault(std::string const& path, Fault const& fault) {
+void DdiServer::addFault(std::string const& path, Fault const& fault) {
   std::lock_guard<std::mutex> lock(mutex_);
   faults_[path].push_back(fault);
 }
 
-void DdiTestServer::clearFault(std::string const& path) {
+void DdiServer::clearFault(std::string const& path) {
   std::lock_guard<std::mutex> lock(mutex_);
   faults_.erase(path);
 }
 
-std::vector<RecordedRequest> DdiTestServer::requests() const {
+std::vector<RecordedRequest> DdiServer::requests() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return requests_;
 }
 
-std::vector<RecordedRequest> DdiTestServer::requests(std::string const& method) const {
+std::vector<RecordedRequest> DdiServer::requests(std::string const& method) const {
   std::lock_guard<std::mutex> lock(mutex_);
   std::vector<RecordedRequest> out;
   for (auto const& r : requests_) {
@@ -257,17 +254,17 @@ std::vector<RecordedRequest> DdiTestServer::requests(std::string const& method) 
   return out;
 }
 
-void DdiTestServer::clearRequests() {
+void DdiServer::clearRequests() {
   std::lock_guard<std::mutex> lock(mutex_);
   requests_.clear();
 }
 
-void DdiTestServer::setRequireToken(std::string token) {
+void DdiServer::setRequireToken(std::string token) {
   std::lock_guard<std::mutex> lock(mutex_);
   requireToken = std::move(token);
 }
 
-void DdiTestServer::handle(httplib::Request const& req, httplib::Response& res) {
+void DdiServer::handle(httplib::Request const& req, httplib::Response& res) {
   // Ranges are answered here; left in place, httplib would slice every
   // answer again on its own. The request object is not const in httplib.
   const_cast<httplib::Request&>(req).ranges.clear();
@@ -377,8 +374,8 @@ void DdiTestServer::handle(httplib::Request const& req, httplib::Response& res) 
   res.status = 200;
 }
 
-void DdiTestServer::answerResource(httplib::Request const& req, httplib::Response& res,
-                                   Resource const& resource, Fault const* fault) {
+void DdiServer::answerResource(httplib::Request const& req, httplib::Response& res,
+                               Resource const& resource, Fault const* fault) {
   std::shared_ptr<std::string const> const data = resource.body;
   std::string const file = resource.file;
   Reader const read = [data, file](size_t offset, size_t n, std::string& out) {
@@ -421,8 +418,8 @@ void DdiTestServer::answerResource(httplib::Request const& req, httplib::Respons
   sendBody(res, read, 0, size, resource.contentType, fault);
 }
 
-void DdiTestServer::sendBody(httplib::Response& res, Reader const& read, size_t offset,
-                             size_t length, std::string const& contentType, Fault const* fault) {
+void DdiServer::sendBody(httplib::Response& res, Reader const& read, size_t offset, size_t length,
+                         std::string const& contentType, Fault const* fault) {
   if (fault && fault->trailingBytes != 0) {
     sendOverlong(res, read, offset, length, contentType, *fault);
     return;
@@ -453,9 +450,8 @@ void DdiTestServer::sendBody(httplib::Response& res, Reader const& read, size_t 
                            });
 }
 
-void DdiTestServer::sendOverlong(httplib::Response& res, Reader const& read, size_t offset,
-                                 size_t length, std::string const& contentType,
-                                 Fault const& fault) {
+void DdiServer::sendOverlong(httplib::Response& res, Reader const& read, size_t offset,
+                             size_t length, std::string const& contentType, Fault const& fault) {
   size_t const piece = fault.chunkBytes > 0 ? static_cast<size_t>(fault.chunkBytes) : 65536;
   long long const total =
       fault.trailingBytes < 0 ? -1 : static_cast<long long>(length) + fault.trailingBytes;
@@ -480,7 +476,7 @@ void DdiTestServer::sendOverlong(httplib::Response& res, Reader const& read, siz
   });
 }
 
-void DdiTestServer::sleepUnlessStopping(int ms) const {
+void DdiServer::sleepUnlessStopping(int ms) const {
   auto const until = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
   while (!stopping_ && std::chrono::steady_clock::now() < until) {
     std::this_thread::sleep_for(std::chrono::milliseconds(std::min(ms, 10)));
@@ -492,7 +488,7 @@ void DdiTestServer::sleepUnlessStopping(int ms) const {
 // sockets, so they are found among the process's descriptors by their local
 // address; shutting down their reading side ends them at once, while writes,
 // such as a TLS close_notify, still work.
-void DdiTestServer::endIdleConnections() const {
+void DdiServer::endIdleConnections() const {
   DIR* dir = opendir("/proc/self/fd");
   if (dir == nullptr) return;
   std::vector<int> fds;
@@ -615,4 +611,4 @@ bool writeCaSignedCertificate(std::string const& caFile, std::string const& cert
   return ok;
 }
 
-}  // namespace tamrel::testing
+}  // namespace tamrel::ddiserver

@@ -21,7 +21,7 @@ struct Request;
 struct Response;
 }  // namespace httplib
 
-namespace tamrel::testing {
+namespace tamrel::ddiserver {
 
 // One request as the server saw it.
 struct RecordedRequest {
@@ -63,7 +63,7 @@ struct Fault {
   std::shared_ptr<std::string const> body;
 };
 
-class DdiTestServer {
+class DdiServer {
  public:
   struct Options {
     bool https = false;
@@ -90,11 +90,11 @@ class DdiTestServer {
   };
   using Handler = std::function<bool(RecordedRequest const&, Answer&)>;
 
-  DdiTestServer();
-  explicit DdiTestServer(Options const& options);
-  ~DdiTestServer();
-  DdiTestServer(DdiTestServer const&) = delete;
-  DdiTestServer& operator=(DdiTestServer const&) = delete;
+  DdiServer();
+  explicit DdiServer(Options const& options);
+  ~DdiServer();
+  DdiServer(DdiServer const&) = delete;
+  DdiServer& operator=(DdiServer const&) = delete;
 
   int port() const;
   std::string baseUrl() const;   // "http://127.0.0.1:<port>" or "https://..."
@@ -195,4 +195,4 @@ bool writeSelfSignedCertificate(std::string const& certFile, std::string const& 
 bool writeCaSignedCertificate(std::string const& caFile, std::string const& certFile,
                               std::string const& keyFile);
 
-}  // namespace tamrel::testing
+}  // namespace tamrel::ddiserver
