@@ -8,21 +8,21 @@
 #include <functional>
 #include <thread>
 
-#include "ddiserver/dditestserver.h"
+#include "ddiserver/ddiserver.h"
 #include "io/memoryio.h"
 #include "io/nullhash.h"
 
 namespace {
 
-using tamrel::testing::DdiTestServer;
-using tamrel::testing::Fault;
+using tamrel::ddiserver::DdiServer;
+using tamrel::ddiserver::Fault;
 
 std::shared_ptr<curlbuffer> memory(std::string const& content = std::string()) {
   return std::make_shared<curlbuffer>(std::make_unique<memoryio>(content),
                                       std::make_unique<nullhash>());
 }
 
-AgentTransport::Settings settingsFor(DdiTestServer const& server) {
+AgentTransport::Settings settingsFor(DdiServer const& server) {
   AgentTransport::Settings settings;
   settings.address = server.baseUrl();
   return settings;
@@ -32,7 +32,7 @@ AgentTransport::Settings settingsFor(DdiTestServer const& server) {
 // it saw as text.
 struct Row {
   char const* what;
-  std::function<std::string(CurlManager&, DdiTestServer&)> run;
+  std::function<std::string(CurlManager&, DdiServer&)> run;
   char const* library;  // expected of CurlManager
   char const* agent;    // expected of AgentTransport
 };
@@ -45,7 +45,7 @@ std::string outcome(bool ok, curlbuffer const& buffer) {
 std::vector<Row> const& contract() {
   static std::vector<Row> const rows = {
       {"the token goes with GET, POST and PUT",
-       [](CurlManager& t, DdiTestServer& s) {
+       [](CurlManager& t, DdiServer& s) {
          t.setTargetToken("tok");
          s.serve("/doc", "{}");
          t.download(s.baseUrl() + "/doc", memory());
@@ -59,14 +59,14 @@ std::vector<Row> const& contract() {
        "GET=TargetToken tok POST=TargetToken tok PUT=TargetToken tok ",
        "GET=TargetToken tok POST=TargetToken tok PUT=TargetToken tok "},
       {"a 404 with a body is a completed transfer",
-       [](CurlManager& t, DdiTestServer& s) {
+       [](CurlManager& t, DdiServer& s) {
          s.serve("/missing", "{\"e\":1}", 404);
          auto buffer = memory();
          return outcome(t.download(s.baseUrl() + "/missing", buffer), *buffer);
        },
        "true result 0 http 404 body {\"e\":1}", "true result 0 http 404 body {\"e\":1}"},
       {"a download resumes from the sink's size",
-       [](CurlManager& t, DdiTestServer& s) {
+       [](CurlManager& t, DdiServer& s) {
          std::string const url = s.addArtifact("/a", "abcdef");
          auto buffer = memory("abc");
          bool const ok = t.download(url, buffer);
@@ -75,7 +75,7 @@ std::vector<Row> const& contract() {
        "true result 0 http 206 body abcdef bytes=3-",
        "true result 0 http 206 body abcdef bytes=3-"},
       {"a body cut short counts as complete (the digest decides)",
-       [](CurlManager& t, DdiTestServer& s) {
+       [](CurlManager& t, DdiServer& s) {
          std::string const url = s.addArtifact("/cut", std::string(100000, 'c'));
          Fault drop;
          drop.dropAfterBytes = 1000;
@@ -87,7 +87,7 @@ std::vector<Row> const& contract() {
        },
        "true result 0 kept 1000", "true result 0 kept 1000"},
       {"a cancel before a transfer is forgotten",
-       [](CurlManager& t, DdiTestServer& s) {
+       [](CurlManager& t, DdiServer& s) {
          s.serve("/doc", "{}");
          t.cancelTransfer();
          auto buffer = memory();
@@ -95,7 +95,7 @@ std::vector<Row> const& contract() {
        },
        "true result 0 http 200 body {}", "true result 0 http 200 body {}"},
       {"a cancel during a download aborts it; what came is kept for a resume",
-       [](CurlManager& t, DdiTestServer& s) {
+       [](CurlManager& t, DdiServer& s) {
          std::string const url = s.addArtifact("/slow", std::string(200000, 's'));
          Fault slow;
          slow.chunkBytes = 2000;
@@ -109,7 +109,7 @@ std::vector<Row> const& contract() {
        },
        "false result 42 partial", "false result 42 partial"},
       {"a POST stays a POST after a redirect",
-       [](CurlManager& t, DdiTestServer& s) {
+       [](CurlManager& t, DdiServer& s) {
          Fault moved;
          moved.redirectTo = "/moved";
          s.setFault("/feedback", moved);
@@ -120,7 +120,7 @@ std::vector<Row> const& contract() {
        },
        "true POST /moved {}", "true POST /moved {}"},
       {"file:// is never spoken, not even after a redirect",
-       [](CurlManager& t, DdiTestServer& s) {
+       [](CurlManager& t, DdiServer& s) {
          Fault toFile;
          toFile.redirectTo = "file:///etc/hostname";
          s.setFault("/to-file", toFile);
@@ -132,7 +132,7 @@ std::vector<Row> const& contract() {
        "refused ", "refused "},
       // By design: the agent's transport cuts a POST; the library's cannot.
       {"a cancel during a POST that is not answered",
-       [](CurlManager& t, DdiTestServer& s) {
+       [](CurlManager& t, DdiServer& s) {
          if (dynamic_cast<AgentTransport*>(&t) == nullptr) return std::string("not cut");
          Fault stall;
          stall.answerDelayMs = 60000;
@@ -153,11 +153,11 @@ std::vector<Row> const& contract() {
 TEST(TransportContract, LibraryAndAgentAgreeRowByRow) {
   for (Row const& row : contract()) {
     {
-      DdiTestServer server;
+      DdiServer server;
       CurlManager library;
       EXPECT_EQ(row.run(library, server), row.library) << "library: " << row.what;
     }
-    DdiTestServer server;
+    DdiServer server;
     AgentTransport agent(settingsFor(server));
     EXPECT_EQ(row.run(agent, server), row.agent) << "agent: " << row.what;
   }
