@@ -81,7 +81,8 @@ std::string checkHost(AgentConfig const& config) {
     std::string const& command;
   } const commands[] = {{"install-command", config.installCommand},
                         {"reboot-command", config.rebootCommand},
-                        {"confirm-command", config.confirmCommand}};
+                        {"confirm-command", config.confirmCommand},
+                        {"consent-command", config.consentCommand}};
   for (auto const& entry : commands) {
     if (!entry.command.empty() && commandProgram(entry.command).empty()) {
       return std::string(entry.key) + ": no executable program for '" + entry.command + "'";

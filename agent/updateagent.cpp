@@ -63,7 +63,10 @@ UpdateAgent::UpdateAgent(AgentConfig const& config)
       fetcher_(client_, config, stop_),
       server_(config, transport_, [this] { return stopping(); }),
       reboot_(client_, config,
-              [this](std::function<bool()> const& request) { return server_.send(request); }) {
+              [this](std::function<bool()> const& request) { return server_.send(request); }),
+      reader_(config, address_, transport_, [this] { return stopping(); }),
+      consent_(config, transport_, server_, reader_, stop_),
+      installed_(transport_, server_, reader_) {
   // hawkBit refuses configuration data without attributes.
   if (attributes_.empty()) attributes_.push_back({"tamrel-agent.version", TAMREL_VERSION});
 }
@@ -76,8 +79,21 @@ bool UpdateAgent::safeName(std::string const& name) {
 bool UpdateAgent::connect() {
   if (!client_.connectProperties(config_.properties)) return false;
   transport_.setBaseUrl(client_.buildQueryUrl());
+  // Copied on the polling thread, read once the poll returned.
+  transport_.observeBase([this](long status, std::string const& body) {
+    baseBody_ = status == 200 ? body : std::string();
+  });
+  consent_.start(client_.buildQueryUrl());
   reboot_.confirm();
   return true;
+}
+
+int UpdateAgent::reportInstalled(std::string const& name, std::string const& version) {
+  if (!client_.connectProperties(config_.properties)) return kExitConfig;
+  std::string const failure = installed_.report(client_.buildQueryUrl(), name, version);
+  std::printf("installed %s %s: %s\n", name.c_str(), version.c_str(),
+              failure.empty() ? "reported, the server accepted it" : failure.c_str());
+  return failure.empty() ? kExitOk : kExitUnreachable;
 }
 
 void UpdateAgent::stop() {
@@ -97,6 +113,7 @@ UpdateAgent::Cycle UpdateAgent::cycle() {
   Cycle result;
   result.sleepSeconds = config_.pollIntervalSeconds;
   std::uint64_t const before = transport_.exchanges();
+  baseBody_.clear();
   hawkbit_query_t answer;
   std::string unreadable, libraryLog;
   Watchdog::Limits limits;
@@ -138,11 +155,25 @@ UpdateAgent::Cycle UpdateAgent::cycle() {
     result.status = kExitUnreachable;
     return result;
   }
-  if (watchdog.verdict() != Watchdog::Verdict::kNone || empty) {
+  ConsentFlow::Outcome const consent = watchdog.verdict() == Watchdog::Verdict::kNone
+                                           ? consent_.answer(baseBody_)
+                                           : ConsentFlow::Outcome::kNone;
+  if (watchdog.verdict() != Watchdog::Verdict::kNone ||
+      (empty && consent == ConsentFlow::Outcome::kNone)) {
     std::printf("poll: %s\n", pollFailure(watchdog.verdict(), libraryLog).c_str());
     result.status = kExitUnreachable;
     return result;
   }
+  if (consent == ConsentFlow::Outcome::kConfirmed && !again_ && !stopping()) {
+    // The confirmed action is linked as a deployment from the next poll on.
+    again_ = true;
+    Cycle const next = cycle();
+    again_ = false;
+    return next;
+  }
+  if (consent == ConsentFlow::Outcome::kRefused) result.status = kExitDeploymentFailed;
+  if (consent == ConsentFlow::Outcome::kUnreadable) result.status = kExitUnreachable;
+  installed_.show(baseBody_);
   // 0 is what the library makes of an interval it cannot read ("PT36H").
   std::int64_t const named = answer.config.sleep;
   result.sleepSeconds = std::min<std::int64_t>(

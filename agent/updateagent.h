@@ -11,7 +11,10 @@
 #include "agent/agentconfig.h"
 #include "agent/agenttransport.h"
 #include "agent/artifactfetcher.h"
+#include "agent/consentflow.h"
 #include "agent/deploymentplan.h"
+#include "agent/documentreader.h"
+#include "agent/installedbase.h"
 #include "agent/progressbar.h"
 #include "agent/rebootconfirmation.h"
 #include "agent/serverrequest.h"
@@ -41,6 +44,9 @@ class UpdateAgent {
   Cycle cycle();
   // Waits up to `seconds`, returning early once stop() was called.
   void sleep(std::int64_t seconds);
+  // Binds the settings and reports `name` `version` as installed on the
+  // device; the exit status (ExitCode), the reason logged when not 0.
+  int reportInstalled(std::string const& name, std::string const& version);
   // Cancels a running download or verification and ends the loop.
   void stop();
   bool stopping() const { return stop_.load(); }
@@ -83,6 +89,11 @@ class UpdateAgent {
   // An action downloaded in this run and waiting for its maintenance window.
   std::string waitingAction_;  // downloaded, waiting for its maintenance window
   std::vector<std::string> waitingFiles_, waitingDirs_;
+  DocumentReader reader_;  // documents the library does not read
+  ConsentFlow consent_;
+  InstalledBase installed_;
+  std::string baseBody_;  // the last base poll answer's body, kept by the transport's observer
+  bool again_ = false;    // polling again at once, after a confirmation
   std::mutex sleepLock_;
   std::condition_variable wake_;
 };

@@ -36,6 +36,8 @@ char const kUsage[] =
     "HH:MM:SS]\n"
     "                         [--chunk NAME] [--name-as FILE=NAME] [--action ID]\n"
     "                         [--ask-config-data]   (ask for attributes at every poll)\n"
+    "                         [--confirm-required]  (the action waits for the device's\n"
+    "                                               confirmation)\n"
     "  cancel requests:\n"
     "    --cancel ID           offer a cancel request ID for the action from the start\n"
     "    --cancel-after-polls N  offer one (with the action's id) after N polls\n"
@@ -60,9 +62,9 @@ char const kUsage[] =
     "    --ca-out FILE         write that CA's certificate (PEM) to FILE\n"
     "    --tls-cert FILE --tls-key FILE   serve over TLS with this certificate\n"
     "    --slow MS             send artifacts in 64 KiB pieces, MS apart\n"
-    "    --fault WHERE=WHAT    WHERE: poll, deployment (its deploymentBase), config\n"
-    "                          (the configData PUT), feedback (of the deployment) or\n"
-    "                          artifact; WHAT:\n"
+    "    --fault WHERE=WHAT    WHERE: poll, deployment (its deploymentBase), confirmation\n"
+    "                          (its confirmationBase), config (the configData PUT),\n"
+    "                          feedback (of the deployment) or artifact; WHAT:\n"
     "                          stall (no answer), trickle (1 byte per 100 ms), overlong\n"
     "                          (the body and 1 MiB more) or endless (the body, then\n"
     "                          bytes without end), both without Content-Length,\n"
@@ -84,6 +86,8 @@ struct Settings {
   bool https = false;
   std::string caOut, tlsCert, tlsKey;
   ddiserver::Fault poll, deployment, config, feedback;  // --fault poll=, deployment=, ...
+  ddiserver::Fault confirmation;                        // --fault confirmation=
+  bool confirmRequired = false;
 };
 
 // Hostile documents of 14 MiB, just under the agent's default bound of
@@ -141,6 +145,8 @@ bool parseFault(std::string const& value, Settings& settings) {
     settings.config = fault;
   } else if (where == "feedback") {
     settings.feedback = fault;
+  } else if (where == "confirmation") {
+    settings.confirmation = fault;
   } else if (where == "artifact") {
     settings.always = fault;
   } else {
@@ -152,13 +158,14 @@ bool parseFault(std::string const& value, Settings& settings) {
 bool parse(int argc, char** argv, Settings& settings) {
   for (int i = 1; i < argc; ++i) {
     std::string const arg = argv[i];
-    bool* const flag = arg == "--https"             ? &settings.https
-                       : arg == "--tls-links"       ? &settings.tlsLinks
-                       : arg == "--both-links"      ? &settings.bothLinks
-                       : arg == "--upper-digests"   ? &settings.upperDigests
-                       : arg == "--empty-artifact"  ? &settings.emptyArtifact
-                       : arg == "--ask-config-data" ? &settings.askConfigData
-                                                    : nullptr;
+    bool* const flag = arg == "--https"              ? &settings.https
+                       : arg == "--tls-links"        ? &settings.tlsLinks
+                       : arg == "--both-links"       ? &settings.bothLinks
+                       : arg == "--upper-digests"    ? &settings.upperDigests
+                       : arg == "--empty-artifact"   ? &settings.emptyArtifact
+                       : arg == "--ask-config-data"  ? &settings.askConfigData
+                       : arg == "--confirm-required" ? &settings.confirmRequired
+                                                     : nullptr;
     if (flag != nullptr) {
       *flag = true;
       continue;
@@ -374,6 +381,7 @@ int main(int argc, char** argv) {
   targetOptions.askConfigData = settings.askConfigData;
   targetOptions.cancelAfterPolls = settings.cancelAfterPolls;
   targetOptions.windowOpensAt = settings.windowOpensAt;
+  targetOptions.confirmRequired = settings.confirmRequired;
   targetOptions.onEvent = [&](std::string const& line) {
     std::lock_guard<std::mutex> guard(output);
     std::printf("%s\n", line.c_str());
@@ -438,6 +446,10 @@ int main(int argc, char** argv) {
   if (isFault(settings.deployment)) {
     server.setFault(server.controllerPath() + "/deploymentBase/" + settings.action,
                     settings.deployment);
+  }
+  if (isFault(settings.confirmation)) {
+    server.setFault(server.controllerPath() + "/confirmationBase/" + settings.action,
+                    settings.confirmation);
   }
   if (isFault(settings.config)) {
     server.setFault(server.controllerPath() + "/configData", settings.config);
