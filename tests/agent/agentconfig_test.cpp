@@ -80,6 +80,8 @@ TEST(AgentConfig, RefusalsNameTheLine) {
       {"token = t\nmax-document-mib = 1e3\n", "max-document-mib must be a whole number"},
       {"token = t\nreboot-exit-code = -1\n", "reboot-exit-code must be a whole number from 1"},
       {"token = t\nattribute.x = " + std::string(129, 'v') + "\n", "limited to 128 characters"},
+      {"token = t\nconsent = ask\n", ":6: consent must be one of auto|command"},
+      {"token = t\nconsent = command\n", "consent = command needs consent-command"},
       {"token = t\njust words\n", "expected 'key = value'"},
       {"token = t\n= 1\n", "missing key before '='"},
       {"token = t\x01\n", "token must not contain control characters"},
