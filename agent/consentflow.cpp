@@ -62,10 +62,11 @@ std::string ConsentFlow::link(std::string const& document, char const* name) {
 }
 
 ConsentFlow::Outcome ConsentFlow::answer(std::string const& base) {
+  // An answer other than 200 (or too large to keep) shows nothing.
+  if (base.empty()) return Outcome::kNone;
   std::string const linked = link(base, "confirmationBase");
-  bool const keep = config_.autoConfirm != "server" && !started_;
+  bool const keep = config_.autoConfirm != "server" && !kept_;
   if (linked.empty() && !keep) return Outcome::kNone;
-  started_ = true;
   // Without a link (at start) the overview is read from its usual place.
   std::string const url = linked.empty() ? baseUrl_ + "/confirmationBase" : linked;
   Overview overview;
@@ -79,6 +80,12 @@ ConsentFlow::Outcome ConsentFlow::answer(std::string const& base) {
     overview.deactivate = linkIn(root.get(), "deactivateAutoConfirm");
     return std::string();
   });
+  if (!problem.empty() && linked.empty()) {
+    // A server without the flow: looked at again when a poll links it.
+    kept_ = true;
+    std::printf("auto-confirm: the state could not be read: %s; left as it is\n", problem.c_str());
+    return Outcome::kNone;
+  }
   if (!problem.empty()) {
     std::printf("confirmation: %s; nothing sent\n", problem.c_str());
     return Outcome::kUnreadable;
@@ -90,6 +97,9 @@ ConsentFlow::Outcome ConsentFlow::answer(std::string const& base) {
 
 bool ConsentFlow::keepAutoConfirm(Overview const& overview) {
   bool const wanted = config_.autoConfirm == "on";
+  // Once per start, unless a poll links the flow again; a switch the server
+  // did not take is tried again at the next poll.
+  kept_ = true;
   if (overview.active == wanted) return false;
   std::string const& url = wanted ? overview.activate : overview.deactivate;
   char const* const verb = wanted ? "activate" : "deactivate";
@@ -112,6 +122,7 @@ bool ConsentFlow::keepAutoConfirm(Overview const& overview) {
     body = print(request.get());
   }
   std::string const failure = post(url, body);
+  kept_ = failure.empty();
   std::printf("auto-confirm: %s on the server (it was %s), %s\n",
               wanted ? "activated" : "deactivated", wanted ? "off" : "on",
               failure.empty() ? "done" : failure.c_str());

@@ -56,8 +56,8 @@ class ConsentFlow {
     int code = 0;
     std::string detail;
   };
-  // Switches the server's auto-confirm to what auto-confirm asks for; true
-  // when it was switched on.
+  // Switches the server's auto-confirm to what auto-confirm asks for, once
+  // per state the server shows; true when it was switched on.
   bool keepAutoConfirm(Overview const& overview);
   Outcome answerAction(std::string const& link);
   // Reads the waiting action: its chunks' names and versions, or problems.
@@ -73,7 +73,7 @@ class ConsentFlow {
   DocumentReader const& reader_;
   std::atomic<bool> const& stop_;
   std::string baseUrl_;
-  bool started_ = false;           // auto-confirm looked at since the start
+  bool kept_ = false;              // auto-confirm seen (or made) as configured, since the start
   std::set<std::string> refused_;  // actions denied for their document, once each
 };
 
