@@ -48,6 +48,17 @@ std::string* textField(AgentConfig& config, std::string const& key) {
   if (key == "ca-path") return &config.caPath;
   if (key == "proxy") return &config.proxy;
   if (key == "no-proxy") return &config.noProxy;
+  if (key == "consent") return &config.consent;
+  if (key == "consent-command") return &config.consentCommand;
+  if (key == "auto-confirm") return &config.autoConfirm;
+  if (key == "auto-confirm-remark") return &config.autoConfirmRemark;
+  return nullptr;
+}
+
+// The words a key takes, "|"-separated; nullptr for a key that takes any text.
+char const* choices(std::string const& key) {
+  if (key == "consent") return "auto|command";
+  if (key == "auto-confirm") return "on|off|server";
   return nullptr;
 }
 
@@ -120,6 +131,17 @@ std::vector<AgentConfig::Key> const& AgentConfig::keys() {
        31 * 86400},
       {"max-poll-interval-s", K::kNumber, false, "86400", "longest wait between polls", 1,
        31 * 86400},
+      {"consent", K::kText, false, "auto",
+       "who agrees to an update that waits for the device: auto | command", 0, 0},
+      {"consent-command", K::kText, false, "",
+       "sh -c command, $1 action id, then each chunk's name, version; exit 0 yes, 1 no, 75 later",
+       0, 0},
+      {"consent-timeout-s", K::kNumber, false, "300",
+       "deadline of consent-command; past it: asked again", 1, 86400},
+      {"auto-confirm", K::kText, false, "server",
+       "the server's auto-confirm for this device: on | off | server (as it is)", 0, 0},
+      {"auto-confirm-remark", K::kText, false, "", "remark sent when switching auto-confirm on", 0,
+       0},
   };
   return table;
 }
@@ -151,6 +173,7 @@ void AgentConfig::storeNumber(std::string const& key, long long value) {
       {"max-document-mib", [](AgentConfig& c, long long v) { c.maxDocumentMib = v; }},
       {"poll-interval-s", [](AgentConfig& c, long long v) { c.pollIntervalSeconds = v; }},
       {"max-poll-interval-s", [](AgentConfig& c, long long v) { c.maxPollIntervalSeconds = v; }},
+      {"consent-timeout-s", [](AgentConfig& c, long long v) { c.consentTimeoutSeconds = int(v); }},
   };
   for (Field const& field : fields) {
     if (key == field.key) field.store(*this, value);
@@ -290,6 +313,11 @@ AgentConfig AgentConfig::fromFile(std::string const& path) {
         if (!config.keyPassword.empty() && config.keyPassword.back() == '\r')
           config.keyPassword.pop_back();
       }
+      char const* const words = choices(key);
+      if (words != nullptr &&
+          ("|" + std::string(words) + "|").find("|" + value + "|") == std::string::npos) {
+        fail(key + " must be one of " + words);
+      }
       *field = value;
     } else {
       fail("unknown key '" + key + "'");
@@ -318,6 +346,8 @@ AgentConfig AgentConfig::fromFile(std::string const& path) {
   if (!config.targetToken) *(*config.properties)["token"] = std::string();
   for (auto const& entry : seen) config.lines[entry.first] = entry.second;
   if (config.downloadDir.empty()) throw ConfigError(path + ": download-dir is not set");
+  if (config.consent == "command" && config.consentCommand.empty())
+    throw ConfigError(path + ": consent = command needs consent-command");
   return config;
 }
 

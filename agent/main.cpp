@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "agent/agentconfig.h"
 #include "agent/console.h"
@@ -25,6 +26,7 @@ namespace {
 
 char const kUsage[] =
     "usage: tamrel-agent --config FILE [--once] [--download-only]\n"
+    "       tamrel-agent --config FILE --report-installed NAME VERSION\n"
     "       tamrel-agent --help | --version\n";
 
 char const kHelp[] =
@@ -32,6 +34,9 @@ char const kHelp[] =
     "  --config FILE      the configuration (keys below)\n"
     "  --once             poll once, handle what the server asks, exit with the status below\n"
     "  --download-only    without install-command: download and verify, report \"downloaded\"\n"
+    "  --report-installed NAME VERSION\n"
+    "                     tell the server the device runs this distribution set (installed\n"
+    "                     without it); exit 0 when the server accepted it, 3 when not\n"
     "  --help, --version\n\n";
 
 std::string exitCodesHelp() {
@@ -49,6 +54,7 @@ int main(int argc, char** argv) {
   MemoryBudget::install();
   std::string configPath;
   bool once = false, downloadOnly = false;
+  std::vector<std::string> installed;  // --report-installed NAME VERSION
   for (int i = 1; i < argc; ++i) {
     std::string const arg = argv[i];
     if (arg == "--config" && i + 1 < argc) {
@@ -57,6 +63,9 @@ int main(int argc, char** argv) {
       once = true;
     } else if (arg == "--download-only") {
       downloadOnly = true;
+    } else if (arg == "--report-installed" && i + 2 < argc) {
+      installed = {argv[i + 1], argv[i + 2]};
+      i += 2;
     } else if (arg == "--help" || arg == "-h") {
       std::printf("%s%s%s%s", kUsage, kHelp, AgentConfig::keysHelp().c_str(),
                   exitCodesHelp().c_str());
@@ -83,7 +92,8 @@ int main(int argc, char** argv) {
     return kExitConfig;
   }
   config.downloadOnly = downloadOnly;
-  std::string const problem = checkHost(config);
+  // Reporting a version needs only the server settings.
+  std::string const problem = installed.empty() ? checkHost(config) : std::string();
   if (!problem.empty()) {
     std::fprintf(stderr, "tamrel-agent: %s: %s\n", configPath.c_str(), problem.c_str());
     return kExitConfig;
@@ -100,6 +110,7 @@ int main(int argc, char** argv) {
 
   UpdateAgent agent(config);
   SignalThread stopper(agent);
+  if (!installed.empty()) return agent.reportInstalled(installed[0], installed[1]);
   if (!agent.connect()) {
     std::fprintf(stderr, "tamrel-agent: %s: the library refused the settings\n",
                  configPath.c_str());

@@ -124,7 +124,8 @@ std::string checkHost(AgentConfig const& config) {
     std::string const& command;
   } const commands[] = {{"install-command", config.installCommand},
                         {"reboot-command", config.rebootCommand},
-                        {"confirm-command", config.confirmCommand}};
+                        {"confirm-command", config.confirmCommand},
+                        {"consent-command", config.consentCommand}};
   for (auto const& entry : commands) {
     if (entry.command.empty()) continue;
     std::string const error = syntaxError(entry.command);

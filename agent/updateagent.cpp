@@ -42,7 +42,10 @@ UpdateAgent::UpdateAgent(AgentConfig const& config)
           client_, config,
           [this](std::function<bool()> const& request) { return server_.send(request); }, stop_),
       lock_((config.stateDir.empty() ? config.downloadDir + "/.install.lock"
-                                     : config.stateDir + "/install.lock")) {
+                                     : config.stateDir + "/install.lock")),
+      reader_(config, address_, transport_, [this] { return stopping(); }),
+      consent_(config, transport_, server_, reader_, stop_),
+      installed_(transport_, server_, reader_) {
   // hawkBit refuses configuration data without attributes.
   if (attributes_.empty()) attributes_.push_back({"tamrel-agent.version", TAMREL_VERSION});
 }
@@ -55,13 +58,27 @@ bool UpdateAgent::safeName(std::string const& name) {
 bool UpdateAgent::connect() {
   if (!client_.connectProperties(config_.properties)) return false;
   transport_.setBaseUrl(client_.buildQueryUrl());
+  // Copied on the polling thread, read once the poll returned.
+  transport_.observeBase([this](long status, std::string const& body) {
+    baseBody_ = status == 200 ? body : std::string();
+  });
   // An install an earlier run left behind ends before anything else happens.
   std::string error;
   if (!lock_.take(stop_, config_.installTimeoutSeconds * 1000LL, error, false) && !error.empty())
     std::printf("install lock: %s\n", error.c_str());
   lock_.release();
-  if (!stopping()) reboot_.confirm();
+  if (stopping()) return true;
+  consent_.start(client_.buildQueryUrl());
+  reboot_.confirm();
   return true;
+}
+
+int UpdateAgent::reportInstalled(std::string const& name, std::string const& version) {
+  if (!client_.connectProperties(config_.properties)) return kExitConfig;
+  std::string const failure = installed_.report(client_.buildQueryUrl(), name, version);
+  std::printf("installed %s %s: %s\n", name.c_str(), version.c_str(),
+              failure.empty() ? "reported, the server accepted it" : failure.c_str());
+  return failure.empty() ? kExitOk : kExitUnreachable;
 }
 
 void UpdateAgent::stop() {
@@ -85,6 +102,7 @@ UpdateAgent::Cycle UpdateAgent::cycle() {
       config_.pollIntervalSeconds << std::min(failedPolls_, 10), config_.maxPollIntervalSeconds);
   ++failedPolls_;
   std::uint64_t const before = transport_.exchanges();
+  baseBody_.clear();
   hawkbit_query_t answer;
   std::string unreadable, libraryLog;
   Watchdog::Limits limits;
@@ -126,7 +144,11 @@ UpdateAgent::Cycle UpdateAgent::cycle() {
     result.status = kExitUnreachable;
     return result;
   }
-  if (watchdog.verdict() != Watchdog::Verdict::kNone || empty) {
+  ConsentFlow::Outcome const consent = watchdog.verdict() == Watchdog::Verdict::kNone
+                                           ? consent_.answer(baseBody_)
+                                           : ConsentFlow::Outcome::kNone;
+  if (watchdog.verdict() != Watchdog::Verdict::kNone ||
+      (empty && consent == ConsentFlow::Outcome::kNone)) {
     std::printf("poll: %s\n", PollFailure::describe(watchdog.verdict(), transport_.lastAnswer(),
                                                     libraryLog, config_)
                                   .c_str());
@@ -134,6 +156,16 @@ UpdateAgent::Cycle UpdateAgent::cycle() {
     return result;
   }
   failedPolls_ = 0;
+  if (consent == ConsentFlow::Outcome::kConfirmed && !again_ && !stopping()) {
+    // The confirmed action is linked as a deployment from the next poll on.
+    again_ = true;
+    Cycle const next = cycle();
+    again_ = false;
+    return next;
+  }
+  if (consent == ConsentFlow::Outcome::kRefused) result.status = kExitDeploymentFailed;
+  if (consent == ConsentFlow::Outcome::kUnreadable) result.status = kExitUnreachable;
+  installed_.show(baseBody_);
   // 0 is what the library makes of an interval it cannot read ("PT36H").
   std::int64_t const named = answer.config.sleep;
   result.sleepSeconds = std::min<std::int64_t>(

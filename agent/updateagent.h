@@ -12,7 +12,10 @@
 #include "agent/agentconfig.h"
 #include "agent/agenttransport.h"
 #include "agent/artifactfetcher.h"
+#include "agent/consentflow.h"
 #include "agent/deploymentplan.h"
+#include "agent/documentreader.h"
+#include "agent/installedbase.h"
 #include "agent/installlock.h"
 #include "agent/progressbar.h"
 #include "agent/rebootconfirmation.h"
@@ -43,6 +46,9 @@ class UpdateAgent {
   Cycle cycle();
   // Waits up to `seconds`, returning early once stop() was called.
   void sleep(std::int64_t seconds);
+  // Binds the settings and reports `name` `version` as installed on the
+  // device; the exit status (ExitCode), the reason logged when not 0.
+  int reportInstalled(std::string const& name, std::string const& version);
   // Cancels a running download or verification and ends the loop.
   void stop();
   bool stopping() const { return stop_.load(); }
@@ -93,6 +99,11 @@ class UpdateAgent {
   std::vector<std::string> waitingFiles_, waitingDirs_;
   std::set<std::string> gone_;  // actions the server answered 404/410 for
   int failedPolls_ = 0;         // in a row
+  DocumentReader reader_;       // documents the library does not read
+  ConsentFlow consent_;
+  InstalledBase installed_;
+  std::string baseBody_;  // the last base poll answer's body, kept by the transport's observer
+  bool again_ = false;    // polling again at once, after a confirmation
   std::mutex sleepLock_;
   std::condition_variable wake_;
 };

@@ -254,6 +254,10 @@ int main(int argc, char** argv) {
     server.setFault(server.controllerPath() + "/deploymentBase/" + settings.action,
                     settings.deployment);
   }
+  if (isFault(settings.confirmation)) {
+    server.setFault(server.controllerPath() + "/confirmationBase/" + settings.action,
+                    settings.confirmation);
+  }
   if (isFault(settings.config)) {
     server.setFault(server.controllerPath() + "/configData", settings.config);
   }

@@ -114,14 +114,15 @@ std::string readFault(Self& self, std::string const& value) {
   std::size_t const equals = value.find('=');
   std::string const where = value.substr(0, equals);
   std::string const what = equals == std::string::npos ? "" : value.substr(equals + 1);
-  Fault* const target = where == "poll"         ? &self.poll
-                        : where == "deployment" ? &self.deployment
-                        : where == "config"     ? &self.config
-                        : where == "feedback"   ? &self.feedback
-                        : where == "artifact"   ? &self.always
-                                                : nullptr;
+  Fault* const target = where == "poll"           ? &self.poll
+                        : where == "deployment"   ? &self.deployment
+                        : where == "confirmation" ? &self.confirmation
+                        : where == "config"       ? &self.config
+                        : where == "feedback"     ? &self.feedback
+                        : where == "artifact"     ? &self.always
+                                                  : nullptr;
   if (target == nullptr)
-    return "'" + where + "' is not poll, deployment, config, feedback, artifact";
+    return "'" + where + "' is not poll, deployment, confirmation, config, feedback, artifact";
   Fault made;
   if (what == "stall") {
     made.answerDelayMs = 3600 * 1000;
@@ -267,7 +268,8 @@ std::vector<ServerOptions::Option> const& ServerOptions::options() {
          return number(v, 1, 60000, self.always.delayMs) ? "" : notNumber(v, 1, 60000);
        }},
       {"--fault", "WHERE=WHAT",
-       "WHERE: poll, deployment (its deploymentBase), config (the configData PUT), feedback "
+       "WHERE: poll, deployment (its deploymentBase), confirmation (its confirmationBase "
+       "document), config (the configData PUT), feedback "
        "(of the action) or artifact (every GET); WHAT: stall (no answer), trickle (1 byte per "
        "100 ms), overlong (the body and 1 MiB more), endless (the body, then bytes without end; "
        "both without Content-Length), an HTTP status with an error document, or a hostile "

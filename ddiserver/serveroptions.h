@@ -39,7 +39,7 @@ class ServerOptions {
   std::string onceFile;                      // the artifact `once` is for; "" for each
   bool https = false;
   std::string caOut, tlsCert, tlsKey, clientCa, clientCertOut;
-  Fault poll, deployment, config, feedback;  // --fault poll=, deployment=, ...
+  Fault poll, deployment, confirmation, config, feedback;  // --fault poll=, deployment=, ...
 
  private:
   std::string error_;

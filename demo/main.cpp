@@ -1,6 +1,7 @@
 // tamrel-demo: the agent's classes through a whole cycle against an
 // in-process DDI server: configuration data, a deployment of two chunks and
-// three artifacts, a cancel request, then what the server received.
+// three artifacts, a cancel request, then what the server received; then an
+// update that waits for the device's consent, confirmed by a consent command.
 #include <ftw.h>
 
 #include <algorithm>
@@ -14,6 +15,7 @@
 #include "agent/updateagent.h"
 #include "ddiserver/ddidocument.h"
 #include "ddiserver/ddiserver.h"
+#include "ddiserver/hawkbittarget.h"
 #include "digest/digest.h"
 
 namespace {
@@ -105,6 +107,84 @@ bool report(ddiserver::DdiServer const& server) {
   return deployed && cancelled;
 }
 
+AgentConfig demoConfig(std::string const& base, std::string const& dir) {
+  AgentConfig config;
+  config.demo = true;
+  config.downloadDir = dir;
+  auto& table = *config.properties;
+  *table["address"] = base;
+  *table["tenant-id"] = "DEFAULT";
+  *table["controller-id"] = "dev01";
+  *table["token"] = "demo-token";
+  return config;
+}
+
+// A server that holds new actions until the device agrees, as a hawkBit
+// tenant with user consent does; the agent asks a consent command, which
+// agrees. Prints the exchange; true when the action was confirmed by the
+// command and then closed with success.
+bool consent(std::string const& dir) {
+  ddiserver::DdiServer server;
+  server.setRequireToken("demo-token");
+  ddiserver::HawkbitTarget::Options options;
+  options.baseUrl = server.baseUrl();
+  options.controllerPath = server.controllerPath();
+  options.sleep = "00:00:30";
+  options.confirmRequired = true;
+  ddiserver::HawkbitTarget target(options);
+  server.setHandler(
+      [&target](ddiserver::RecordedRequest const& request, ddiserver::DdiServer::Answer& answer) {
+        return target.answer(request, answer);
+      });
+  std::string const content(256 << 10, 'x');
+  ddiserver::ArtifactDocument artifact;
+  artifact.filename = "rootfs.img";
+  artifact.size = content.size();
+  using tamrel::Digest;
+  artifact.hashes["sha1"] = Digest::of(Digest::Kind::kSha1, content.data(), content.size());
+  artifact.hashes["md5"] = Digest::of(Digest::Kind::kMd5, content.data(), content.size());
+  artifact.links["download-http"] = server.addArtifact("/artifacts/rootfs.img", content);
+  ddiserver::DeploymentDocument deployment;
+  deployment.id = "3";
+  deployment.chunks.push_back({"os", "2.1", "rootfs", {artifact}, false});
+  target.assign(deployment);
+
+  AgentConfig config = demoConfig(server.baseUrl(), dir);
+  config.consent = "command";
+  config.consentCommand = "echo \"the driver agrees to action $1: $2 $3\"; exit 0";
+  {
+    UpdateAgent agent(config);
+    SignalThread stopper(agent);
+    if (!agent.connect()) return false;
+    agent.cycle();
+  }
+  std::printf("\n== what the server received\n");
+  std::string const controller = server.controllerPath();
+  bool confirmed = false, closed = false;
+  for (auto const& request : server.requests()) {
+    std::string path = request.path;
+    if (path.compare(0, controller.size(), controller) == 0)
+      path = "~" + path.substr(controller.size());
+    std::string note;
+    if (path.rfind("~/confirmationBase/3/feedback", 0) == 0) {
+      auto const sent = ddiserver::readConfirmationFeedback(request.body);
+      note = std::string(sent.confirmed ? "confirmed" : "denied") + ", code " +
+             std::to_string(sent.code) + ": " + (sent.details.empty() ? "" : sent.details[0]);
+      confirmed = sent.confirmed && sent.code == 0;
+    } else if (path.rfind("~/deploymentBase/3/feedback", 0) == 0) {
+      auto const sent = ddiserver::readFeedback(request.body);
+      note = "feedback: " + sent.execution + "/" + sent.finished;
+      closed = note == "feedback: closed/success";
+    }
+    std::printf("  %-4s %s%s%s\n", request.method.c_str(), path.c_str(), note.empty() ? "" : "  ",
+                note.c_str());
+  }
+  std::printf("\nsummary: action 3 %s by the consent command, %s\n",
+              confirmed ? "confirmed" : "NOT confirmed",
+              closed ? "then closed/success" : "NOT closed/success");
+  return confirmed && closed;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -125,15 +205,8 @@ int main(int argc, char** argv) {
 
   char dir[] = "/tmp/tamrel-demo-XXXXXX";
   if (mkdtemp(dir) == nullptr) return 1;
-  AgentConfig config;
-  config.demo = true;
-  config.downloadDir = dir;
+  AgentConfig config = demoConfig(base, dir);
   config.attributes = {{"hw-revision", "2"}, {"serial", "demo-0001"}};
-  auto& table = *config.properties;
-  *table["address"] = base;
-  *table["tenant-id"] = "DEFAULT";
-  *table["controller-id"] = "dev01";
-  *table["token"] = "demo-token";
 
   bool ok = false;
   {
@@ -154,6 +227,10 @@ int main(int argc, char** argv) {
       std::printf("== what the server received\n");
       ok = report(server);
     }
+  }
+  if (ok) {
+    std::printf("\n== an update waiting for the device's consent\n");
+    ok = consent(std::string(dir) + "/consent");
   }
   removeTree(dir);
   return ok ? 0 : 1;

@@ -82,6 +82,8 @@ TEST(AgentConfig, RefusalsNameTheLine) {
       {"token = t\ndownload-retries = 101\n", "download-retries must be a whole number from 0"},
       {"token = t\nmax-document-mib = 1e3\n", "max-document-mib must be a whole number"},
       {"token = t\nattribute.x = " + std::string(129, 'v') + "\n", "limited to 128 characters"},
+      {"token = t\nconsent = ask\n", ":6: consent must be one of auto|command"},
+      {"token = t\nconsent = command\n", "consent = command needs consent-command"},
       {"token = t\njust words\n", "expected 'key = value'"},
       {"token = t\n= 1\n", "missing key before '='"},
       {"token = t\x01\n", "token must not contain control characters"},

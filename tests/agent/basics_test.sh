@@ -8,8 +8,9 @@ set -uo pipefail
 . "$(dirname "$0")/lib.sh"
 "$build/tamrel-demo" > "$work/demo.log" 2>&1
 check "demo exits 0" test $? -eq 0
-check "demo: deployment and cancel closed/success" \
-  grep -q 'deployment 1 closed/success, cancel request 2 closed/success' "$work/demo.log"
+check "demo: deployment and cancel closed/success, consent confirmed by the command" eval \
+  'grep -q "deployment 1 closed/success, cancel request 2 closed/success" "$work/demo.log" &&
+   grep -q "action 3 confirmed by the consent command, then closed/success" "$work/demo.log"'
 check "demo: download dir removed" \
   test ! -e "$(sed -n 's/.*downloads into \([^ ]*\)$/\1/p' "$work/demo.log")"
 
