@@ -12,11 +12,20 @@ run() {
   return "$1"
 }
 need() { command -v "$1" > /dev/null 2>&1 || die "$1 is not installed"; }
-# record NAME VALUE: written to a temporary file, flushed and renamed, so a
-# crash leaves the old record or the new one.
+# record NAME VALUE: written to a new temporary file of a name no one can
+# guess (mktemp: created, never followed), flushed and renamed, the directory
+# flushed after the rename, so that a crash leaves the old record or the new
+# one. A state directory others may write to is refused: a link planted there
+# would make root write where it points.
 record() {
-  if ! { mkdir -p "$state" && printf '%s\n' "$2" > "$state/$1.tmp" && sync "$state/$1.tmp" &&
-    mv -f "$state/$1.tmp" "$state/$1"; }; then die "cannot write $state/$1"; fi
+  mkdir -p -m 700 "$state" || die "cannot create $state"
+  [ -z "$(find -H "$state" -maxdepth 0 \( ! -user "$(id -u)" -o -perm /022 \))" ] ||
+    die "$state is writable by others than its owner, or not owned by $(id -un): refusing to write records there"
+  tmp=$(mktemp "$state/.$1.XXXXXX") || die "cannot write $state/$1"
+  if ! { printf '%s\n' "$2" > "$tmp" && sync "$tmp" && mv -fT "$tmp" "$state/$1" && sync "$state"; }; then
+    rm -f "$tmp"
+    die "cannot write $state/$1"
+  fi
 }
 recorded() {
   [ -s "$state/$1" ] || die "no record of an installed update in $state/$1"

@@ -25,8 +25,16 @@ mkdir -p "$work/art"
 serve() {  # a server for $work/art; the agent's configuration to match
   "$server" --token t --artifacts "$work/art" > "$work/server.log" 2>&1 &
   spid=$!
-  for _ in $(seq 1200); do grep -q 'DDI server on' "$work/server.log" && break; sleep 0.05; done
-  address=$(sed -n 's|^DDI server on \(http://[0-9.:]*\)/.*|\1|p' "$work/server.log")
+  # Its address is its first line; a server that exits before printing it
+  # ends the run with its output.
+  local alive=1
+  while :; do
+    kill -0 "$spid" 2> /dev/null || alive=0
+    address=$(sed -n '1s|^DDI server on \(http://[0-9.:]*\)/.*|\1|p' "$work/server.log")
+    [ -z "$address" ] || break
+    [ "$alive" -eq 1 ] || { echo "bench-deploy: the server printed no address:" >&2; cat "$work/server.log" >&2; exit 1; }
+    sleep 0.05
+  done
   printf '%s\n' "address = $address" 'tenant-id = DEFAULT' 'controller-id = dev01' 'token = t' \
     "download-dir = $work/dl" 'install-command = /bin/true' > "$work/agent.conf"
 }

@@ -34,7 +34,10 @@ chmod 644 "$www/a64.bin"
 head -c $((512 << 20)) /dev/urandom > "$www/a512.bin"
 chmod 644 "$www/a512.bin"
 
-port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])')
+# nginx takes no port 0: the kernel names a free port, nginx binds it before
+# it returns, and should another program have taken the port in between,
+# nginx fails at once and the next free port is tried.
+nginx_conf() {
 cat > "$conf/nginx.conf" <<CONF
 worker_processes 1;
 pid $conf/nginx.pid;
@@ -54,8 +57,15 @@ http {
   }
 }
 CONF
-nginx -c "$conf/nginx.conf" -p "$conf"
-for _ in $(seq 50); do curl -sf -o /dev/null "http://127.0.0.1:$port/a64.bin" && break; sleep 0.1; done
+}
+for attempt in 1 2 3 4 5; do
+  port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])')
+  nginx_conf
+  nginx -c "$conf/nginx.conf" -p "$conf" 2> "$conf/start.log" && break
+  grep -q 'Address already in use' "$conf/start.log" && [ "$attempt" -lt 5 ] ||
+    { echo "nginx did not start:" >&2; cat "$conf/start.log" >&2; exit 1; }
+done
+curl -sf -o /dev/null "http://127.0.0.1:$port/a64.bin" || { echo "nginx does not serve the artifacts" >&2; exit 1; }
 
 echo "machine: $(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | xargs)"
 echo "libcurl $(curl --version | head -1 | cut -d' ' -f2), $(openssl version)"

@@ -100,15 +100,23 @@ closing="$feedback"'.*"execution": *"closed"'
 installed="$feedback.*All Chunks Installed"
 offered='^GET /DEFAULT/controller/v1/dev01/(deploymentBase|cancelAction)/|^(GET|HEAD) /artifacts/'
 
-# start_server NAME OPTION...: the server on a free loopback port, polled every second.
+# start_server NAME OPTION...: the server on a free loopback port, polled every
+# second; its address read from its first line. One that exits before it
+# prints the address fails at once.
 start_server() {
   srv_log=$work/$1.server
   : > "$srv_log"
   shift
   "$server" --port 0 --artifacts "$work/artifacts" --sleep 00:00:01 "$@" > "$srv_log" 2>&1 &
   srv_pid=$!
-  wait_for "$srv_log" '^DDI server on https?://' 5 || return 1
-  url=$(sed -n '1s|^DDI server on \(https\?://[^/]*\)/.*|\1|p' "$srv_log")
+  local alive=1 deadline=$((SECONDS + 5))
+  while :; do
+    kill -0 "$srv_pid" 2> /dev/null || alive=0
+    url=$(sed -n '1s|^DDI server on \(https\?://[^/]*\)/.*|\1|p' "$srv_log")
+    [ -z "$url" ] || return 0
+    [ "$alive" -eq 1 ] && [ "$SECONDS" -lt "$deadline" ] || return 1
+    sleep 0.05
+  done
 }
 
 # start_client NAME SURICATTA-OPTION...: swupdate polling the server every

@@ -9,7 +9,7 @@ set -uo pipefail
 . "$(dirname "$0")/agent/lib.sh"
 src=$(cd "$(dirname "$0")/.." && pwd)/installers
 [ "$(id -u)" -eq 0 ] || { echo "installers test: needs root"; exit 2; }
-for tool in rauc mksquashfs dbus-daemon swupdate openssl cpio curl; do
+for tool in rauc mksquashfs dbus-daemon swupdate fw_setenv openssl cpio curl; do
   command -v $tool > /dev/null || { echo "installers test: $tool is missing"; exit 2; }
 done
 # The server lib.sh starts is bounded too.
@@ -52,10 +52,22 @@ cd $boot && case \$1 in get-primary) cat primary ;; get-state) cat state.\$2 ;; 
 set-primary) ! rm hold 2> /dev/null || { echo > busy; timeout 20 sh -c 'until [ -e go ]; do sleep 0.1; done'; }
   echo \$2 >> primaries; echo \$2 > primary; echo good > state.\$2 ;; *) exit 1 ;; esac
 EOF
-# SWUpdate's boot-loader environment stand-in: a file a variable.
-printf '#!/bin/sh\ncd %s && if [ "$1" = get ]; then cat "env.$2"; else echo "$3" > "env.$2"; fi\n' "$boot" > "$dev/bootenv"
+# SWUpdate's boot-loader environment: U-Boot's tools on a file (boot_slot=A
+# when it holds none), the running slot on the kernel command line in
+# $dev/cmdline. rauc warns on standard error, with words that break or
+# abuse an evaluation of it.
+mkdir -p "$dev/bin"
+echo "$dev/uboot.env 0x0 0x1000" > "$dev/fw_env.config" && echo boot_slot=A > "$dev/initial.env"
+for t in fw_printenv fw_setenv; do
+  printf '#!/bin/sh\nexec %s -c %s -f %s "$@"\n' "$(command -v $t)" "$dev/fw_env.config" "$dev/initial.env" > "$dev/bin/$t"
+done
+printf '#!/bin/sh\n[ "$1" != status ] || echo "(rauc:1): WARNING: can'"'"'t \$(touch %s/evaluated)" >&2\nexec %s "$@"\n' \
+  "$dev" "$(command -v rauc)" > "$dev/bin/rauc"
+export PATH=$dev/bin:$PATH
 printf '#!/bin/sh\necho >> %s/reboots\n' "$dev" > "$dev/reboot"
-chmod +x "$dev/backend" "$dev/bootenv" "$dev/reboot"
+chmod +x "$dev/backend" "$dev/bin/"* "$dev/reboot"
+env_is() { [ "$(fw_printenv -n "$1" 2> /dev/null)" = "$2" ]; }
+refuses() { local out; out=$(timeout 20 sh -c "$1" 2>&1) && return 1; grep -qF -- "$2" <<< "$out"; }
 printf '%s\n' '[system]' compatible=tamrel-test bootloader=custom "mountprefix=$dev/mnt" \
   "statusfile=$dev/rauc.status" '[handlers]' "bootloader-custom-backend=$dev/backend" '[keyring]' \
   "path=$keys/ca.pem" '[slot.rootfs.0]' "device=$dev/slotA" type=raw bootname=A \
@@ -106,12 +118,13 @@ service() {
 # primary, the server offering FILE, the agent set up with the shipped
 # fragment pointed at the test's files.
 device() {
-  local extra=''; [ "$1" = rauc ] || extra="--bootenv $dev/bootenv "
+  local extra=''; [ "$1" = rauc ] || extra="--cmdline $dev/cmdline "
   [ -z "$server_pid" ] || kill "$server_pid"
   rm -rf "$boot" "$work/art" "$work/state" "$dev/reboots" "$dev/rauc.status"
+  head -c 4096 /dev/zero > "$dev/uboot.env"
   mkdir -p "$boot" "$work/art" && cp "$work/$2" "$work/art/"
   for s in A B; do cp "$work/zeros" "$dev/slot$s"; echo good > "$boot/state.$s"; done
-  echo A > "$boot/primary"; echo A > "$boot/env.boot_slot"
+  echo A > "$boot/primary"; echo 'quiet tamrel.slot=A' > "$dev/cmdline"
   boot A && serve "${@:3}" || return 1
   server_pid=${pids[-1]}
   sed -e "s|/usr/share/tamrel-agent/installers|$src|; s|\(/install\) |\1 $extra--state $work/state |" \
@@ -152,8 +165,9 @@ check "rauc: slot B written, B primary once, reboot asked, nothing closed" \
   eval 'installed_once && file_is "$boot/primaries" B && test -z "$(closing)"'
 # The agent starts before the service after this reboot: confirm waits for it.
 boot; agent 'waiting for the RAUC service' LOG 'service B'
-check "rauc: confirmed after the reboot, closed success once, B marked good" \
-  eval 'closed_once success "$confirmed" && file_is "$boot/state.B" good && file_is "$boot/primaries" B && reboots 1'
+check "rauc: confirmed after the reboot (warnings on stderr), closed success once, B marked good" \
+  eval 'closed_once success "$confirmed" && file_is "$boot/state.B" good && file_is "$boot/primaries" B &&
+        reboots 1 && test ! -e "$dev/evaluated"'
 
 device rauc untrusted.raucb; agent
 check "rauc untrusted signer: closed failure with RAUC's reason, nothing installed" \
@@ -173,28 +187,67 @@ check "rauc SIGTERM during install: installed again after the first, closed succ
 
 device swupdate good.swu; agent
 check "swupdate: slot B written, boot_slot B on trial, reboot asked" \
-  eval 'installed_once && file_is "$boot/env.boot_slot" B && file_is "$boot/env.upgrade_available" 1'
-echo "boot$((++boots))" > "$dev/boot-id"; agent
+  eval 'installed_once && env_is boot_slot B && env_is upgrade_available 1'
+# The reboot did not happen: still running A, a second install is refused.
+check "swupdate: a second install before the reboot is refused, slot A untouched" eval \
+  'refuses "$src/swupdate/install --key $keys/swu.pem --cmdline $dev/cmdline $work/good.swu" "waits for its trial boot" &&
+   installed_once'
+echo "boot$((++boots))" > "$dev/boot-id"; echo 'quiet tamrel.slot=B' > "$dev/cmdline"; agent
 check "swupdate: confirmed after the reboot, closed success once, trial ended" \
-  eval 'closed_once success "$confirmed" && file_is "$boot/env.upgrade_available" 0 && reboots 1'
+  eval 'closed_once success "$confirmed" && env_is upgrade_available 0 && reboots 1'
 
 device swupdate good.swu --corrupt good.swu; agent
 check "swupdate corrupt image: closed failure on its digest, nothing installed" \
-  eval 'closed_once failure "digest mismatch" && untouched && file_is "$boot/env.boot_slot" A'
+  eval 'closed_once failure "digest mismatch" && untouched && env_is boot_slot A'
 
 device swupdate other.swu; agent
 check "swupdate image of another key: closed failure with SWUpdate's reason, nothing installed" \
-  eval 'closed_once failure "slot B: Authentication of all signatures failed" && untouched &&
-        file_is "$boot/env.boot_slot" A'
+  eval 'closed_once failure "slot B: Authentication of all signatures failed" && untouched && env_is boot_slot A'
+
+# The slot SWUpdate writes, by what runs and the boot-loader environment
+# (a file a variable, each write logged): a stand-in swupdate logs its
+# arguments. Then confirm on that slot ends the trial, on the other fails.
+printf '#!/bin/sh\necho "$*" > %s/swupdate.args\n' "$dev" > "$dev/swupdate" && chmod +x "$dev/swupdate"
+printf '#!/bin/sh\ncd %s || exit\n%s\n%s\n' "$boot" 'if [ "$1" = get ]; then cat "env.$2"; exit; fi; echo "$*" >> writes' \
+  'shift; while [ $# -gt 1 ]; do echo "$2" > "env.$1"; shift 2; done' > "$dev/bootenv" && chmod +x "$dev/bootenv"
+mounted=$(awk '$2 == "/" { d = $1 } END { print d }' /proc/self/mounts)
+while IFS='|' read -r cmdline roots env target; do
+  rm -rf "$boot" "$work/state" && mkdir -p "$boot" && echo "$cmdline" > "$dev/cmdline"
+  set -- $env && echo "$1" > "$boot/env.boot_slot" && echo "${2:-}" > "$boot/env.upgrade_available"
+  opts="--bootenv $dev/bootenv --cmdline $dev/cmdline --root-devices '$roots' --state $work/state"
+  install="PATH=$dev:\$PATH $src/swupdate/install --key $keys/swu.pem $opts x"
+  case $target in
+    [AB]) check "swupdate install running '$cmdline' ($roots), boot_slot $1: writes $target, one write" eval \
+      'sh -c "$install" 2> /dev/null; test $? -eq 10 &&
+       file_is "$dev/swupdate.args" "-i x -k $keys/swu.pem -e stable,$target" &&
+       file_is "$boot/writes" "set boot_slot $target upgrade_available 1 bootcount 0"' ;;
+    *) check "swupdate install running '$cmdline' ($roots), boot_slot $*: refused" \
+      refuses "$install" "$target" ;;
+  esac
+done << EOF
+tamrel.slot=A||B 0|B
+ro root=/dev/vdb2 quiet|A=/dev/vdb1 B=/dev/vdb2|B|A
+quiet|A=/dev/null B=$mounted|A 0|A
+quiet|A=/dev/vdb1 B=/dev/vdb2|A 0|cannot tell the running slot
+tamrel.slot=A||B 1|slot B waits for its trial boot (upgrade_available=1, running A)
+EOF
+mkdir -p "$work/state" && echo B > "$work/state/swupdate-slot"
+echo tamrel.slot=B > "$dev/cmdline" && echo B > "$boot/env.boot_slot"
+check "swupdate confirm running the slot written: trial ended" \
+  eval 'sh -c "$src/swupdate/confirm $opts" && file_is "$boot/writes" "set upgrade_available 0 bootcount 0"'
+echo tamrel.slot=A > "$dev/cmdline" && echo A > "$boot/env.boot_slot" && rm "$boot/writes"
+check "swupdate confirm running the other slot: fails on the fallback, trial ended there" \
+  eval 'refuses "$src/swupdate/confirm $opts" "running slot A, not B" &&
+        file_is "$boot/writes" "set upgrade_available 0 bootcount 0"'
 
 # Refusals with a reason, before anything is installed.
-refuses() { local out; out=$(timeout 20 sh -c "$1" 2>&1) && return 1; grep -qF -- "$2" <<< "$out"; }
 while IFS='|' read -r what command reason; do check "$what" refuses "$command" "$reason"; done << EOF
 rauc install: no service on the bus|DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nonexistent $src/rauc/install x|the RAUC service does not answer
 rauc install: two files|$src/rauc/install a b|expects one bundle, got 2 files
 rauc confirm: nothing installed|$src/rauc/confirm --state $work/none|no record of an installed update
 swupdate install: no key|$src/swupdate/install --key /nonexistent x|no readable public key
-swupdate install: no boot-loader environment|$src/swupdate/install --key $keys/swu.pem --bootenv false x|cannot read boot_slot
+swupdate install: no boot-loader environment|$src/swupdate/install --key $keys/swu.pem --bootenv false --cmdline $dev/cmdline x|cannot read boot_slot
+swupdate install: a state directory others may write|chmod 777 $work/state; $install|writable by others
 EOF
 echo "installers test: $((SECONDS - start)) s"
 [ "$fail" -eq 0 ] && echo "installers tests: all passed"

@@ -23,6 +23,21 @@ wait_for() {  # pattern, file; the cap (120 s) only bounds a failing run
   return 1
 }
 
+# address_of PID LOG: sets $address from the first line of a server started
+# on port 0 with its output in LOG. A server that exits before printing it
+# fails at once, with its output.
+address_of() {
+  local alive=1 tries=0
+  while :; do
+    # Whether it lives is asked first: a line printed before an exit is read.
+    kill -0 "$1" 2> /dev/null || alive=0
+    address=$(sed -n '1s|^DDI server on \(https\?://[0-9.:]*\)/.*|\1|p' "$2")
+    [ -z "$address" ] || return 0
+    [ "$alive" -eq 1 ] && [ $((tries += 1)) -le 2400 ] || break
+    sleep 0.05
+  done
+  echo "the server printed no address (it exited, or 120 s passed):"; cat "$2"; return 1
+}
 # Starts a server on an ephemeral port serving $work/art with the given
 # options; sets $log and $address. The agent's settings go to $conf,
 # downloads to $dl.
@@ -31,8 +46,7 @@ serve() {
   n=$((n + 1)); log=$work/server$n.log; conf=$work/agent$n.conf; dl=$work/dl$n
   "$server" --token 't0k#1' --artifacts "$work/art" "$@" > "$log" 2>&1 &
   pids+=($!)
-  wait_for 'DDI server on' "$log" || { echo "server did not start"; cat "$log"; return 1; }
-  address=$(sed -n 's|^DDI server on \(https\?://[0-9.:]*\)/.*|\1|p' "$log")
+  address_of $! "$log" || return 1
   printf 'address = %s\ntenant-id = DEFAULT\ncontroller-id = dev01\n' "$address" > "$conf"
   # A '#' inside a value is kept; after a blank it starts a comment.
   printf 'token = t0k#1   # comment\ndownload-dir = %s\nattribute.serial = 42\n' "$dl" >> "$conf"
