@@ -40,6 +40,7 @@ std::string* textField(AgentConfig& config, std::string const& key) {
   if (key == "confirm-command") return &config.confirmCommand;
   if (key == "trusted-hosts") return &config.trustedHosts;
   if (key == "boot-id-file") return &config.bootIdFile;
+  if (key == "install-mode") return &config.installMode;
   return nullptr;
 }
 
@@ -70,6 +71,10 @@ std::vector<AgentConfig::Key> const& AgentConfig::keys() {
       {"state-dir", K::kText, false, "", "where the pending-reboot record is kept", 0, 0},
       {"install-command", K::kText, false, "", "sh -c command, the chunk's files as $1, $2, ...", 0,
        0},
+      {"install-mode", K::kText, false, "file",
+       "file (stored, then installed), stream (fed to its stdin) or url (it fetches)", 0, 0},
+      {"stream-hold-back-kib", K::kNumber, false, "1024",
+       "stream: the last KiB the command sees once the digests match", 64, 1048576},
       {"reboot-exit-code", K::kNumber, false, "", "install exit status meaning reboot needed", 1,
        255},
       {"reboot-command", K::kText, false, "", "run for that reboot", 0, 0},
@@ -114,6 +119,7 @@ void AgentConfig::storeNumber(std::string const& key, long long value) {
   static Field const fields[] = {
       {"reboot-exit-code", [](AgentConfig& c, long long v) { c.rebootExitCode = int(v); }},
       {"download-retries", [](AgentConfig& c, long long v) { c.retries = int(v); }},
+      {"stream-hold-back-kib", [](AgentConfig& c, long long v) { c.streamHoldBackKib = v; }},
       {"download-timeout-s", [](AgentConfig& c, long long v) { c.timeoutSeconds = int(v); }},
       {"download-min-rate", [](AgentConfig& c, long long v) { c.downloadMinRate = v; }},
       {"poll-timeout-s", [](AgentConfig& c, long long v) { c.pollTimeoutSeconds = int(v); }},
@@ -230,6 +236,8 @@ AgentConfig AgentConfig::fromFile(std::string const& path) {
       config.attributes.push_back({name, value});
     } else if (std::string* field = known != nullptr ? textField(config, key) : nullptr) {
       *field = value;
+      if (key == "install-mode" && value != "file" && value != "stream" && value != "url")
+        fail("install-mode must be file, stream or url");
     } else {
       fail("unknown key '" + key + "'");
     }

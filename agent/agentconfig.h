@@ -49,6 +49,8 @@ class AgentConfig {
   std::string confirmCommand;            // "confirm-command", run at start after a reboot
   std::string bootIdFile;                // "boot-id-file": changes with every boot
   std::string trustedHosts;              // "trusted-hosts": host[:port], ... besides address
+  std::string installMode;               // "install-mode": file, stream or url
+  long long streamHoldBackKib = 0;       // "stream-hold-back-kib"
   int rebootExitCode = -1;               // "reboot-exit-code"; -1: none configured
   int retries = 0;                       // "download-retries"
   int timeoutSeconds = 0;                // "download-timeout-s"

@@ -63,7 +63,8 @@ UpdateAgent::UpdateAgent(AgentConfig const& config)
       fetcher_(client_, config, stop_),
       server_(config, transport_, [this] { return stopping(); }),
       reboot_(client_, config,
-              [this](std::function<bool()> const& request) { return server_.send(request); }) {
+              [this](std::function<bool()> const& request) { return server_.send(request); }),
+      streamer_(transport_, config, stop_) {
   // hawkBit refuses configuration data without attributes.
   if (attributes_.empty()) attributes_.push_back({"tamrel-agent.version", TAMREL_VERSION});
 }
@@ -281,8 +282,17 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
     return false;
   }
 
+  // In install-mode stream and url nothing is stored ahead of the install.
+  bool const streamed = config_.installMode != "file";
+  if (streamed && downloadOnly) {
+    deployment.chunks.front().details.push_back("install-mode " + config_.installMode +
+                                                " stores nothing: a download-only action "
+                                                "cannot be served");
+    close(deployment, false);
+    return false;
+  }
   std::vector<std::vector<std::string>> files(deployment.chunks.size());
-  bool success = download(deployment, plan, files);
+  bool success = streamed || download(deployment, plan, files);
   if (stopping()) {
     // The next run resumes the partial files.
     proceed(deployment, "interrupted on the device; the download resumes on the next start",
@@ -314,8 +324,9 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
   for (std::size_t c = 0; c < deployment.chunks.size() && success; ++c) {
     auto& chunk = deployment.chunks[c];
     chunk.completed = true;
-    if (config_.installCommand.empty() || files[c].empty()) continue;
-    Installed const result = install(files[c], chunk.details);
+    if (config_.installCommand.empty() || (files[c].empty() && !streamed)) continue;
+    Installed const result =
+        streamed ? installStreamed(chunk, plan, deployment.id) : install(files[c], chunk.details);
     success = result != Installed::kFailed;
     reboot = reboot || result == Installed::kReboot;
   }
@@ -423,5 +434,26 @@ UpdateAgent::Installed UpdateAgent::install(std::vector<std::string> const& file
       std::string("install command ") + (installed == Installed::kFailed ? "failed" : "succeeded") +
       " (" + result.describe() + (installed == Installed::kReboot ? ", reboot needed" : "") + ")");
   for (auto const& line : result.stderrTail) details.push_back("install: " + line);
+  return installed;
+}
+
+UpdateAgent::Installed UpdateAgent::installStreamed(hawkbit_query_t::deployment_t::chunk_t& chunk,
+                                                    DeploymentPlan const& plan,
+                                                    std::string const& actionId) {
+  std::string const sha256 =
+      chunk.artifacts.size() == 1 ? plan.sha256(chunk.name, chunk.artifacts[0].filename) : "";
+  StreamInstaller::Outcome const outcome = streamer_.install(chunk, sha256, actionId);
+  if (!outcome.command.started) return Installed::kFailed;
+  int const code = outcome.command.exitCode;
+  Installed const installed = !outcome.delivered ? Installed::kFailed
+                              : code == 0        ? Installed::kDone
+                              : config_.rebootExitCode >= 0 && code == config_.rebootExitCode
+                                  ? Installed::kReboot
+                                  : Installed::kFailed;
+  chunk.details.push_back(std::string("install command ") +
+                          (installed == Installed::kFailed ? "failed" : "succeeded") + " (" +
+                          outcome.command.describe() +
+                          (installed == Installed::kReboot ? ", reboot needed" : "") + ")");
+  for (auto const& line : outcome.command.stderrTail) chunk.details.push_back("install: " + line);
   return installed;
 }

@@ -15,6 +15,7 @@
 #include "agent/progressbar.h"
 #include "agent/rebootconfirmation.h"
 #include "agent/serverrequest.h"
+#include "agent/streaminstaller.h"
 #include "agent/watchdog.h"
 #include "plugin/libtamrelcore.h"
 
@@ -68,6 +69,10 @@ class UpdateAgent {
   void closeDownloaded(hawkbit_query_t::deployment_t const& deployment);
   enum class Installed { kDone, kReboot, kFailed };
   Installed install(std::vector<std::string> const& files, std::vector<std::string>& details);
+  // install-mode stream or url: the chunk's artifact goes to the command
+  // without being stored.
+  Installed installStreamed(hawkbit_query_t::deployment_t::chunk_t& chunk,
+                            DeploymentPlan const& plan, std::string const& actionId);
   // Why the last poll failed, with a hint for the operator.
   std::string pollFailure(Watchdog::Verdict verdict, std::string const& libraryLog) const;
 
@@ -80,6 +85,7 @@ class UpdateAgent {
   ArtifactFetcher fetcher_;
   ServerRequest server_;  // every POST/PUT goes through it
   RebootConfirmation reboot_;
+  StreamInstaller streamer_;  // install-mode stream and url
   // An action downloaded in this run and waiting for its maintenance window.
   std::string waitingAction_;  // downloaded, waiting for its maintenance window
   std::vector<std::string> waitingFiles_, waitingDirs_;
