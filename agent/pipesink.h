@@ -61,7 +61,7 @@ class PipeSink : public iobase {
 
   std::uint64_t received() const { return received_; }
   std::uint64_t expected() const { return size_; }
-  std::size_t heldBack() const { return tail_.size(); }
+  std::size_t heldBack() const { return static_cast<std::size_t>(size_ - releaseUpTo_); }
   Refusal refusal() const { return refusal_; }
 
  private:
