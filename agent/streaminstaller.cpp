@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -33,6 +34,16 @@ class QuietPipe {
 
  private:
   sigset_t set_, old_;
+};
+
+struct Descriptor {
+  int const fd;
+  explicit Descriptor(int descriptor) : fd(descriptor) {}
+  ~Descriptor() {
+    if (fd >= 0) close(fd);
+  }
+  Descriptor(Descriptor const&) = delete;
+  Descriptor& operator=(Descriptor const&) = delete;
 };
 
 // A file in `dir` that only the agent's user can read, removed with this.
@@ -216,6 +227,10 @@ StreamInstaller::Outcome StreamInstaller::stream(artifact_t const& artifact, std
   fcntl(fds[1], F_SETPIPE_SZ, 1 << 20);
   std::unique_ptr<InstallChild> child =
       start(config_.installCommand, name, environment, fds[0], keepFd);
+  // The agent keeps a reading end too: it does not hold back the end of the
+  // input (that takes the last writer), and shows what the command left
+  // unread when it exits.
+  Descriptor const unread(fcntl(fds[0], F_DUPFD_CLOEXEC, 0));
   close(fds[0]);
   if (!child->started()) {
     close(fds[1]);
@@ -295,6 +310,12 @@ StreamInstaller::Outcome StreamInstaller::stream(artifact_t const& artifact, std
   std::string problem = why;
   if (problem.empty() && pipe.finish(problem)) {
     outcome.command = child->wait(&stop_);
+    int left = 0;
+    if (unread.fd >= 0 && ioctl(unread.fd, FIONREAD, &left) == 0 && left > 0) {
+      details.push_back(name + ": the install command exited before reading the whole artifact (" +
+                        std::to_string(left) + " bytes left unread)");
+      return outcome;
+    }
     outcome.delivered = true;
     details.push_back(name + ": streamed and verified (" + std::to_string(artifact.size) +
                       " bytes)");

@@ -20,7 +20,9 @@ cat > "$work/early" <<'EOF'
 #!/bin/sh
 head -c 1000 > /dev/null; echo "not my format" >&2; exit 5
 EOF
-chmod +x "$work/standin" "$work/early"
+# Reads all but the last byte and exits 0.
+printf '#!/bin/sh\nhead -c 2999999 > /dev/null\n' > "$work/short"
+chmod +x "$work/standin" "$work/early" "$work/short"
 alog() { echo "$work/agent$n.log"; }
 fresh() { rec=$work/rec$n; mkdir -p "$rec"; export RECORD=$rec; }
 dl_empty() { [ -z "$(find "$dl" -type f 2>/dev/null)" ]; }
@@ -44,6 +46,7 @@ digest mismatch held back|--corrupt image.bin|standin|failure|no|no|digest misma
 connection cut, resumed|--drop-after 1200000|standin|success|yes|yes|
 range ignored|--drop-after 1200000 --ignore-range|standin|failure|no|no|ignored the range request
 installer exits early|--action 1|early|failure|no|no|exited before reading the whole artifact
+installer one byte short, exit 0|--action 1|short|failure|-|-|exited before reading the whole artifact\|stopped reading before the end
 EOF
 check "environment: size, digests, action" grep -q "TAMREL_ARTIFACT_SIZE=3000000" "$work/rec1/env"
 check "environment: sha256" grep -q "TAMREL_ARTIFACT_SHA256=$(sha256sum < "$work/art/image.bin" | cut -c1-64)" "$work/rec1/env"
