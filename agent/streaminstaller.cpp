@@ -186,6 +186,7 @@ StreamInstaller::Outcome StreamInstaller::handOver(std::string const& url,
                                                    std::vector<std::string>& details) {
   Outcome outcome;
   // Removed as this returns, whatever the command did.
+  mkdir(config_.downloadDir.c_str(), 0700);
   PrivateFile const file(config_.downloadDir, credentials(url));
   if (file.path().empty()) {
     details.push_back("cannot write the credentials file in " + config_.downloadDir);
