@@ -5,8 +5,9 @@
 # held back until they match, feedback) against tamrel-ddi-server, next to
 # `curl -s URL | sha256sum` of the same artifact from the same server, for
 # 256 MiB and 1 GiB; the bytes the agent wrote to disk (write_bytes of
-# /proc/PID/io, read by the install command when its input ended, with
-# download-dir on a disk, not tmpfs) and its peak RSS at both sizes. Each run
+# /proc/PID/io, read by the install command as it starts and when its input
+# ended, with download-dir on a disk, not tmpfs) and its peak RSS at both
+# sizes. Each run
 # gets a fresh server; the contenders alternate run by run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -35,10 +36,8 @@ serve() {
     [ "$alive" -eq 1 ] || { echo "bench-stream: the server printed no address:" >&2; cat "$work/server.log" >&2; exit 1; }
     sleep 0.05
   done
-  # In sh -c, $PPID is the agent.
   printf '%s\n' "address = $address" 'tenant-id = DEFAULT' 'controller-id = dev01' 'token = t' \
-    "download-dir = $disk" 'install-mode = stream' \
-    "install-command = cat > /dev/null && sed -n 's/^write_bytes: //p' /proc/\$PPID/io >> $work/written" \
+    "download-dir = $disk" 'install-mode = stream' "install-command = $work/install \$PPID" \
     > "$work/agent.conf"
 }
 unserve() {
@@ -77,6 +76,15 @@ row() {  # label, goal, ours file, peer file: median [min..max] of each and thei
     }' "$3" "$4"
 }
 
+# The install command: its input to /dev/null; appends to $work/written the
+# bytes the agent ($1: in sh -c, $PPID is the agent) wrote to disk while it
+# streamed, and those it wrote in all.
+cat > "$work/install" << EOF
+#!/bin/sh
+io() { sed -n 's/^write_bytes: //p' /proc/\$1/io; }
+s=\$(io \$1) && cat > /dev/null && e=\$(io \$1) && echo \$((e - s)) \$e >> $work/written
+EOF
+chmod +x "$work/install"
 declare -A rss written
 for size in 256 1024; do
   rm -f "$work"/art/* "$work/rss" "$work/written" "$work"/t.*
@@ -92,10 +100,11 @@ for size in 256 1024; do
   done
   row "stream $size MiB: agent vs curl | sha256sum" "<= 1.1" "$work/t.agent" "$work/t.curl"
   rss[$size]=$(sort -n "$work/rss" | tail -1)
-  written[$size]=$(sort -n "$work/written" | tail -1)
+  written[$size]=$(sort -n "$work/written" | tail -1)  # the run that wrote most while streaming
 done
-printf '%-44s %s bytes at 256 MiB, %s bytes at 1 GiB  goal 0\n' \
-  "agent's bytes written to disk while streaming" "${written[256]}" "${written[1024]}"
+set -- ${written[256]} ${written[1024]}
+printf '%-44s %s bytes at 256 MiB, %s at 1 GiB (in all: %s, %s)  goal 0\n' \
+  "agent's bytes written to disk while streaming" "$1" "$3" "$2" "$4"
 printf '%-44s %d KiB vs %d KiB: %+d KiB  goal within 1024 KiB\n' \
   "agent peak RSS, stream 1 GiB vs 256 MiB" "${rss[1024]}" "${rss[256]}" \
   $((rss[1024] - rss[256]))
