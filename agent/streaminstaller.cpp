@@ -301,9 +301,11 @@ StreamInstaller::Outcome StreamInstaller::stream(artifact_t const& artifact, std
   }
 
   if (stop_.load()) {
-    // The command sees a truncated input and is stopped with the agent.
-    pipe.closePipe();
+    // The command's group is stopped with the agent before its input ends:
+    // one that takes the end of its input for a complete image never sees
+    // the end of a truncated one.
     outcome.command = child->wait(&stop_);
+    pipe.closePipe();
     details.push_back(name + ": stream interrupted at " + std::to_string(pipe.received()) + " of " +
                       std::to_string(artifact.size) + " bytes");
     return outcome;
