@@ -130,8 +130,26 @@ std::string StreamInstaller::credentials(std::string const& url) const {
   return text;
 }
 
-StreamInstaller::Outcome StreamInstaller::install(chunk_t& chunk, std::string const& sha256,
-                                                  std::string const& actionId, int keepFd) {
+StreamInstaller::Result StreamInstaller::install(chunk_t& chunk, std::string const& sha256,
+                                                 std::string const& actionId, int keepFd) {
+  Outcome const outcome = run(chunk, sha256, actionId, keepFd);
+  if (!outcome.command.started) return Result::kFailed;
+  int const code = outcome.command.exitCode;
+  Result const result = !outcome.delivered ? Result::kFailed
+                        : code == 0        ? Result::kDone
+                        : config_.rebootExitCode >= 0 && code == config_.rebootExitCode
+                            ? Result::kReboot
+                            : Result::kFailed;
+  chunk.details.push_back(std::string("install command ") +
+                          (result == Result::kFailed ? "failed" : "succeeded") + " (" +
+                          outcome.command.describe() +
+                          (result == Result::kReboot ? ", reboot needed" : "") + ")");
+  for (auto const& line : outcome.command.stderrTail) chunk.details.push_back("install: " + line);
+  return result;
+}
+
+StreamInstaller::Outcome StreamInstaller::run(chunk_t& chunk, std::string const& sha256,
+                                              std::string const& actionId, int keepFd) {
   std::vector<std::string>& details = chunk.details;
   std::string const& mode = config_.installMode;
   if (chunk.artifacts.size() != 1) {

@@ -33,21 +33,18 @@ class StreamInstaller {
  public:
   using chunk_t = hawkbit_query_t::deployment_t::chunk_t;
   using artifact_t = chunk_t::artifact_t;
-  struct Outcome {
-    // stream: every byte came, matched and was released; url: the command ran
-    bool delivered = false;
-    CommandResult command;
-  };
-  static std::size_t const kMinHoldBack = 64 * 1024;
+  enum class Result { kFailed, kDone, kReboot };
 
   StreamInstaller(AgentTransport& transport, AgentConfig const& config,
                   std::atomic<bool> const& stop);
 
   // Installs `chunk` (exactly one artifact) for action `actionId`, adding
-  // what happened to chunk.details. `sha256` is the digest the deployment
+  // what happened to chunk.details: done on exit 0, reboot on
+  // reboot-exit-code, only when the stream came whole and verified (url
+  // mode: when the command ran). `sha256` is the digest the deployment
   // lists ("" when none); `keepFd` is handed on to the command (-1: none).
-  Outcome install(chunk_t& chunk, std::string const& sha256, std::string const& actionId,
-                  int keepFd = -1);
+  Result install(chunk_t& chunk, std::string const& sha256, std::string const& actionId,
+                 int keepFd = -1);
 
   // The credentials file's content for `url` (curl's config format: curl -K
   // reads it): the authorization header for the server and trusted hosts,
@@ -55,6 +52,12 @@ class StreamInstaller {
   std::string credentials(std::string const& url) const;
 
  private:
+  struct Outcome {
+    // stream: every byte came, matched and was released; url: the command ran
+    bool delivered = false;
+    CommandResult command;
+  };
+  Outcome run(chunk_t& chunk, std::string const& sha256, std::string const& actionId, int keepFd);
   Outcome stream(artifact_t const& artifact, std::string const& url,
                  std::vector<PipeSink::Expected> const& digests,
                  std::vector<std::string> const& environment, int keepFd,

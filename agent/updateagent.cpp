@@ -442,18 +442,12 @@ UpdateAgent::Installed UpdateAgent::installStreamed(hawkbit_query_t::deployment_
                                                     std::string const& actionId) {
   std::string const sha256 =
       chunk.artifacts.size() == 1 ? plan.sha256(chunk.name, chunk.artifacts[0].filename) : "";
-  StreamInstaller::Outcome const outcome = streamer_.install(chunk, sha256, actionId);
-  if (!outcome.command.started) return Installed::kFailed;
-  int const code = outcome.command.exitCode;
-  Installed const installed = !outcome.delivered ? Installed::kFailed
-                              : code == 0        ? Installed::kDone
-                              : config_.rebootExitCode >= 0 && code == config_.rebootExitCode
-                                  ? Installed::kReboot
-                                  : Installed::kFailed;
-  chunk.details.push_back(std::string("install command ") +
-                          (installed == Installed::kFailed ? "failed" : "succeeded") + " (" +
-                          outcome.command.describe() +
-                          (installed == Installed::kReboot ? ", reboot needed" : "") + ")");
-  for (auto const& line : outcome.command.stderrTail) chunk.details.push_back("install: " + line);
-  return installed;
+  switch (streamer_.install(chunk, sha256, actionId)) {
+    case StreamInstaller::Result::kDone:
+      return Installed::kDone;
+    case StreamInstaller::Result::kReboot:
+      return Installed::kReboot;
+    default:
+      return Installed::kFailed;
+  }
 }

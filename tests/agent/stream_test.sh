@@ -53,6 +53,15 @@ check "environment: size, digests, action" grep -q "TAMREL_ARTIFACT_SIZE=3000000
 check "environment: sha256" grep -q "TAMREL_ARTIFACT_SHA256=$(sha256sum < "$work/art/image.bin" | cut -c1-64)" "$work/rec1/env"
 check "argument: the artifact's name" grep -qx image.bin "$work/rec1/arg"
 
+# A chunk of two artifacts is refused before anything runs.
+cp "$work/art/image.bin" "$work/art/second.bin"
+serve && fresh
+run_agent 'install-mode = stream' "install-command = $work/standin \"\$@\""
+check "two artifacts: failure" closed_with failure
+check "two artifacts: says why" grep -q 'exactly one artifact; \\"firmware\\" has 2' "$log"
+check "two artifacts: nothing ran" test ! -f "$rec/pid"
+rm "$work/art/second.bin"
+
 # SIGTERM mid-stream: the installer is ended, the action stays open.
 serve --slow 100 && fresh
 printf '%s\n' 'install-mode = stream' "install-command = $work/standin \"\$@\"" >> "$conf"
