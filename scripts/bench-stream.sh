@@ -102,6 +102,7 @@ for size in 256 1024; do
   rss[$size]=$(sort -n "$work/rss" | tail -1)
   written[$size]=$(sort -n "$work/written" | tail -1)  # the run that wrote most while streaming
 done
+# shellcheck disable=SC2086 # two words each: while streaming, in all
 set -- ${written[256]} ${written[1024]}
 printf '%-44s %s bytes at 256 MiB, %s at 1 GiB (in all: %s, %s)  goal 0\n' \
   "agent's bytes written to disk while streaming" "$1" "$3" "$2" "$4"
