@@ -16,7 +16,15 @@ PipeSink::PipeSink(int fd, std::uint64_t size, std::vector<Expected> digests, st
       abandon_(std::move(abandon)) {
   // Writes wait in poll(), where a cancel can end them.
   if (fd_ >= 0) fcntl(fd_, F_SETFL, fcntl(fd_, F_GETFL) | O_NONBLOCK);
-  for (Expected const& digest : expected_) digests_.emplace_back(digest.kind);
+  for (Expected const& digest : expected_) {
+    Hasher hasher;
+    if (digest.kind == tamrel::Digest::Kind::kMd5 && expected_.size() > 1) {
+      hasher.worker = std::make_unique<DigestWorker>(digest.kind);
+    } else {
+      hasher.here = std::make_unique<tamrel::Digest>(digest.kind);
+    }
+    digests_.push_back(std::move(hasher));
+  }
   tail_.reserve(static_cast<std::size_t>(size_ - releaseUpTo_));
 }
 
@@ -71,7 +79,13 @@ unsigned int PipeSink::write(char const* data, unsigned int length) {
     tail_.insert(tail_.end(), data + accepted, data + take);
     accepted = take;
   }
-  for (tamrel::Digest& digest : digests_) digest.update(data, accepted);
+  // The worker copies first, so that it hashes while the others do.
+  for (Hasher& hasher : digests_) {
+    if (hasher.worker) hasher.worker->update(data, accepted);
+  }
+  for (Hasher& hasher : digests_) {
+    if (hasher.here) hasher.here->update(data, accepted);
+  }
   received_ += accepted;
   if (accepted < length && refusal_ == Refusal::kNone) refusal_ = Refusal::kOversize;
   return static_cast<unsigned int>(accepted);
@@ -79,7 +93,8 @@ unsigned int PipeSink::write(char const* data, unsigned int length) {
 
 bool PipeSink::hashMatches() {
   if (results_.empty()) {
-    for (tamrel::Digest& digest : digests_) results_.push_back(digest.hex());
+    for (Hasher& hasher : digests_)
+      results_.push_back(hasher.worker ? hasher.worker->hex() : hasher.here->hex());
   }
   for (std::size_t i = 0; i < expected_.size(); ++i) {
     if (results_[i].empty() || results_[i] != expected_[i].hex) return false;

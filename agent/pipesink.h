@@ -7,11 +7,13 @@
 #include <string>
 #include <vector>
 
+#include "agent/digestworker.h"
 #include "digest/digest.h"
 #include "io/iobase.h"
 
 // A download sink that feeds an installer's standard input as the bytes
-// arrive, hashes every byte with each digest the server listed (one pass),
+// arrive, hashes every byte with each digest the server listed (one pass;
+// with several, MD5, the slowest, on a thread of its own: DigestWorker),
 // and holds back the artifact's last bytes: the reader sees the end of its
 // input only from finish(), once the whole artifact came and every digest
 // matches. Memory stays at the held-back part, whatever the artifact's size.
@@ -73,7 +75,12 @@ class PipeSink : public iobase {
   std::uint64_t const size_;
   std::uint64_t const releaseUpTo_;  // bytes before this offset go straight on
   std::vector<Expected> expected_;
-  std::vector<tamrel::Digest> digests_;
+  // Each listed digest, taken here or by a worker.
+  struct Hasher {
+    std::unique_ptr<tamrel::Digest> here;
+    std::unique_ptr<DigestWorker> worker;
+  };
+  std::vector<Hasher> digests_;
   std::vector<std::string> results_;  // hex, once finished
   std::function<bool()> abandon_;
   std::vector<char> tail_;  // the held-back bytes

@@ -35,6 +35,7 @@ TEST(PipeSink, TailOnlyWhenEveryDigestMatches) {
     artifact[i] = static_cast<char>(i * 7 + i / 251);
   std::string const sha1 = tamrel::Digest::of(Kind::kSha1, artifact.data(), artifact.size());
   std::string const sha256 = tamrel::Digest::of(Kind::kSha256, artifact.data(), artifact.size());
+  std::string const md5 = tamrel::Digest::of(Kind::kMd5, artifact.data(), artifact.size());
   struct Case {
     char const* what;
     std::string sha256;  // listed next to the right SHA-1
@@ -51,8 +52,10 @@ TEST(PipeSink, TailOnlyWhenEveryDigestMatches) {
     int fds[2];
     ASSERT_EQ(pipe2(fds, O_NONBLOCK), 0);
     PipeSink sink(fds[1], artifact.size(),
-                  {{Kind::kSha1, "sha1", sha1}, {Kind::kSha256, "sha256", c.sha256}}, 10000,
-                  nullptr);
+                  {{Kind::kSha1, "sha1", sha1},
+                   {Kind::kMd5, "md5", md5},
+                   {Kind::kSha256, "sha256", c.sha256}},
+                  10000, nullptr);
     // In pieces that straddle the start of the tail.
     for (std::size_t at = 0; at < c.sent; at += 7001) {
       unsigned int const piece =
@@ -112,6 +115,16 @@ TEST(PipeSink, RefusesWhatItCannotPassOn) {
   while (sigtimedwait(&pipeSignal, nullptr, &now) == SIGPIPE) {
   }
   pthread_sigmask(SIG_UNBLOCK, &pipeSignal, nullptr);
+}
+
+// The ring wraps many times and the writer waits for the hashing thread.
+TEST(DigestWorker, SameDigestThroughASmallRing) {
+  std::string data(1000003, '\0');
+  for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i % 253);
+  DigestWorker worker(Kind::kMd5, 1000);
+  for (std::size_t at = 0; at < data.size(); at += 777)
+    worker.update(data.data() + at, std::min<std::size_t>(777, data.size() - at));
+  EXPECT_EQ(worker.hex(), tamrel::Digest::of(Kind::kMd5, data.data(), data.size()));
 }
 
 // url mode: the credentials file carries the token to the server's origin
