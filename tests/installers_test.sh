@@ -9,7 +9,7 @@ set -uo pipefail
 . "$(dirname "$0")/agent/lib.sh"
 src=$(cd "$(dirname "$0")/.." && pwd)/installers
 [ "$(id -u)" -eq 0 ] || { echo "installers test: needs root"; exit 2; }
-for tool in rauc mksquashfs dbus-daemon swupdate fw_setenv openssl cpio curl; do
+for tool in rauc mksquashfs dbus-daemon busctl swupdate fw_setenv openssl cpio curl; do
   command -v $tool > /dev/null || { echo "installers test: $tool is missing"; exit 2; }
 done
 # The server lib.sh starts is bounded too.
