@@ -52,6 +52,7 @@ std::string* textField(AgentConfig& config, std::string const& key) {
   if (key == "consent-command") return &config.consentCommand;
   if (key == "auto-confirm") return &config.autoConfirm;
   if (key == "auto-confirm-remark") return &config.autoConfirmRemark;
+  if (key == "install-mode") return &config.installMode;
   return nullptr;
 }
 
@@ -59,6 +60,7 @@ std::string* textField(AgentConfig& config, std::string const& key) {
 char const* choices(std::string const& key) {
   if (key == "consent") return "auto|command";
   if (key == "auto-confirm") return "on|off|server";
+  if (key == "install-mode") return "file|stream|url";
   return nullptr;
 }
 
@@ -108,6 +110,10 @@ std::vector<AgentConfig::Key> const& AgentConfig::keys() {
       {"install-timeout-s", K::kNumber, false, "3600",
        "deadline of one install command; a restart waits as long for one left running", 1,
        7 * 86400},
+      {"install-mode", K::kText, false, "file",
+       "file (stored, then installed), stream (fed to its stdin) or url (it fetches)", 0, 0},
+      {"stream-hold-back-kib", K::kNumber, false, "1024",
+       "stream: the last KiB the command sees once the digests match", 64, 1048576},
       {"reboot-exit-code", K::kNumber, false, "", "install exit status meaning reboot needed", 1,
        255},
       {"reboot-command", K::kText, false, "", "run for that reboot", 0, 0},
@@ -165,6 +171,7 @@ void AgentConfig::storeNumber(std::string const& key, long long value) {
       {"reboot-exit-code", [](AgentConfig& c, long long v) { c.rebootExitCode = int(v); }},
       {"download-retries", [](AgentConfig& c, long long v) { c.retries = int(v); }},
       {"install-timeout-s", [](AgentConfig& c, long long v) { c.installTimeoutSeconds = int(v); }},
+      {"stream-hold-back-kib", [](AgentConfig& c, long long v) { c.streamHoldBackKib = v; }},
       {"download-timeout-s", [](AgentConfig& c, long long v) { c.timeoutSeconds = int(v); }},
       {"download-min-rate", [](AgentConfig& c, long long v) { c.downloadMinRate = v; }},
       {"poll-timeout-s", [](AgentConfig& c, long long v) { c.pollTimeoutSeconds = int(v); }},

@@ -66,6 +66,8 @@ class AgentConfig {
   std::string path;                      // the file read
   std::map<std::string, int> lines;      // key (a "-file" key under its base name) -> line
   int installTimeoutSeconds = 0;         // "install-timeout-s"
+  std::string installMode;               // "install-mode": file, stream or url
+  long long streamHoldBackKib = 0;       // "stream-hold-back-kib"
   int rebootExitCode = -1;               // "reboot-exit-code"; -1: none configured
   int retries = 0;                       // "download-retries"
   int timeoutSeconds = 0;                // "download-timeout-s"

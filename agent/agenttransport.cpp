@@ -148,6 +148,14 @@ bool AgentTransport::download(std::string const& url, std::shared_ptr<curlbuffer
   return exchange(Method::kGet, url, buffer);
 }
 
+bool AgentTransport::stream(std::string const& url, std::shared_ptr<curlbuffer> buffer) {
+  streaming_ = true;
+  resuming_ = buffer->sink && buffer->sink->size() > 0;
+  bool const done = exchange(Method::kGet, url, buffer);
+  streaming_ = false;
+  return done;
+}
+
 bool AgentTransport::post(std::string const& url, std::shared_ptr<curlbuffer> buffer) {
   return exchange(Method::kPost, url, buffer);
 }
@@ -168,6 +176,12 @@ std::size_t AgentTransport::writeBody(char* data, std::size_t size, std::size_t 
   curl_easy_getinfo(transport->easy_, CURLINFO_RESPONSE_CODE, &status);
   // The body of a redirect is not the resource: it never reaches the sink.
   if (status >= 300 && status < 400) return size * count;
+  if (transport->streaming_) {
+    // A streamed body is passed on at once: an error page is dropped, a
+    // whole body sent in answer to a range ends the transfer.
+    if (status != 200 && status != 206) return size * count;
+    if (transport->resuming_ && status != 206) return 0;
+  }
   if (transport->current_ == nullptr) {
     std::string& reply = transport->reply_;
     reply.append(data, std::min(size * count, kMaxReply - std::min(kMaxReply, reply.size())));
@@ -292,8 +306,8 @@ bool AgentTransport::exchange(Method method, std::string const& url,
   cancelled.store(false);
   cutInWrite_ = false;
   // A file is an artifact; documents are read into memory.
-  bool const artifact =
-      method == Method::kGet && dynamic_cast<fileio*>(buffer->sink.get()) != nullptr;
+  bool const artifact = method == Method::kGet &&
+                        (streaming_ || dynamic_cast<fileio*>(buffer->sink.get()) != nullptr);
   std::string const body =
       method != Method::kGet && buffer->sink ? buffer->sink->data() : std::string();
   // A POST's or PUT's answer is kept apart; its sink holds the request.

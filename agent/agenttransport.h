@@ -75,6 +75,11 @@ class AgentTransport : public CurlManager {
   bool download(std::string const& url, std::shared_ptr<curlbuffer> buffer) override;
   bool post(std::string const& url, std::shared_ptr<curlbuffer> buffer) override;
   bool put(std::string const& url, std::shared_ptr<curlbuffer> buffer) override;
+  // An artifact's GET into a sink that passes its bytes on as they come (an
+  // installer's pipe): download() under an artifact's deadlines, and only
+  // bodies of 200 (206 when resuming) reach the sink, so an error page or a
+  // whole body sent in answer to a range is never passed on.
+  bool stream(std::string const& url, std::shared_ptr<curlbuffer> buffer);
 
   // The controller's base resource, whose answers lastBaseAnswer() keeps.
   void setBaseUrl(std::string const& url);
@@ -111,6 +116,8 @@ class AgentTransport : public CurlManager {
   std::size_t uploaded_ = 0;
   long retryAfter_ = -1;
   bool cutInWrite_ = false;  // the cancel ended the transfer in writeBody
+  bool streaming_ = false;   // stream() runs: bodies reach the sink only as said there
+  bool resuming_ = false;    // ... and it asked for a range
   mutable std::mutex answerLock_;
   Answer last_, lastBase_;
   std::atomic<std::uint64_t> exchanges_{0};

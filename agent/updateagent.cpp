@@ -43,6 +43,7 @@ UpdateAgent::UpdateAgent(AgentConfig const& config)
           [this](std::function<bool()> const& request) { return server_.send(request); }, stop_),
       lock_((config.stateDir.empty() ? config.downloadDir + "/.install.lock"
                                      : config.stateDir + "/install.lock")),
+      streamer_(transport_, config, stop_),
       reader_(config, address_, transport_, [this] { return stopping(); }),
       consent_(config, transport_, server_, reader_, stop_),
       installed_(transport_, server_, reader_) {
@@ -277,8 +278,17 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
     return false;
   }
 
+  // In install-mode stream and url nothing is stored ahead of the install.
+  bool const streamed = config_.installMode != "file";
+  if (streamed && downloadOnly) {
+    deployment.chunks.front().details.push_back("install-mode " + config_.installMode +
+                                                " stores nothing: a download-only action "
+                                                "cannot be served");
+    close(deployment, false);
+    return false;
+  }
   std::vector<std::vector<std::string>> files(deployment.chunks.size());
-  bool success = download(deployment, plan, files);
+  bool success = streamed || download(deployment, plan, files);
   if (stopping()) {
     // The next run resumes the partial files.
     proceed(deployment, "interrupted on the device; the download resumes on the next start",
@@ -310,8 +320,9 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
   for (std::size_t c = 0; c < deployment.chunks.size() && success; ++c) {
     auto& chunk = deployment.chunks[c];
     chunk.completed = true;
-    if (config_.installCommand.empty() || files[c].empty()) continue;
-    Installed const result = install(files[c], chunk.details);
+    if (config_.installCommand.empty() || (files[c].empty() && !streamed)) continue;
+    Installed const result =
+        streamed ? installStreamed(chunk, plan, deployment.id) : install(files[c], chunk.details);
     success = result != Installed::kFailed;
     reboot = reboot || result == Installed::kReboot;
   }
@@ -445,4 +456,28 @@ void UpdateAgent::dropGoneAction(std::string const& actionId) {
     waitingAction_.clear();
   }
   reboot_.drop(actionId);
+}
+
+UpdateAgent::Installed UpdateAgent::installStreamed(hawkbit_query_t::deployment_t::chunk_t& chunk,
+                                                    DeploymentPlan const& plan,
+                                                    std::string const& actionId) {
+  std::string const sha256 =
+      chunk.artifacts.size() == 1 ? plan.sha256(chunk.name, chunk.artifacts[0].filename) : "";
+  std::string error;
+  if (!lock_.take(stop_, config_.installTimeoutSeconds * 1000LL, error)) {
+    chunk.details.push_back("install command not run: " + (error.empty() ? "stopping" : error));
+    return Installed::kFailed;
+  }
+  // The lock goes with the command: it is held as long as the stream's
+  // installer runs, even past the agent.
+  StreamInstaller::Result const result = streamer_.install(chunk, sha256, actionId, lock_.fd());
+  lock_.release();
+  switch (result) {
+    case StreamInstaller::Result::kDone:
+      return Installed::kDone;
+    case StreamInstaller::Result::kReboot:
+      return Installed::kReboot;
+    default:
+      return Installed::kFailed;
+  }
 }

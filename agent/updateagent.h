@@ -20,6 +20,7 @@
 #include "agent/progressbar.h"
 #include "agent/rebootconfirmation.h"
 #include "agent/serverrequest.h"
+#include "agent/streaminstaller.h"
 #include "agent/watchdog.h"
 #include "plugin/libtamrelcore.h"
 
@@ -83,6 +84,10 @@ class UpdateAgent {
   // Forgets what the agent keeps for an action the server no longer has
   // (files waiting for their maintenance window).
   void dropGoneAction(std::string const& actionId);
+  // install-mode stream or url: the chunk's artifact goes to the command
+  // without being stored.
+  Installed installStreamed(hawkbit_query_t::deployment_t::chunk_t& chunk,
+                            DeploymentPlan const& plan, std::string const& actionId);
 
   AgentConfig const& config_;
   std::string address_;  // the server; configData links elsewhere are not sent to
@@ -94,6 +99,7 @@ class UpdateAgent {
   ServerRequest server_;       // every POST/PUT goes through it
   RebootConfirmation reboot_;  // the action in flight, its record and its reboot
   InstallLock lock_;           // one install at a time, across restarts
+  StreamInstaller streamer_;   // install-mode stream and url
   // An action downloaded in this run and waiting for its maintenance window.
   std::string waitingAction_;  // downloaded, waiting for its maintenance window
   std::vector<std::string> waitingFiles_, waitingDirs_;

@@ -2,7 +2,7 @@
 # Runs the benchmarks: nginx (own config, loopback only) serves generated
 # artifacts of 64 MiB and 512 MiB from tmpfs; downloads go to tmpfs too, so
 # the disk does not dominate; then the agent's deployments against
-# tamrel-ddi-server (scripts/bench-deploy.sh). Prints every figure with its
+# tamrel-ddi-server (scripts/bench-deploy.sh, scripts/bench-stream.sh). Prints every figure with its
 # peer and ratio.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -114,3 +114,6 @@ fi
 
 echo; echo "== deploy: tamrel-agent against tamrel-ddi-server (scripts/bench-deploy.sh)"
 RUNS=$RUNS BUILD=$BUILD scripts/bench-deploy.sh
+
+echo; echo "== streaming deploy: install-mode = stream (scripts/bench-stream.sh)"
+RUNS=$RUNS BUILD=$BUILD scripts/bench-stream.sh

@@ -15,7 +15,7 @@ for extra in "$@"; do
     fuzz) packages+=(clang libclang-rt-14-dev) ;;
     valgrind) packages+=(valgrind) ;;
     peer) packages+=(swupdate openssl cpio) ;;
-    installers) packages+=(rauc squashfs-tools dbus swupdate libubootenv-tool openssl cpio curl) ;;
+    installers) packages+=(rauc squashfs-tools dbus systemd swupdate libubootenv-tool openssl cpio curl) ;;
     *) echo "install-deps: unknown group '$extra'" >&2; exit 2 ;;
   esac
 done

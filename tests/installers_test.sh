@@ -9,7 +9,7 @@ set -uo pipefail
 . "$(dirname "$0")/agent/lib.sh"
 src=$(cd "$(dirname "$0")/.." && pwd)/installers
 [ "$(id -u)" -eq 0 ] || { echo "installers test: needs root"; exit 2; }
-for tool in rauc mksquashfs dbus-daemon swupdate fw_setenv openssl cpio curl; do
+for tool in rauc mksquashfs dbus-daemon busctl swupdate fw_setenv openssl cpio curl; do
   command -v $tool > /dev/null || { echo "installers test: $tool is missing"; exit 2; }
 done
 # The server lib.sh starts is bounded too.
@@ -157,7 +157,7 @@ slot_is() { cmp -s "$dev/slot$1" "$work/$2"; }
 file_is() { [ "$(cat "$1" 2> /dev/null)" = "$2" ]; }
 reboots() { [ "$(cat "$dev/reboots" 2> /dev/null | wc -l)" -eq "$1" ]; }
 untouched() { slot_is A zeros && slot_is B zeros && file_is "$boot/primary" A && reboots 0; }
-installed_once() { slot_is A zeros && slot_is B image && reboots 1; }
+installed_once() { slot_is A zeros && slot_is B image && reboots "${1:-1}"; }
 confirmed='confirm command: exit 0'
 
 device rauc good.raucb; agent
@@ -185,6 +185,29 @@ agent 'waiting for the RAUC service' LOG ': > "$boot/go"'; boot B; agent
 check "rauc SIGTERM during install: installed again after the first, closed success once" \
   eval 'closed_once success "$confirmed" && slot_is B image && file_is "$boot/primaries" "$(printf "B\nB")" && reboots 1'
 
+# install-mode url: the integration calls the RAUC service's InstallBundle
+# with the header and TLS files from the agent's credentials file (busctl
+# logs its arguments). Debian's RAUC is built without streaming: it tries a
+# plain download of the agent's URL, without the header, which the server
+# refuses, and that reason closes the action. A local bundle through the same call
+# shows that the integration waits for the service's result.
+printf '#!/bin/sh\necho "$*" >> %s/busctl.args\nexec %s "$@"\n' "$dev" "$(command -v busctl)" > "$dev/bin/busctl"
+chmod +x "$dev/bin/busctl"
+device rauc good.raucb; rm -rf "$work/agent-state"; echo 'install-mode = url' >> "$conf"; agent
+check "rauc url: the header reaches InstallBundle, RAUC's reason closes the action, nothing installed" \
+  eval 'closed_once failure "rauc install failed: Failed to download bundle" && untouched &&
+        grep -q "InstallBundle sa{sv} $address/.* 1 http-headers as 1 Authorization: TargetToken t0k#1" "$dev/busctl.args"'
+creds=$work/creds && printf 'header = "X-Test: 1"\ncacert = "%s"\n' "$keys/ca.pem" > "$creds"
+url_install() { TAMREL_INSTALL_MODE=url TAMREL_CREDENTIALS_FILE=$creds "$src/rauc/install" --state "$work/state" "$1"; }
+device rauc good.raucb
+check "rauc url, a local bundle through InstallBundle: slot B written, exit 10" \
+  eval 'url_install "$work/good.raucb" 2> /dev/null; test $? -eq 10 && installed_once 0 && file_is "$boot/primary" B &&
+        grep -q "2 http-headers as 1 X-Test: 1 tls-ca s $keys/ca.pem" "$dev/busctl.args"'
+device rauc untrusted.raucb
+check "rauc url, an untrusted bundle: RAUC's reason, nothing installed" \
+  refuses "TAMREL_INSTALL_MODE=url TAMREL_CREDENTIALS_FILE=$creds $src/rauc/install --state $work/state $work/untrusted.raucb" \
+  "rauc install failed: signature verification failed"
+
 device swupdate good.swu; agent
 check "swupdate: slot B written, boot_slot B on trial, reboot asked" \
   eval 'installed_once && env_is boot_slot B && env_is upgrade_available 1'
@@ -203,6 +226,26 @@ check "swupdate corrupt image: closed failure on its digest, nothing installed" 
 device swupdate other.swu; agent
 check "swupdate image of another key: closed failure with SWUpdate's reason, nothing installed" \
   eval 'closed_once failure "slot B: Authentication of all signatures failed" && untouched && env_is boot_slot A'
+
+# Streamed into SWUpdate (swupdate -i on a pipe): nothing stored, the end
+# of the image held back until its digests match.
+# (An install left waiting for its reboot by the case before is dropped.)
+streamed() {
+  rm -rf "$work/agent-state"; printf 'install-mode = stream\nstream-hold-back-kib = 64\n' >> "$conf"; agent
+}
+stored_nothing() { [ -z "$(find "$dl" -type f 2> /dev/null)" ]; }
+device swupdate good.swu; streamed
+check "swupdate stream: slot B written, boot_slot B on trial, nothing stored" \
+  eval 'installed_once && env_is boot_slot B && stored_nothing && grep -q "streamed and verified" "$log"'
+device swupdate good.swu --drop-after 150000; streamed
+check "swupdate stream cut and resumed: slot B written" \
+  eval 'installed_once && env_is boot_slot B && stored_nothing && grep -q "resuming" "$work/agent$n.1.log"'
+device swupdate good.swu --corrupt good.swu; streamed
+check "swupdate stream digest mismatch: end held back, closed failure, nothing installed" \
+  eval 'closed_once failure "the end of the stream was held back" && untouched && env_is boot_slot A && stored_nothing'
+device swupdate other.swu; streamed
+check "swupdate stream of another key: closed failure with SWUpdate's reason, nothing installed" \
+  eval 'closed_once failure "Authentication of all signatures failed" && untouched && env_is boot_slot A'
 
 # The slot SWUpdate writes, by what runs and the boot-loader environment
 # (a file a variable, each write logged): a stand-in swupdate logs its
