@@ -62,8 +62,8 @@ class AgentTransport : public CurlManager {
     std::string problem() const;
   };
   using BaseObserver = std::function<void(long status, std::string const& body)>;
-  static std::size_t const kMaxObservedBody = 1 << 20;
-  static std::size_t const kMaxReply = 4096;
+  static constexpr std::size_t kMaxObservedBody = 1 << 20;
+  static constexpr std::size_t kMaxReply = 4096;
 
   // The settings a configuration asks for.
   static Settings settingsFor(AgentConfig const& config);

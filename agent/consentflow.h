@@ -20,12 +20,12 @@
 class ConsentFlow {
  public:
   // Feedback codes: who decided.
-  static int const kConfirmedByCommand = 0;
-  static int const kDeniedByCommand = 1;
-  static int const kConfirmedAuto = 2;
-  static int const kRefusedDocument = 3;
+  static constexpr int kConfirmedByCommand = 0;
+  static constexpr int kDeniedByCommand = 1;
+  static constexpr int kConfirmedAuto = 2;
+  static constexpr int kRefusedDocument = 3;
   // The consent command's exit status that asks to be asked again.
-  static int const kAskAgain = 75;
+  static constexpr int kAskAgain = 75;
 
   ConsentFlow(AgentConfig const& config, AgentTransport& transport, ServerRequest const& server,
               DocumentReader const& reader, std::atomic<bool> const& stop);
