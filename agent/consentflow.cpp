@@ -1,8 +1,8 @@
 #include "agent/consentflow.h"
 
 #include "agent/command.h"
+#include "agent/deploymentdownload.h"
 #include "agent/deploymentplan.h"
-#include "agent/updateagent.h"
 #include "ddi/document_parsers.h"
 #include "io/memoryio.h"
 
@@ -194,10 +194,10 @@ std::string ConsentFlow::readAction(std::string const& body, std::string const& 
   if (body.find("\\u0000") != std::string::npos)
     problems.push_back("the document holds a NUL character (\\u0000)");
   for (auto const& chunk : deployment.chunks) {
-    if (!UpdateAgent::safeName(chunk.name))
+    if (!DeploymentDownload::safeName(chunk.name))
       problems.push_back("unsafe chunk name \"" + DocumentReader::oneLine(chunk.name) + "\"");
     for (auto const& artifact : chunk.artifacts) {
-      if (!UpdateAgent::safeName(artifact.filename))
+      if (!DeploymentDownload::safeName(artifact.filename))
         problems.push_back("unsafe artifact name \"" + DocumentReader::oneLine(artifact.filename) +
                            "\"");
     }
