@@ -1,12 +1,9 @@
 #include "ddiserver/ddiserver.h"
 
-#include <arpa/inet.h>
+#include "ddiserver/certificates.h"
+
 #include <dirent.h>
 #include <httplib.h>
-#include <openssl/evp.h>
-#include <openssl/pem.h>
-#include <openssl/x509.h>
-#include <openssl/x509v3.h>
 #include <strings.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -18,8 +15,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <random>
 #include <stdexcept>
 
 namespace tamrel::ddiserver {
@@ -64,12 +59,6 @@ RangeKind parseRange(std::string const& header, size_t size, size_t& first, size
   return RangeKind::kSatisfiable;
 }
 
-bool copyFile(std::string const& from, std::string const& to) {
-  std::ifstream in(from, std::ios::binary);
-  std::ofstream out(to, std::ios::binary);
-  return in && out << in.rdbuf() && out.flush();
-}
-
 }  // namespace
 
 std::string RecordedRequest::header(std::string const& name) const {
@@ -93,17 +82,16 @@ DdiServer::DdiServer(Options const& options)
       caFile_ = tempDir_ + "/ca.pem";
       certFile_ = tempDir_ + "/cert.pem";
       keyFile = tempDir_ + "/key.pem";
-      if (!writeCaSignedCertificate(caFile_, certFile_, keyFile)) {
+      if (!Certificates::writeCaSigned(caFile_, certFile_, keyFile)) {
         throw std::runtime_error("DdiServer: cannot generate a certificate");
       }
     }
     std::string clientCa = options.clientCaFile;
     if (!options.clientCertOut.empty() && !tempDir_.empty()) {
-      std::string const out = options.clientCertOut;
       clientCa = tempDir_ + "/client-ca.pem";
-      if (!writeCaSignedCertificate(clientCa, out + "/client.pem", out + "/client.key", true) ||
-          !copyFile(caFile_, out + "/ca.pem")) {
-        throw std::runtime_error("DdiServer: cannot write client certificates to " + out);
+      if (!Certificates::writeClientSet(clientCa, options.clientCertOut, caFile_)) {
+        throw std::runtime_error("DdiServer: cannot write client certificates to " +
+                                 options.clientCertOut);
       }
     }
     if (!clientCa.empty() && access(clientCa.c_str(), R_OK) != 0) {
@@ -536,115 +524,6 @@ void DdiServer::endIdleConnections() const {
       shutdown(fd, SHUT_RD);
     }
   }
-}
-
-namespace {
-
-// A certificate for `key` named `commonName` with the given extensions,
-// signed by `issuerKey` in the name of `issuer` (itself when null).
-X509* makeCertificate(EVP_PKEY* key, std::string const& commonName, X509* issuer,
-                      EVP_PKEY* issuerKey,
-                      std::vector<std::pair<int, std::string>> const& extensions) {
-  X509* cert = X509_new();
-  bool ok = key != nullptr && issuerKey != nullptr && cert != nullptr;
-  if (ok) {
-    std::random_device random;
-    ok = X509_set_version(cert, 2) == 1 &&
-         ASN1_INTEGER_set(X509_get_serialNumber(cert), static_cast<long>(random() >> 1)) == 1 &&
-         X509_gmtime_adj(X509_getm_notBefore(cert), -3600) != nullptr &&
-         X509_gmtime_adj(X509_getm_notAfter(cert), 365L * 24 * 3600) != nullptr &&
-         X509_set_pubkey(cert, key) == 1;
-  }
-  if (ok) {
-    X509_NAME* name = X509_get_subject_name(cert);
-    ok = X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
-                                    reinterpret_cast<unsigned char const*>(commonName.c_str()), -1,
-                                    -1, 0) == 1 &&
-         X509_set_issuer_name(cert, issuer != nullptr ? X509_get_subject_name(issuer) : name) == 1;
-  }
-  if (ok) {
-    X509V3_CTX context;
-    X509V3_set_ctx_nodb(&context);
-    X509V3_set_ctx(&context, issuer != nullptr ? issuer : cert, cert, nullptr, nullptr, 0);
-    for (auto const& [nid, value] : extensions) {
-      X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, &context, nid, value.c_str());
-      ok = ok && extension != nullptr && X509_add_ext(cert, extension, -1) == 1;
-      X509_EXTENSION_free(extension);
-    }
-    ok = ok && X509_sign(cert, issuerKey, EVP_sha256()) > 0;
-  }
-  if (!ok) {
-    X509_free(cert);
-    return nullptr;
-  }
-  return cert;
-}
-
-bool writeCertificate(std::string const& file, X509* cert) {
-  FILE* out = std::fopen(file.c_str(), "w");
-  bool ok = out != nullptr && PEM_write_X509(out, cert) == 1;
-  if (out != nullptr) ok = std::fclose(out) == 0 && ok;
-  return ok;
-}
-
-bool writeKey(std::string const& file, EVP_PKEY* key) {
-  // Readable by its owner only, as clients expect of a private key.
-  int const fd = open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  FILE* out = fd < 0 ? nullptr : fdopen(fd, "w");
-  if (fd >= 0 && out == nullptr) close(fd);
-  bool ok =
-      out != nullptr && PEM_write_PrivateKey(out, key, nullptr, nullptr, 0, nullptr, nullptr) == 1;
-  if (out != nullptr) ok = std::fclose(out) == 0 && ok;
-  return ok;
-}
-
-}  // namespace
-
-bool writeSelfSignedCertificate(std::string const& certFile, std::string const& keyFile,
-                                std::string const& commonName) {
-  // Clients match the host against subjectAltName, not the CN.
-  in_addr ip{};
-  std::string const altName = inet_pton(AF_INET, commonName.c_str(), &ip) == 1
-                                  ? "IP:" + commonName
-                                  : "DNS:" + commonName + ",IP:127.0.0.1";
-  EVP_PKEY* key = EVP_RSA_gen(2048);
-  X509* cert = makeCertificate(key, commonName, nullptr, key,
-                               {{NID_basic_constraints, "critical,CA:TRUE"},
-                                {NID_subject_key_identifier, "hash"},
-                                {NID_subject_alt_name, altName}});
-  bool const ok = cert != nullptr && writeCertificate(certFile, cert) && writeKey(keyFile, key);
-  X509_free(cert);
-  EVP_PKEY_free(key);
-  return ok;
-}
-
-bool writeCaSignedCertificate(std::string const& caFile, std::string const& certFile,
-                              std::string const& keyFile, bool client) {
-  // The CA's key lives only here: nothing else can be signed with it.
-  EVP_PKEY* caKey = EVP_RSA_gen(2048);
-  X509* ca = makeCertificate(caKey, client ? "tamrel-ddi-server client CA" : "tamrel-ddi-server CA",
-                             nullptr, caKey,
-                             {{NID_basic_constraints, "critical,CA:TRUE"},
-                              {NID_key_usage, "critical,keyCertSign,cRLSign"},
-                              {NID_subject_key_identifier, "hash"}});
-  EVP_PKEY* key = EVP_RSA_gen(2048);
-  std::vector<std::pair<int, std::string>> extensions = {
-      {NID_basic_constraints, "critical,CA:FALSE"},
-      {NID_key_usage, "critical,digitalSignature,keyEncipherment"},
-      {NID_ext_key_usage, client ? "clientAuth" : "serverAuth"},
-      {NID_authority_key_identifier, "keyid"}};
-  if (!client) extensions.push_back({NID_subject_alt_name, "IP:127.0.0.1,DNS:localhost"});
-  X509* cert = ca == nullptr
-                   ? nullptr
-                   : makeCertificate(key, client ? "tamrel-ddi-server client" : "localhost", ca,
-                                     caKey, extensions);
-  bool const ok = cert != nullptr && writeCertificate(caFile, ca) &&
-                  writeCertificate(certFile, cert) && writeKey(keyFile, key);
-  X509_free(cert);
-  X509_free(ca);
-  EVP_PKEY_free(key);
-  EVP_PKEY_free(caKey);
-  return ok;
 }
 
 }  // namespace tamrel::ddiserver

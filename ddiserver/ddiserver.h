@@ -196,16 +196,4 @@ class DdiServer {
   std::thread thread_;
 };
 
-// Writes a self-signed RSA 2048 certificate (subject CN and subjectAltName
-// commonName, plus IP 127.0.0.1) and its key as PEM files. False on failure.
-bool writeSelfSignedCertificate(std::string const& certFile, std::string const& keyFile,
-                                std::string const& commonName = "localhost");
-
-// Writes a new CA's certificate, and a certificate signed by that CA with
-// its key, as PEM files (the key readable by its owner only): for a server
-// on 127.0.0.1 and localhost, or with `client` for a TLS client. The CA's
-// key is not kept. False on failure.
-bool writeCaSignedCertificate(std::string const& caFile, std::string const& certFile,
-                              std::string const& keyFile, bool client = false);
-
 }  // namespace tamrel::ddiserver
