@@ -10,6 +10,7 @@
 
 #include <cstdio>
 #include <fstream>
+#include <memory>
 #include <random>
 #include <utility>
 #include <vector>
@@ -23,12 +24,25 @@ bool copyFile(std::string const& from, std::string const& to) {
   return in && out << in.rdbuf() && out.flush();
 }
 
+struct CertificateFree {
+  void operator()(X509* cert) const { X509_free(cert); }
+};
+struct KeyFree {
+  void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
+};
+using Certificate = std::unique_ptr<X509, CertificateFree>;
+using Key = std::unique_ptr<EVP_PKEY, KeyFree>;
+
+Key newKey() { return Key(EVP_RSA_gen(2048)); }
+
 // A certificate for `key` named `commonName` with the given extensions,
-// signed by `issuerKey` in the name of `issuer` (itself when null).
-X509* makeCertificate(EVP_PKEY* key, std::string const& commonName, X509* issuer,
-                      EVP_PKEY* issuerKey,
-                      std::vector<std::pair<int, std::string>> const& extensions) {
-  X509* cert = X509_new();
+// signed by `issuerKey` in the name of `issuer` (itself when null); null on
+// failure.
+Certificate makeCertificate(EVP_PKEY* key, std::string const& commonName, X509* issuer,
+                            EVP_PKEY* issuerKey,
+                            std::vector<std::pair<int, std::string>> const& extensions) {
+  Certificate owned(X509_new());
+  X509* const cert = owned.get();
   bool ok = key != nullptr && issuerKey != nullptr && cert != nullptr;
   if (ok) {
     std::random_device random;
@@ -56,11 +70,8 @@ X509* makeCertificate(EVP_PKEY* key, std::string const& commonName, X509* issuer
     }
     ok = ok && X509_sign(cert, issuerKey, EVP_sha256()) > 0;
   }
-  if (!ok) {
-    X509_free(cert);
-    return nullptr;
-  }
-  return cert;
+  if (!ok) owned.reset();
+  return owned;
 }
 
 bool writeCertificate(std::string const& file, X509* cert) {
@@ -90,44 +101,37 @@ bool Certificates::writeSelfSigned(std::string const& certFile, std::string cons
   std::string const altName = inet_pton(AF_INET, commonName.c_str(), &ip) == 1
                                   ? "IP:" + commonName
                                   : "DNS:" + commonName + ",IP:127.0.0.1";
-  EVP_PKEY* key = EVP_RSA_gen(2048);
-  X509* cert = makeCertificate(key, commonName, nullptr, key,
-                               {{NID_basic_constraints, "critical,CA:TRUE"},
-                                {NID_subject_key_identifier, "hash"},
-                                {NID_subject_alt_name, altName}});
-  bool const ok = cert != nullptr && writeCertificate(certFile, cert) && writeKey(keyFile, key);
-  X509_free(cert);
-  EVP_PKEY_free(key);
-  return ok;
+  Key const key = newKey();
+  Certificate const cert = makeCertificate(key.get(), commonName, nullptr, key.get(),
+                                           {{NID_basic_constraints, "critical,CA:TRUE"},
+                                            {NID_subject_key_identifier, "hash"},
+                                            {NID_subject_alt_name, altName}});
+  return cert && writeCertificate(certFile, cert.get()) && writeKey(keyFile, key.get());
 }
 
 bool Certificates::writeCaSigned(std::string const& caFile, std::string const& certFile,
                                  std::string const& keyFile, bool client) {
   // The CA's key lives only here: nothing else can be signed with it.
-  EVP_PKEY* caKey = EVP_RSA_gen(2048);
-  X509* ca = makeCertificate(caKey, client ? "tamrel-ddi-server client CA" : "tamrel-ddi-server CA",
-                             nullptr, caKey,
-                             {{NID_basic_constraints, "critical,CA:TRUE"},
-                              {NID_key_usage, "critical,keyCertSign,cRLSign"},
-                              {NID_subject_key_identifier, "hash"}});
-  EVP_PKEY* key = EVP_RSA_gen(2048);
+  Key const caKey = newKey();
+  Certificate const ca =
+      makeCertificate(caKey.get(), client ? "tamrel-ddi-server client CA" : "tamrel-ddi-server CA",
+                      nullptr, caKey.get(),
+                      {{NID_basic_constraints, "critical,CA:TRUE"},
+                       {NID_key_usage, "critical,keyCertSign,cRLSign"},
+                       {NID_subject_key_identifier, "hash"}});
+  Key const key = newKey();
   std::vector<std::pair<int, std::string>> extensions = {
       {NID_basic_constraints, "critical,CA:FALSE"},
       {NID_key_usage, "critical,digitalSignature,keyEncipherment"},
       {NID_ext_key_usage, client ? "clientAuth" : "serverAuth"},
       {NID_authority_key_identifier, "keyid"}};
   if (!client) extensions.push_back({NID_subject_alt_name, "IP:127.0.0.1,DNS:localhost"});
-  X509* cert = ca == nullptr
-                   ? nullptr
-                   : makeCertificate(key, client ? "tamrel-ddi-server client" : "localhost", ca,
-                                     caKey, extensions);
-  bool const ok = cert != nullptr && writeCertificate(caFile, ca) &&
-                  writeCertificate(certFile, cert) && writeKey(keyFile, key);
-  X509_free(cert);
-  X509_free(ca);
-  EVP_PKEY_free(key);
-  EVP_PKEY_free(caKey);
-  return ok;
+  Certificate const cert =
+      ca ? makeCertificate(key.get(), client ? "tamrel-ddi-server client" : "localhost", ca.get(),
+                           caKey.get(), extensions)
+         : nullptr;
+  return cert && writeCertificate(caFile, ca.get()) && writeCertificate(certFile, cert.get()) &&
+         writeKey(keyFile, key.get());
 }
 
 bool Certificates::writeClientSet(std::string const& clientCaFile, std::string const& outDir,
