@@ -315,13 +315,16 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
   return reboot_.finish(deployment, success && !reboot);
 }
 
+bool UpdateAgent::takeInstallLock(std::vector<std::string>& details) {
+  std::string error;
+  if (lock_.take(stop_, config_.installTimeoutSeconds * 1000LL, error)) return true;
+  details.push_back("install command not run: " + (error.empty() ? "stopping" : error));
+  return false;
+}
+
 UpdateAgent::Installed UpdateAgent::install(std::vector<std::string> const& files,
                                             std::vector<std::string>& details) {
-  std::string error;
-  if (!lock_.take(stop_, config_.installTimeoutSeconds * 1000LL, error)) {
-    details.push_back("install command not run: " + (error.empty() ? "stopping" : error));
-    return Installed::kFailed;
-  }
+  if (!takeInstallLock(details)) return Installed::kFailed;
   CommandOptions options;
   options.stop = &stop_;
   options.deadlineMs = config_.installTimeoutSeconds * 1000LL;
@@ -359,11 +362,7 @@ UpdateAgent::Installed UpdateAgent::installStreamed(hawkbit_query_t::deployment_
                                                     std::string const& actionId) {
   std::string const sha256 =
       chunk.artifacts.size() == 1 ? plan.sha256(chunk.name, chunk.artifacts[0].filename) : "";
-  std::string error;
-  if (!lock_.take(stop_, config_.installTimeoutSeconds * 1000LL, error)) {
-    chunk.details.push_back("install command not run: " + (error.empty() ? "stopping" : error));
-    return Installed::kFailed;
-  }
+  if (!takeInstallLock(chunk.details)) return Installed::kFailed;
   // The lock goes with the command: it is held as long as the stream's
   // installer runs, even past the agent.
   StreamInstaller::Result const result = streamer_.install(chunk, sha256, actionId, lock_.fd());

@@ -62,6 +62,9 @@ class UpdateAgent {
   // an accepted one drops what was downloaded for an action still waiting.
   void answerCancel(hawkbit_query_t::cancel_action_t const& cancel);
   enum class Installed { kDone, kReboot, kFailed };
+  // Takes the install lock, waiting up to install-timeout-s; false, with
+  // why in `details`, when it could not be had.
+  bool takeInstallLock(std::vector<std::string>& details);
   Installed install(std::vector<std::string> const& files, std::vector<std::string>& details);
   // Forgets what the agent keeps for an action the server no longer has
   // (files waiting for their maintenance window, its install record).
