@@ -1,5 +1,8 @@
 #include "agent/command.h"
 
+#include "agent/processgroup.h"
+#include "agent/stderrtail.h"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -9,7 +12,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <deque>
 #include <initializer_list>
 
 namespace {
@@ -29,38 +31,6 @@ struct Pipe {
     if (fds[which] >= 0) close(fds[which]);
     fds[which] = -1;
   }
-};
-
-// The last lines of standard error, each cut to a bounded length, control
-// bytes escaped: a chatty command cannot grow the agent's memory nor forge
-// lines in the feedback.
-class Tail {
- public:
-  void add(char const* data, std::size_t size) {
-    for (std::size_t i = 0; i < size; ++i) {
-      unsigned char const c = static_cast<unsigned char>(data[i]);
-      if (c == '\n') {
-        lines_.emplace_back();
-        if (lines_.size() > kCommandTailLines + 1) lines_.pop_front();
-        continue;
-      }
-      char shown[8] = {static_cast<char>(c), 0};
-      if (c == '\t')
-        shown[0] = ' ';
-      else if (c < 0x20 || c == 0x7f)
-        std::snprintf(shown, sizeof shown, "\\x%02x", c);
-      std::string& line = lines_.back();
-      if (line.size() < kCommandLineBytes) line += shown;
-    }
-  }
-  std::vector<std::string> lines() {
-    if (lines_.back().empty()) lines_.pop_back();
-    while (lines_.size() > kCommandTailLines) lines_.pop_front();
-    return std::vector<std::string>(lines_.begin(), lines_.end());
-  }
-
- private:
-  std::deque<std::string> lines_{1};
 };
 
 // Standard output goes to the console a line at a time: each write ends at
@@ -116,57 +86,35 @@ std::string CommandResult::describe() const {
 CommandResult runCommand(std::string const& command, std::vector<std::string> const& args,
                          CommandOptions const& options) {
   CommandResult result;
-  std::vector<std::string> words = {"/bin/sh", "-c", command, "tamrel-install"};
-  words.insert(words.end(), args.begin(), args.end());
-  std::vector<char*> argv;
-  for (auto& word : words) argv.push_back(&word[0]);
-  argv.push_back(nullptr);
-
   Pipe out, err;
   if (!out.open() || !err.open()) return result;
-  std::fflush(stdout);
-  pid_t const child = fork();
-  if (child == 0) {
-    // The agent blocks its stop signals; the command gets them back.
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    setpgid(0, 0);
+  ProcessGroup group;
+  bool const forked = group.start(command, args, {}, [&] {
     dup2(out.fds[1], STDOUT_FILENO);
     dup2(err.fds[1], STDERR_FILENO);
     if (options.inherit >= 0)
       holdWhileRunning(options.inherit, {out.fds[0], out.fds[1], err.fds[0], err.fds[1]});
-    execv(argv[0], argv.data());
-    _exit(127);
-  }
+  });
   out.closeEnd(1);
   err.closeEnd(1);
-  if (child < 0) return result;
-  setpgid(child, child);  // either side may come first
+  if (!forked) return result;
+  pid_t const child = group.pid();
   if (options.started) options.started(child);
 
   auto const start = Clock::now();
-  auto signalledAt = start;
-  int sent = 0;
-  // A stop or the deadline goes to the command's group: SIGTERM, later SIGKILL.
+  // A stop or the deadline ends the command's group.
   auto const passStop = [&] {
-    auto const now = Clock::now();
     bool const stop = options.stop != nullptr && options.stop->load();
-    bool const late =
-        options.deadlineMs > 0 && now - start >= std::chrono::milliseconds(options.deadlineMs);
+    bool const late = options.deadlineMs > 0 &&
+                      Clock::now() - start >= std::chrono::milliseconds(options.deadlineMs);
     if (!stop && !late) return;
-    if (sent == 0) {
+    if (group.sent() == 0) {
       result.stopped = stop;
       result.timedOut = !stop;
     }
-    if (sent == 0 ||
-        (sent == SIGTERM && now - signalledAt >= std::chrono::milliseconds(kCommandKillAfterMs))) {
-      sent = sent == 0 ? SIGTERM : SIGKILL;
-      signalledAt = now;
-      kill(-child, sent);
-    }
+    group.end();
   };
-  Tail tail;
+  StderrTail tail;
   char buffer[4096];
   int status = 0;
   bool exited = false;

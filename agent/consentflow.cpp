@@ -1,8 +1,9 @@
 #include "agent/consentflow.h"
 
 #include "agent/command.h"
+#include "agent/deploymentdownload.h"
 #include "agent/deploymentplan.h"
-#include "agent/updateagent.h"
+#include "agent/jsontext.h"
 #include "ddi/document_parsers.h"
 #include "io/memoryio.h"
 
@@ -13,17 +14,11 @@
 
 namespace {
 
-using Json = std::unique_ptr<cJSON, void (*)(cJSON*)>;
 using Printed = std::unique_ptr<char, void (*)(void*)>;
-
-std::string text(cJSON const* object, char const* key) {
-  cJSON const* item = cJSON_GetObjectItemCaseSensitive(object, key);
-  return cJSON_IsString(item) ? item->valuestring : std::string();
-}
 
 std::string linkIn(cJSON const* document, char const* name) {
   cJSON const* links = cJSON_GetObjectItemCaseSensitive(document, "_links");
-  return text(cJSON_GetObjectItemCaseSensitive(links, name), "href");
+  return JsonText::member(cJSON_GetObjectItemCaseSensitive(links, name), "href");
 }
 
 std::string print(cJSON const* tree) {
@@ -56,7 +51,7 @@ ConsentFlow::ConsentFlow(AgentConfig const& config, AgentTransport& transport,
     : config_(config), transport_(transport), server_(server), reader_(reader), stop_(stop) {}
 
 std::string ConsentFlow::link(std::string const& document, char const* name) {
-  Json const root(cJSON_Parse(document.c_str()), cJSON_Delete);
+  JsonText::Document const root(cJSON_Parse(document.c_str()), cJSON_Delete);
   return linkIn(root.get(), name);
 }
 
@@ -70,7 +65,7 @@ ConsentFlow::Outcome ConsentFlow::answer(std::string const& base) {
   std::string const url = linked.empty() ? baseUrl_ + "/confirmationBase" : linked;
   Overview overview;
   std::string const problem = reader_.read(url, [&](std::string const& body) {
-    Json const root(cJSON_Parse(body.c_str()), cJSON_Delete);
+    JsonText::Document const root(cJSON_Parse(body.c_str()), cJSON_Delete);
     cJSON const* state = cJSON_GetObjectItemCaseSensitive(root.get(), "autoConfirm");
     if (!cJSON_IsObject(state)) return std::string("the confirmation state could not be read");
     overview.active = cJSON_IsTrue(cJSON_GetObjectItemCaseSensitive(state, "active"));
@@ -114,7 +109,7 @@ bool ConsentFlow::keepAutoConfirm(Overview const& overview) {
   }
   std::string body;
   if (wanted) {
-    Json const request(cJSON_CreateObject(), cJSON_Delete);
+    JsonText::Document const request(cJSON_CreateObject(), cJSON_Delete);
     cJSON_AddStringToObject(request.get(), "initiator", controllerId(config_).c_str());
     if (!config_.autoConfirmRemark.empty())
       cJSON_AddStringToObject(request.get(), "remark", config_.autoConfirmRemark.c_str());
@@ -156,7 +151,7 @@ ConsentFlow::Outcome ConsentFlow::answerAction(std::string const& link) {
     decision = ask(id, args);
   }
   if (!decision.send) return Outcome::kWaiting;
-  Json const feedback(cJSON_CreateObject(), cJSON_Delete);
+  JsonText::Document const feedback(cJSON_CreateObject(), cJSON_Delete);
   cJSON_AddStringToObject(feedback.get(), "confirmation",
                           decision.confirmed ? "confirmed" : "denied");
   cJSON_AddNumberToObject(feedback.get(), "code", decision.code);
@@ -177,9 +172,9 @@ ConsentFlow::Outcome ConsentFlow::answerAction(std::string const& link) {
 std::string ConsentFlow::readAction(std::string const& body, std::string const& id,
                                     std::vector<std::string>& args,
                                     std::vector<std::string>& problems) {
-  Json const root(cJSON_Parse(body.c_str()), cJSON_Delete);
+  JsonText::Document const root(cJSON_Parse(body.c_str()), cJSON_Delete);
   cJSON* const action = cJSON_DetachItemFromObjectCaseSensitive(root.get(), "confirmation");
-  if (!cJSON_IsObject(action) || text(root.get(), "id") != id) {
+  if (!cJSON_IsObject(action) || JsonText::member(root.get(), "id") != id) {
     cJSON_Delete(action);
     return "the confirmation document could not be read (no action " + id + " in it)";
   }
@@ -194,10 +189,10 @@ std::string ConsentFlow::readAction(std::string const& body, std::string const& 
   if (body.find("\\u0000") != std::string::npos)
     problems.push_back("the document holds a NUL character (\\u0000)");
   for (auto const& chunk : deployment.chunks) {
-    if (!UpdateAgent::safeName(chunk.name))
+    if (!DeploymentDownload::safeName(chunk.name))
       problems.push_back("unsafe chunk name \"" + DocumentReader::oneLine(chunk.name) + "\"");
     for (auto const& artifact : chunk.artifacts) {
-      if (!UpdateAgent::safeName(artifact.filename))
+      if (!DeploymentDownload::safeName(artifact.filename))
         problems.push_back("unsafe artifact name \"" + DocumentReader::oneLine(artifact.filename) +
                            "\"");
     }

@@ -1,5 +1,6 @@
 #include "agent/deploymentplan.h"
 
+#include "agent/jsontext.h"
 #include "digest/digest.h"
 
 #include <cjson/cJSON.h>
@@ -9,13 +10,6 @@
 #include <memory>
 
 namespace {
-
-using Json = std::unique_ptr<cJSON, void (*)(cJSON*)>;
-
-std::string text(cJSON const* object, char const* key) {
-  cJSON const* item = cJSON_GetObjectItemCaseSensitive(object, key);
-  return cJSON_IsString(item) ? item->valuestring : std::string();
-}
 
 bool hasControl(std::string const& name) {
   return std::any_of(name.begin(), name.end(),
@@ -48,7 +42,7 @@ std::string shown(std::string const& name) {
 }
 
 bool handling(cJSON const* object, char const* key, DeploymentPlan::Handling& value) {
-  std::string const word = text(object, key);
+  std::string const word = JsonText::member(object, key);
   if (word == "skip") {
     value = DeploymentPlan::Handling::kSkip;
   } else if (word == "attempt") {
@@ -77,7 +71,7 @@ std::string DeploymentPlan::sha256(std::string const& chunk, std::string const& 
 DeploymentPlan DeploymentPlan::read(deployment_t& deployment) {
   DeploymentPlan plan;
   auto& problems = plan.problems_;
-  Json const root(cJSON_Parse(deployment.json.c_str()), cJSON_Delete);
+  JsonText::Document const root(cJSON_Parse(deployment.json.c_str()), cJSON_Delete);
   cJSON const* body = cJSON_GetObjectItemCaseSensitive(root.get(), "deployment");
   cJSON const* chunks = cJSON_GetObjectItemCaseSensitive(body, "chunks");
   if (!cJSON_IsObject(body) || !cJSON_IsArray(chunks)) {
@@ -85,10 +79,11 @@ DeploymentPlan DeploymentPlan::read(deployment_t& deployment) {
     return plan;
   }
   if (!handling(body, "download", plan.download_) || !handling(body, "update", plan.update_)) {
-    problems.push_back("unknown download or update handling \"" + text(body, "download") + "\"/\"" +
-                       text(body, "update") + "\"");
+    problems.push_back("unknown download or update handling \"" +
+                       JsonText::member(body, "download") + "\"/\"" +
+                       JsonText::member(body, "update") + "\"");
   }
-  std::string const window = text(body, "maintenanceWindow");
+  std::string const window = JsonText::member(body, "maintenanceWindow");
   plan.hasWindow_ = cJSON_HasObjectItem(body, "maintenanceWindow");
   plan.windowAvailable_ = !plan.hasWindow_ || window == "available";
   if (plan.hasWindow_ && window != "available" && window != "unavailable") {
@@ -113,7 +108,7 @@ DeploymentPlan DeploymentPlan::read(deployment_t& deployment) {
   for (int c = 0; c < count; ++c) {
     cJSON const* chunkJson = cJSON_GetArrayItem(chunks, c);
     auto& chunk = deployment.chunks[static_cast<std::size_t>(c)];
-    std::string const name = text(chunkJson, "name");
+    std::string const name = JsonText::member(chunkJson, "name");
     std::string const where = "chunk " + shown(name);
     if (name != chunk.name) {
       problems.push_back(where + ": not the chunk the library read (" + shown(chunk.name) + ")");
@@ -135,7 +130,7 @@ DeploymentPlan DeploymentPlan::read(deployment_t& deployment) {
     for (int a = 0; a < listed; ++a) {
       cJSON const* item = cJSON_GetArrayItem(artifacts, a);
       auto& artifact = chunk.artifacts[static_cast<std::size_t>(a)];
-      std::string const file = text(item, "filename");
+      std::string const file = JsonText::member(item, "filename");
       std::string const at = where + ", artifact " + shown(file);
       if (file != artifact.filename) {
         problems.push_back(at + ": not the artifact the library read");
@@ -161,8 +156,10 @@ DeploymentPlan DeploymentPlan::read(deployment_t& deployment) {
       // allows plain HTTP. The library fetches "download-http", so the link
       // chosen goes there.
       cJSON const* links = cJSON_GetObjectItemCaseSensitive(item, "_links");
-      std::string url = text(cJSON_GetObjectItemCaseSensitive(links, "download"), "href");
-      if (url.empty()) url = text(cJSON_GetObjectItemCaseSensitive(links, "download-http"), "href");
+      std::string url =
+          JsonText::member(cJSON_GetObjectItemCaseSensitive(links, "download"), "href");
+      if (url.empty())
+        url = JsonText::member(cJSON_GetObjectItemCaseSensitive(links, "download-http"), "href");
       artifact.links.clear();
       if (url.empty()) {
         problems.push_back(at + ": no download link");
@@ -174,7 +171,7 @@ DeploymentPlan DeploymentPlan::read(deployment_t& deployment) {
       artifact.hashes.clear();
       cJSON const* hashes = cJSON_GetObjectItemCaseSensitive(item, "hashes");
       for (char const* kind : {"sha1", "md5", "sha256"}) {
-        std::string const digest = lower(text(hashes, kind));
+        std::string const digest = lower(JsonText::member(hashes, kind));
         if (digest.empty()) continue;
         if (std::string(kind) == "sha256") {
           plan.sha256_.push_back({name, file, digest});

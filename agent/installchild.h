@@ -4,13 +4,14 @@
 #include <sys/types.h>
 
 #include <atomic>
-#include <deque>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "agent/command.h"
+#include "agent/processgroup.h"
+#include "agent/stderrtail.h"
 
 // An install command that runs beside the agent while the agent feeds it:
 // `/bin/sh -c '<command>' tamrel-install <args>...` in a process group of its
@@ -32,7 +33,7 @@ class InstallChild {
   InstallChild(InstallChild const&) = delete;
   InstallChild& operator=(InstallChild const&) = delete;
 
-  bool started() const { return pid_ > 0; }
+  bool started() const { return group_.pid() > 0; }
   // True once the command has exited (reaps it; never blocks).
   bool exited();
   // Waits for the command. Once *stop is set (or right away with `end`),
@@ -42,14 +43,14 @@ class InstallChild {
  private:
   void readErrors(int fd);
 
-  pid_t pid_ = -1;
+  ProcessGroup group_;
   std::mutex lock_;  // guards status_/exited_ between exited() and wait()
   int status_ = 0;
   bool exited_ = false;
   std::atomic<bool> reaped_{false};
   std::thread reader_;
   std::mutex tailLock_;
-  std::deque<std::string> tail_{1};
+  StderrTail tail_;
 };
 
 #endif  // TAMREL_AGENT_INSTALLCHILD_H_

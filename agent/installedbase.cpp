@@ -1,23 +1,13 @@
 #include "agent/installedbase.h"
 
 #include "agent/consentflow.h"
+#include "agent/jsontext.h"
 #include "io/memoryio.h"
 
 #include <cjson/cJSON.h>
 
 #include <cstdio>
 #include <memory>
-
-namespace {
-
-using Json = std::unique_ptr<cJSON, void (*)(cJSON*)>;
-
-std::string text(cJSON const* object, char const* key) {
-  cJSON const* item = cJSON_GetObjectItemCaseSensitive(object, key);
-  return cJSON_IsString(item) ? item->valuestring : std::string();
-}
-
-}  // namespace
 
 InstalledBase::InstalledBase(AgentTransport& transport, ServerRequest const& server,
                              DocumentReader const& reader)
@@ -28,15 +18,15 @@ void InstalledBase::show(std::string const& base) {
   if (link.empty() || link == shown_) return;
   std::string said;
   std::string const problem = reader_.read(link, [&](std::string const& body) {
-    Json const root(cJSON_Parse(body.c_str()), cJSON_Delete);
+    JsonText::Document const root(cJSON_Parse(body.c_str()), cJSON_Delete);
     cJSON const* deployment = cJSON_GetObjectItemCaseSensitive(root.get(), "deployment");
     cJSON const* chunks = cJSON_GetObjectItemCaseSensitive(deployment, "chunks");
     if (!cJSON_IsArray(chunks)) return std::string("the document could not be read");
-    said = "action " + text(root.get(), "id") + ":";
+    said = "action " + JsonText::member(root.get(), "id") + ":";
     cJSON const* chunk = nullptr;
     cJSON_ArrayForEach(chunk, chunks) {
-      said +=
-          (said.back() == ':' ? " " : ", ") + text(chunk, "name") + " " + text(chunk, "version");
+      said += (said.back() == ':' ? " " : ", ") + JsonText::member(chunk, "name") + " " +
+              JsonText::member(chunk, "version");
     }
     return std::string();
   });
@@ -50,7 +40,7 @@ void InstalledBase::show(std::string const& base) {
 
 std::string InstalledBase::report(std::string const& baseUrl, std::string const& name,
                                   std::string const& version) const {
-  Json const request(cJSON_CreateObject(), cJSON_Delete);
+  JsonText::Document const request(cJSON_CreateObject(), cJSON_Delete);
   cJSON_AddStringToObject(request.get(), "name", name.c_str());
   cJSON_AddStringToObject(request.get(), "version", version.c_str());
   std::unique_ptr<char, void (*)(void*)> const body(cJSON_PrintUnformatted(request.get()),

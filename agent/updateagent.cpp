@@ -6,11 +6,9 @@
 #include "agent/linkorigin.h"
 #include "agent/pollfailure.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <functional>
@@ -18,18 +16,6 @@
 #ifndef TAMREL_VERSION
 #define TAMREL_VERSION "unknown"
 #endif
-
-namespace {
-
-bool makeDirectories(std::string const& path) {
-  for (std::size_t slash = path.find('/', 1);; slash = path.find('/', slash + 1)) {
-    std::string const part = path.substr(0, slash);
-    if (mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) return false;
-    if (slash == std::string::npos) return true;
-  }
-}
-
-}  // namespace
 
 UpdateAgent::UpdateAgent(AgentConfig const& config)
     : config_(config),
@@ -41,6 +27,9 @@ UpdateAgent::UpdateAgent(AgentConfig const& config)
       reboot_(
           client_, config,
           [this](std::function<bool()> const& request) { return server_.send(request); }, stop_),
+      feedback_(client_, server_,
+                [this](std::string const& actionId) { dropGoneAction(actionId); }),
+      download_(config, fetcher_, stop_),
       lock_((config.stateDir.empty() ? config.downloadDir + "/.install.lock"
                                      : config.stateDir + "/install.lock")),
       streamer_(transport_, config, stop_),
@@ -49,11 +38,6 @@ UpdateAgent::UpdateAgent(AgentConfig const& config)
       installed_(transport_, server_, reader_) {
   // hawkBit refuses configuration data without attributes.
   if (attributes_.empty()) attributes_.push_back({"tamrel-agent.version", TAMREL_VERSION});
-}
-
-bool UpdateAgent::safeName(std::string const& name) {
-  return !name.empty() && name != "." && name.find('/') == std::string::npos &&
-         name.find("..") == std::string::npos && name.find('\0') == std::string::npos;
 }
 
 bool UpdateAgent::connect() {
@@ -201,9 +185,7 @@ UpdateAgent::Cycle UpdateAgent::cycle() {
     if (!deploy(answer.deployment) && !stopping()) {
       result.status = kExitDeploymentFailed;
       // Directories made for a failed deployment go again when empty.
-      for (auto const& chunk : answer.deployment.chunks) {
-        if (safeName(chunk.name)) rmdir((config_.downloadDir + "/" + chunk.name).c_str());
-      }
+      download_.removeEmptyDirectories(answer.deployment);
     }
   }
   return result;
@@ -221,13 +203,9 @@ void UpdateAgent::answerCancel(hawkbit_query_t::cancel_action_t const& cancel) {
                            "cancellation of action " + cancel.stop_id + " accepted");
   });
   std::string removed;
-  if (!installed && failure.empty() && cancel.stop_id == waitingAction_) {
-    // Downloaded for a maintenance window that no longer matters.
-    for (std::string const& file : waitingFiles_) std::remove(file.c_str());
-    for (std::string const& dir : waitingDirs_) rmdir(dir.c_str());
+  // Downloaded for a maintenance window that no longer matters.
+  if (!installed && failure.empty() && dropWaiting(cancel.stop_id))
     removed = ", its downloaded files removed";
-    waitingAction_.clear();
-  }
   std::printf("cancel request for action %s: %s%s\n", cancel.stop_id.c_str(),
               !failure.empty() ? failure.c_str()
               : installed      ? "rejected (installed already), feedback sent"
@@ -244,7 +222,7 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
   bool handled = true;
   if (reboot_.handles(deployment, handled)) return handled;
   // Gone from the server: nothing new is started for it.
-  if (gone_.count(deployment.id)) return true;
+  if (feedback_.gone(deployment.id)) return true;
 
   DeploymentPlan const plan = DeploymentPlan::read(deployment);
   if (plan.download() == DeploymentPlan::Handling::kSkip && plan.problems().empty()) {
@@ -264,17 +242,16 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
   if (!waited) {
     deployment.execution = execution_t::proceeding;
     deployment.finished = finished_t::none;
-    std::string const outcome =
-        feedback(deployment.id, [&] { return client_.sendUpdateFeedback(deployment); });
+    std::string const outcome = feedback_.update(deployment);
     if (outcome != "sent")
       std::printf("deployment %s: proceeding %s\n", deployment.id.c_str(), outcome.c_str());
-    if (gone_.count(deployment.id)) return true;
+    if (feedback_.gone(deployment.id)) return true;
   }
   if (!plan.problems().empty()) {
     auto& details = deployment.chunks.front().details;
     details.insert(details.end(), plan.problems().begin(), plan.problems().end());
     for (auto const& line : plan.problems()) std::printf("  refused: %s\n", line.c_str());
-    close(deployment, false);
+    feedback_.close(deployment, false);
     return false;
   }
 
@@ -284,28 +261,29 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
     deployment.chunks.front().details.push_back("install-mode " + config_.installMode +
                                                 " stores nothing: a download-only action "
                                                 "cannot be served");
-    close(deployment, false);
+    feedback_.close(deployment, false);
     return false;
   }
   std::vector<std::vector<std::string>> files(deployment.chunks.size());
-  bool success = streamed || download(deployment, plan, files);
+  bool success = streamed || download_.run(deployment, plan, files);
   if (stopping()) {
     // The next run resumes the partial files.
-    proceed(deployment, "interrupted on the device; the download resumes on the next start",
-            "interrupted, left open");
+    feedback_.proceed(deployment,
+                      "interrupted on the device; the download resumes on the next start",
+                      "interrupted, left open");
     return false;
   }
   if (!success) {
-    close(deployment, false);
+    feedback_.close(deployment, false);
     return false;
   }
   if (downloadOnly) {
-    closeDownloaded(deployment);
+    feedback_.closeDownloaded(deployment);
     return true;
   }
   if (!installNow) {
-    proceed(deployment, "downloaded, waiting for maintenance window",
-            "downloaded, waiting for the maintenance window");
+    feedback_.proceed(deployment, "downloaded, waiting for maintenance window",
+                      "downloaded, waiting for the maintenance window");
     waitingAction_ = deployment.id;
     waitingFiles_.clear();
     waitingDirs_.clear();
@@ -328,95 +306,25 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
   }
   if (stopping() && !success) {
     // Stopped with the agent: offered again and installed at the next start.
-    proceed(deployment, "installation interrupted on the device; it runs again on the next start",
-            "installation interrupted, left open");
+    feedback_.proceed(deployment,
+                      "installation interrupted on the device; it runs again on the next start",
+                      "installation interrupted, left open");
     return false;
   }
   if (success && reboot && reboot_.begin(deployment)) return true;
   return reboot_.finish(deployment, success && !reboot);
 }
 
-bool UpdateAgent::download(hawkbit_query_t::deployment_t& deployment, DeploymentPlan const& plan,
-                           std::vector<std::vector<std::string>>& files) {
-  bool success = true;
-  for (std::size_t c = 0; c < deployment.chunks.size(); ++c) {
-    auto& chunk = deployment.chunks[c];
-    if (!safeName(chunk.name)) {
-      chunk.details.push_back("refused: unsafe chunk name \"" + chunk.name + "\"");
-      success = false;
-      continue;
-    }
-    std::string const dir = config_.downloadDir + "/" + chunk.name;
-    if (!makeDirectories(dir)) {
-      chunk.details.push_back("cannot create " + dir);
-      success = false;
-      continue;
-    }
-    for (auto& artifact : chunk.artifacts) {
-      std::string detail;
-      // A link to another host is fetched too: the transport sends no
-      // credentials there, and the digests decide whether the file is good.
-      if (!safeName(artifact.filename)) {
-        detail = "refused: unsafe artifact name \"" + artifact.filename + "\"";
-        success = false;
-      } else {
-        artifact.destination = dir;
-        artifact.subdirectory.clear();
-        if (fetcher_.fetch(chunk.name, artifact, plan.sha256(chunk.name, artifact.filename),
-                           detail)) {
-          files[c].push_back(ArtifactFetcher::filePath(artifact));
-        } else {
-          success = false;
-        }
-      }
-      chunk.details.push_back(detail);
-    }
-    if (stopping()) break;
-  }
-  return success;
-}
-
-void UpdateAgent::proceed(hawkbit_query_t::deployment_t& deployment, std::string const& detail,
-                          char const* what) {
-  deployment.chunks.front().details.push_back(detail);
-  deployment.execution = execution_t::proceeding;
-  deployment.finished = finished_t::none;
-  std::string const outcome =
-      feedback(deployment.id, [&] { return client_.sendUpdateFeedback(deployment); });
-  std::printf("deployment %s: %s, feedback %s\n", deployment.id.c_str(), what, outcome.c_str());
-}
-
-void UpdateAgent::close(hawkbit_query_t::deployment_t& deployment, bool success) {
-  for (auto& chunk : deployment.chunks) chunk.completed = true;
-  deployment.execution = execution_t::closed;
-  deployment.finished = success ? finished_t::success : finished_t::failure;
-  std::string const outcome =
-      feedback(deployment.id, [&] { return client_.sendUpdateFeedback(deployment); });
-  std::printf("deployment %s: %s, feedback %s\n", deployment.id.c_str(),
-              success ? "success" : "failure", outcome.c_str());
-}
-
-void UpdateAgent::closeDownloaded(hawkbit_query_t::deployment_t const& deployment) {
-  // hawkBit's deploymentBase link carries a query ("?c=..."); the feedback
-  // resource is below the path.
-  std::string const url = deployment.url.substr(0, deployment.url.find('?'));
-  std::string details;
-  for (auto const& chunk : deployment.chunks) {
-    for (auto const& line : chunk.details) details += (details.empty() ? "" : "; ") + line;
-  }
-  std::string const outcome = feedback(deployment.id, [&] {
-    return client_.sendCancelActionFeedback(url, deployment.id, "downloaded", "none", details);
-  });
-  std::printf("deployment %s: downloaded, feedback %s\n", deployment.id.c_str(), outcome.c_str());
+bool UpdateAgent::takeInstallLock(std::vector<std::string>& details) {
+  std::string error;
+  if (lock_.take(stop_, config_.installTimeoutSeconds * 1000LL, error)) return true;
+  details.push_back("install command not run: " + (error.empty() ? "stopping" : error));
+  return false;
 }
 
 UpdateAgent::Installed UpdateAgent::install(std::vector<std::string> const& files,
                                             std::vector<std::string>& details) {
-  std::string error;
-  if (!lock_.take(stop_, config_.installTimeoutSeconds * 1000LL, error)) {
-    details.push_back("install command not run: " + (error.empty() ? "stopping" : error));
-    return Installed::kFailed;
-  }
+  if (!takeInstallLock(details)) return Installed::kFailed;
   CommandOptions options;
   options.stop = &stop_;
   options.deadlineMs = config_.installTimeoutSeconds * 1000LL;
@@ -436,26 +344,17 @@ UpdateAgent::Installed UpdateAgent::install(std::vector<std::string> const& file
   return installed;
 }
 
-std::string UpdateAgent::feedback(std::string const& actionId,
-                                  std::function<bool()> const& request) {
-  ServerRequest::Result const result = server_.submit(request);
-  if (result.gone && gone_.insert(actionId).second) {
-    std::printf(
-        "action %s no longer exists on the server (cancelled or deleted there): its "
-        "state is dropped, nothing more is started or sent for it\n",
-        actionId.c_str());
-    dropGoneAction(actionId);
-  }
-  return result.failure.empty() ? "sent" : result.failure;
+void UpdateAgent::dropGoneAction(std::string const& actionId) {
+  dropWaiting(actionId);
+  reboot_.drop(actionId);
 }
 
-void UpdateAgent::dropGoneAction(std::string const& actionId) {
-  if (actionId == waitingAction_) {
-    for (std::string const& file : waitingFiles_) std::remove(file.c_str());
-    for (std::string const& dir : waitingDirs_) rmdir(dir.c_str());
-    waitingAction_.clear();
-  }
-  reboot_.drop(actionId);
+bool UpdateAgent::dropWaiting(std::string const& actionId) {
+  if (waitingAction_.empty() || actionId != waitingAction_) return false;
+  for (std::string const& file : waitingFiles_) std::remove(file.c_str());
+  for (std::string const& dir : waitingDirs_) rmdir(dir.c_str());
+  waitingAction_.clear();
+  return true;
 }
 
 UpdateAgent::Installed UpdateAgent::installStreamed(hawkbit_query_t::deployment_t::chunk_t& chunk,
@@ -463,11 +362,7 @@ UpdateAgent::Installed UpdateAgent::installStreamed(hawkbit_query_t::deployment_
                                                     std::string const& actionId) {
   std::string const sha256 =
       chunk.artifacts.size() == 1 ? plan.sha256(chunk.name, chunk.artifacts[0].filename) : "";
-  std::string error;
-  if (!lock_.take(stop_, config_.installTimeoutSeconds * 1000LL, error)) {
-    chunk.details.push_back("install command not run: " + (error.empty() ? "stopping" : error));
-    return Installed::kFailed;
-  }
+  if (!takeInstallLock(chunk.details)) return Installed::kFailed;
   // The lock goes with the command: it is held as long as the stream's
   // installer runs, even past the agent.
   StreamInstaller::Result const result = streamer_.install(chunk, sha256, actionId, lock_.fd());

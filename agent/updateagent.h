@@ -5,7 +5,6 @@
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -13,6 +12,8 @@
 #include "agent/agenttransport.h"
 #include "agent/artifactfetcher.h"
 #include "agent/consentflow.h"
+#include "agent/deploymentdownload.h"
+#include "agent/deploymentfeedback.h"
 #include "agent/deploymentplan.h"
 #include "agent/documentreader.h"
 #include "agent/installedbase.h"
@@ -55,35 +56,22 @@ class UpdateAgent {
   bool stopping() const { return stop_.load(); }
   ProgressBar& progress() { return fetcher_.progress(); }
 
-  // True when the name can safely become one path component.
-  static bool safeName(std::string const& name);
-
  private:
   bool deploy(hawkbit_query_t::deployment_t deployment);
   // Accepts a cancel request, or rejects it for an action installed already;
   // an accepted one drops what was downloaded for an action still waiting.
   void answerCancel(hawkbit_query_t::cancel_action_t const& cancel);
-  // Downloads and verifies every chunk's artifacts into download-dir/<chunk>;
-  // `files` gets each chunk's paths. False when any artifact failed.
-  bool download(hawkbit_query_t::deployment_t& deployment, DeploymentPlan const& plan,
-                std::vector<std::vector<std::string>>& files);
-  // Closes the deployment with success or failure and says so.
-  // Reports the action "proceeding" with `detail`, leaving it open; logs
-  // `what` with the outcome of the report.
-  void proceed(hawkbit_query_t::deployment_t& deployment, std::string const& detail,
-               char const* what);
-  void close(hawkbit_query_t::deployment_t& deployment, bool success);
-  // A download-only action: closed with "downloaded".
-  void closeDownloaded(hawkbit_query_t::deployment_t const& deployment);
   enum class Installed { kDone, kReboot, kFailed };
+  // Takes the install lock, waiting up to install-timeout-s; false, with
+  // why in `details`, when it could not be had.
+  bool takeInstallLock(std::vector<std::string>& details);
   Installed install(std::vector<std::string> const& files, std::vector<std::string>& details);
-  // Sends one feedback of the action through server_: "sent", or why not.
-  // A 404/410 answer means the action is gone from the server: said once,
-  // and dropGoneAction() runs.
-  std::string feedback(std::string const& actionId, std::function<bool()> const& request);
   // Forgets what the agent keeps for an action the server no longer has
-  // (files waiting for their maintenance window).
+  // (files waiting for their maintenance window, its install record).
   void dropGoneAction(std::string const& actionId);
+  // Removes the files of the action when it is the one waiting for its
+  // maintenance window; false when it is not.
+  bool dropWaiting(std::string const& actionId);
   // install-mode stream or url: the chunk's artifact goes to the command
   // without being stored.
   Installed installStreamed(hawkbit_query_t::deployment_t::chunk_t& chunk,
@@ -96,16 +84,17 @@ class UpdateAgent {
   std::atomic<bool> stop_{false};
   std::vector<tamrel::value_pair_t> attributes_;  // sent as configuration data
   ArtifactFetcher fetcher_;
-  ServerRequest server_;       // every POST/PUT goes through it
-  RebootConfirmation reboot_;  // the action in flight, its record and its reboot
-  InstallLock lock_;           // one install at a time, across restarts
-  StreamInstaller streamer_;   // install-mode stream and url
+  ServerRequest server_;         // every POST/PUT goes through it
+  RebootConfirmation reboot_;    // the action in flight, its record and its reboot
+  DeploymentFeedback feedback_;  // a 404/410 answer runs dropGoneAction()
+  DeploymentDownload download_;
+  InstallLock lock_;          // one install at a time, across restarts
+  StreamInstaller streamer_;  // install-mode stream and url
   // An action downloaded in this run and waiting for its maintenance window.
   std::string waitingAction_;  // downloaded, waiting for its maintenance window
   std::vector<std::string> waitingFiles_, waitingDirs_;
-  std::set<std::string> gone_;  // actions the server answered 404/410 for
-  int failedPolls_ = 0;         // in a row
-  DocumentReader reader_;       // documents the library does not read
+  int failedPolls_ = 0;    // in a row
+  DocumentReader reader_;  // documents the library does not read
   ConsentFlow consent_;
   InstalledBase installed_;
   std::string baseBody_;  // the last base poll answer's body, kept by the transport's observer

@@ -1,12 +1,9 @@
 #include "ddiserver/ddiserver.h"
 
-#include <arpa/inet.h>
+#include "ddiserver/certificates.h"
+
 #include <dirent.h>
 #include <httplib.h>
-#include <openssl/evp.h>
-#include <openssl/pem.h>
-#include <openssl/x509.h>
-#include <openssl/x509v3.h>
 #include <strings.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -18,8 +15,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <random>
 #include <stdexcept>
 
 namespace tamrel::ddiserver {
@@ -30,44 +25,6 @@ namespace {
 bool addedByHttplib(std::string const& name) {
   return name == "REMOTE_ADDR" || name == "REMOTE_PORT" || name == "LOCAL_ADDR" ||
          name == "LOCAL_PORT";
-}
-
-enum class RangeKind { kNone, kSatisfiable, kUnsatisfiable };
-
-// Parses a single "bytes=" range against `size`; anything else (several
-// ranges, other units) is treated as no range, which a server may do.
-RangeKind parseRange(std::string const& header, size_t size, size_t& first, size_t& last) {
-  std::string const prefix = "bytes=";
-  if (header.compare(0, prefix.size(), prefix) != 0) return RangeKind::kNone;
-  std::string const ranges = header.substr(prefix.size());
-  size_t const dash = ranges.find('-');
-  if (dash == std::string::npos || ranges.find(',') != std::string::npos) return RangeKind::kNone;
-  std::string const from = ranges.substr(0, dash);
-  std::string const to = ranges.substr(dash + 1);
-  auto digits = [](std::string const& s) {
-    return !s.empty() && s.size() < 19 &&
-           std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
-  };
-  if (from.empty()) {  // suffix: the last n bytes
-    if (!digits(to)) return RangeKind::kNone;
-    size_t const n = std::stoull(to);
-    if (n == 0 || size == 0) return RangeKind::kUnsatisfiable;
-    first = n >= size ? 0 : size - n;
-    last = size - 1;
-    return RangeKind::kSatisfiable;
-  }
-  if (!digits(from) || (!to.empty() && !digits(to))) return RangeKind::kNone;
-  first = std::stoull(from);
-  if (first >= size) return RangeKind::kUnsatisfiable;
-  last = to.empty() ? size - 1 : std::min<size_t>(std::stoull(to), size - 1);
-  if (last < first) return RangeKind::kNone;
-  return RangeKind::kSatisfiable;
-}
-
-bool copyFile(std::string const& from, std::string const& to) {
-  std::ifstream in(from, std::ios::binary);
-  std::ofstream out(to, std::ios::binary);
-  return in && out << in.rdbuf() && out.flush();
 }
 
 }  // namespace
@@ -93,17 +50,16 @@ DdiServer::DdiServer(Options const& options)
       caFile_ = tempDir_ + "/ca.pem";
       certFile_ = tempDir_ + "/cert.pem";
       keyFile = tempDir_ + "/key.pem";
-      if (!writeCaSignedCertificate(caFile_, certFile_, keyFile)) {
+      if (!Certificates::writeCaSigned(caFile_, certFile_, keyFile)) {
         throw std::runtime_error("DdiServer: cannot generate a certificate");
       }
     }
     std::string clientCa = options.clientCaFile;
     if (!options.clientCertOut.empty() && !tempDir_.empty()) {
-      std::string const out = options.clientCertOut;
       clientCa = tempDir_ + "/client-ca.pem";
-      if (!writeCaSignedCertificate(clientCa, out + "/client.pem", out + "/client.key", true) ||
-          !copyFile(caFile_, out + "/ca.pem")) {
-        throw std::runtime_error("DdiServer: cannot write client certificates to " + out);
+      if (!Certificates::writeClientSet(clientCa, options.clientCertOut, caFile_)) {
+        throw std::runtime_error("DdiServer: cannot write client certificates to " +
+                                 options.clientCertOut);
       }
     }
     if (!clientCa.empty() && access(clientCa.c_str(), R_OK) != 0) {
@@ -350,7 +306,7 @@ void DdiServer::handle(httplib::Request const& req, httplib::Response& res) {
     res.status = 401;
     return;
   }
-  if (hasFault && fault.answerDelayMs > 0) sleepUnlessStopping(fault.answerDelayMs);
+  if (hasFault && fault.answerDelayMs > 0) answers_.sleep(fault.answerDelayMs);
   if (hasFault && !fault.redirectTo.empty()) {
     res.set_redirect(fault.redirectTo, 302);
     return;
@@ -377,10 +333,10 @@ void DdiServer::handle(httplib::Request const& req, httplib::Response& res) {
   Answer answer;
   if (handler && handler(record, answer)) {
     if (req.method == "GET" || req.method == "HEAD") {
-      answerResource(req, res,
-                     Resource{std::make_shared<std::string const>(std::move(answer.body)),
-                              answer.status, answer.contentType, false, "", 0},
-                     shaping);
+      answers_.answer(req, res,
+                      Resource{std::make_shared<std::string const>(std::move(answer.body)),
+                               answer.status, answer.contentType, false, "", 0},
+                      shaping);
     } else {
       res.status = answer.status;
       if (!answer.body.empty()) res.set_content(answer.body, answer.contentType);
@@ -390,7 +346,7 @@ void DdiServer::handle(httplib::Request const& req, httplib::Response& res) {
   if (req.method == "GET" || req.method == "HEAD") {
     if (hasResource) {
       for (auto const& [name, value] : headers) res.set_header(name, value);
-      answerResource(req, res, resource, shaping);
+      answers_.answer(req, res, resource, shaping);
     } else {
       res.status = 404;
       res.set_content(exceptionInfoJson("org.eclipse.hawkbit.repository.exception."
@@ -402,115 +358,6 @@ void DdiServer::handle(httplib::Request const& req, httplib::Response& res) {
     return;
   }
   res.status = 200;
-}
-
-void DdiServer::answerResource(httplib::Request const& req, httplib::Response& res,
-                               Resource const& resource, Fault const* fault) {
-  std::shared_ptr<std::string const> const data = resource.body;
-  std::string const file = resource.file;
-  Reader const read = [data, file](size_t offset, size_t n, std::string& out) {
-    if (file.empty()) {
-      out.assign(*data, offset, n);
-      return true;
-    }
-    int const fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return false;
-    out.resize(n);
-    ssize_t const got = pread(fd, &out[0], n, static_cast<off_t>(offset));
-    close(fd);
-    return got == static_cast<ssize_t>(n);
-  };
-  if (!resource.artifact) {
-    res.status = resource.status;
-    sendBody(res, read, 0, resource.body->size(), resource.contentType, fault);
-    return;
-  }
-  res.set_header("Accept-Ranges", "bytes");
-  std::string const range = req.get_header_value("Range");
-  size_t const size = file.empty() ? resource.body->size() : resource.fileSize;
-  size_t first = 0, last = 0;
-  RangeKind const kind = range.empty() || (fault && fault->ignoreRange)
-                             ? RangeKind::kNone
-                             : parseRange(range, size, first, last);
-  if (kind == RangeKind::kUnsatisfiable) {
-    res.status = 416;
-    res.set_header("Content-Range", "bytes */" + std::to_string(size));
-    return;
-  }
-  if (kind == RangeKind::kSatisfiable) {
-    res.status = 206;
-    res.set_header("Content-Range", "bytes " + std::to_string(first) + "-" + std::to_string(last) +
-                                        "/" + std::to_string(size));
-    sendBody(res, read, first, last - first + 1, resource.contentType, fault);
-    return;
-  }
-  res.status = 200;
-  sendBody(res, read, 0, size, resource.contentType, fault);
-}
-
-void DdiServer::sendBody(httplib::Response& res, Reader const& read, size_t offset, size_t length,
-                         std::string const& contentType, Fault const* fault) {
-  if (fault && fault->trailingBytes != 0) {
-    sendOverlong(res, read, offset, length, contentType, *fault);
-    return;
-  }
-  if (length == 0) {
-    res.set_content("", contentType);
-    return;
-  }
-  size_t const limit = fault && fault->dropAfterBytes >= 0
-                           ? std::min<size_t>(length, static_cast<size_t>(fault->dropAfterBytes))
-                           : length;
-  // Pieces of at most 1 MiB, so that large bodies are never read whole.
-  size_t const piece = fault && fault->chunkBytes > 0 ? static_cast<size_t>(fault->chunkBytes)
-                                                      : std::min<size_t>(length, 1 << 20);
-  int const delayMs = fault ? fault->delayMs : 0;
-  // Content-Length announces `length`; returning false makes httplib close
-  // the connection, which cuts the body short at `limit`.
-  res.set_content_provider(length, contentType,
-                           [this, read, offset, limit, piece, delayMs](size_t sent, size_t left,
-                                                                       httplib::DataSink& sink) {
-                             if (sent >= limit) return false;
-                             if (delayMs > 0) sleepUnlessStopping(delayMs);
-                             if (stopping_) return false;
-                             size_t const n = std::min({left, limit - sent, piece});
-                             std::string bytes;
-                             return read(offset + sent, n, bytes) &&
-                                    sink.write(bytes.data(), bytes.size());
-                           });
-}
-
-void DdiServer::sendOverlong(httplib::Response& res, Reader const& read, size_t offset,
-                             size_t length, std::string const& contentType, Fault const& fault) {
-  size_t const piece = fault.chunkBytes > 0 ? static_cast<size_t>(fault.chunkBytes) : 65536;
-  long long const total =
-      fault.trailingBytes < 0 ? -1 : static_cast<long long>(length) + fault.trailingBytes;
-  int const delayMs = fault.delayMs;
-  auto const filler = std::make_shared<std::string const>(piece, 'x');
-  res.set_chunked_content_provider(contentType, [this, read, offset, length, piece, total, delayMs,
-                                                 filler](size_t sent, httplib::DataSink& sink) {
-    if (total >= 0 && static_cast<long long>(sent) >= total) {
-      sink.done();
-      return true;
-    }
-    if (delayMs > 0) sleepUnlessStopping(delayMs);
-    if (stopping_) return false;
-    size_t n = piece;
-    if (total >= 0) n = std::min<size_t>(n, static_cast<size_t>(total) - sent);
-    if (sent < length) {
-      std::string bytes;
-      return read(offset + sent, std::min(n, length - sent), bytes) &&
-             sink.write(bytes.data(), bytes.size());
-    }
-    return sink.write(filler->data(), n);
-  });
-}
-
-void DdiServer::sleepUnlessStopping(int ms) const {
-  auto const until = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-  while (!stopping_ && std::chrono::steady_clock::now() < until) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(std::min(ms, 10)));
-  }
 }
 
 // httplib's workers keep an idle keep-alive connection until it times out,
@@ -536,115 +383,6 @@ void DdiServer::endIdleConnections() const {
       shutdown(fd, SHUT_RD);
     }
   }
-}
-
-namespace {
-
-// A certificate for `key` named `commonName` with the given extensions,
-// signed by `issuerKey` in the name of `issuer` (itself when null).
-X509* makeCertificate(EVP_PKEY* key, std::string const& commonName, X509* issuer,
-                      EVP_PKEY* issuerKey,
-                      std::vector<std::pair<int, std::string>> const& extensions) {
-  X509* cert = X509_new();
-  bool ok = key != nullptr && issuerKey != nullptr && cert != nullptr;
-  if (ok) {
-    std::random_device random;
-    ok = X509_set_version(cert, 2) == 1 &&
-         ASN1_INTEGER_set(X509_get_serialNumber(cert), static_cast<long>(random() >> 1)) == 1 &&
-         X509_gmtime_adj(X509_getm_notBefore(cert), -3600) != nullptr &&
-         X509_gmtime_adj(X509_getm_notAfter(cert), 365L * 24 * 3600) != nullptr &&
-         X509_set_pubkey(cert, key) == 1;
-  }
-  if (ok) {
-    X509_NAME* name = X509_get_subject_name(cert);
-    ok = X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
-                                    reinterpret_cast<unsigned char const*>(commonName.c_str()), -1,
-                                    -1, 0) == 1 &&
-         X509_set_issuer_name(cert, issuer != nullptr ? X509_get_subject_name(issuer) : name) == 1;
-  }
-  if (ok) {
-    X509V3_CTX context;
-    X509V3_set_ctx_nodb(&context);
-    X509V3_set_ctx(&context, issuer != nullptr ? issuer : cert, cert, nullptr, nullptr, 0);
-    for (auto const& [nid, value] : extensions) {
-      X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, &context, nid, value.c_str());
-      ok = ok && extension != nullptr && X509_add_ext(cert, extension, -1) == 1;
-      X509_EXTENSION_free(extension);
-    }
-    ok = ok && X509_sign(cert, issuerKey, EVP_sha256()) > 0;
-  }
-  if (!ok) {
-    X509_free(cert);
-    return nullptr;
-  }
-  return cert;
-}
-
-bool writeCertificate(std::string const& file, X509* cert) {
-  FILE* out = std::fopen(file.c_str(), "w");
-  bool ok = out != nullptr && PEM_write_X509(out, cert) == 1;
-  if (out != nullptr) ok = std::fclose(out) == 0 && ok;
-  return ok;
-}
-
-bool writeKey(std::string const& file, EVP_PKEY* key) {
-  // Readable by its owner only, as clients expect of a private key.
-  int const fd = open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  FILE* out = fd < 0 ? nullptr : fdopen(fd, "w");
-  if (fd >= 0 && out == nullptr) close(fd);
-  bool ok =
-      out != nullptr && PEM_write_PrivateKey(out, key, nullptr, nullptr, 0, nullptr, nullptr) == 1;
-  if (out != nullptr) ok = std::fclose(out) == 0 && ok;
-  return ok;
-}
-
-}  // namespace
-
-bool writeSelfSignedCertificate(std::string const& certFile, std::string const& keyFile,
-                                std::string const& commonName) {
-  // Clients match the host against subjectAltName, not the CN.
-  in_addr ip{};
-  std::string const altName = inet_pton(AF_INET, commonName.c_str(), &ip) == 1
-                                  ? "IP:" + commonName
-                                  : "DNS:" + commonName + ",IP:127.0.0.1";
-  EVP_PKEY* key = EVP_RSA_gen(2048);
-  X509* cert = makeCertificate(key, commonName, nullptr, key,
-                               {{NID_basic_constraints, "critical,CA:TRUE"},
-                                {NID_subject_key_identifier, "hash"},
-                                {NID_subject_alt_name, altName}});
-  bool const ok = cert != nullptr && writeCertificate(certFile, cert) && writeKey(keyFile, key);
-  X509_free(cert);
-  EVP_PKEY_free(key);
-  return ok;
-}
-
-bool writeCaSignedCertificate(std::string const& caFile, std::string const& certFile,
-                              std::string const& keyFile, bool client) {
-  // The CA's key lives only here: nothing else can be signed with it.
-  EVP_PKEY* caKey = EVP_RSA_gen(2048);
-  X509* ca = makeCertificate(caKey, client ? "tamrel-ddi-server client CA" : "tamrel-ddi-server CA",
-                             nullptr, caKey,
-                             {{NID_basic_constraints, "critical,CA:TRUE"},
-                              {NID_key_usage, "critical,keyCertSign,cRLSign"},
-                              {NID_subject_key_identifier, "hash"}});
-  EVP_PKEY* key = EVP_RSA_gen(2048);
-  std::vector<std::pair<int, std::string>> extensions = {
-      {NID_basic_constraints, "critical,CA:FALSE"},
-      {NID_key_usage, "critical,digitalSignature,keyEncipherment"},
-      {NID_ext_key_usage, client ? "clientAuth" : "serverAuth"},
-      {NID_authority_key_identifier, "keyid"}};
-  if (!client) extensions.push_back({NID_subject_alt_name, "IP:127.0.0.1,DNS:localhost"});
-  X509* cert = ca == nullptr
-                   ? nullptr
-                   : makeCertificate(key, client ? "tamrel-ddi-server client" : "localhost", ca,
-                                     caKey, extensions);
-  bool const ok = cert != nullptr && writeCertificate(caFile, ca) &&
-                  writeCertificate(certFile, cert) && writeKey(keyFile, key);
-  X509_free(cert);
-  X509_free(ca);
-  EVP_PKEY_free(key);
-  EVP_PKEY_free(caKey);
-  return ok;
 }
 
 }  // namespace tamrel::ddiserver

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "ddiserver/ddidocument.h"
+#include "ddiserver/resourceanswer.h"
 
 namespace httplib {
 class Server;
@@ -155,24 +156,9 @@ class DdiServer {
   void setGatewayToken(std::string token);
 
  private:
-  struct Resource {
-    std::shared_ptr<std::string const> body;  // shared: answers do not copy it
-    int status = 200;
-    std::string contentType;
-    bool artifact = false;
-    std::string file;  // a file-backed artifact: read from here
-    std::size_t fileSize = 0;
-  };
-  using Reader = std::function<bool(std::size_t offset, std::size_t n, std::string& out)>;
+  using Resource = ResourceAnswer::Resource;
 
   void handle(httplib::Request const& req, httplib::Response& res);
-  void answerResource(httplib::Request const& req, httplib::Response& res, Resource const& resource,
-                      Fault const* fault);
-  void sendBody(httplib::Response& res, Reader const& read, size_t offset, size_t length,
-                std::string const& contentType, Fault const* fault);
-  void sendOverlong(httplib::Response& res, Reader const& read, size_t offset, size_t length,
-                    std::string const& contentType, Fault const& fault);
-  void sleepUnlessStopping(int ms) const;
   void endIdleConnections() const;
 
   mutable std::mutex mutex_;
@@ -190,22 +176,11 @@ class DdiServer {
   std::string tempDir_;  // holds a generated certificate, removed on exit
   int port_ = -1;
   std::atomic<bool> stopping_{false};
+  ResourceAnswer const answers_{stopping_};
   std::atomic<bool> listenReturned_{false};
   std::function<void(RecordedRequest const&)> onRequest_;
   std::unique_ptr<httplib::Server> server_;
   std::thread thread_;
 };
-
-// Writes a self-signed RSA 2048 certificate (subject CN and subjectAltName
-// commonName, plus IP 127.0.0.1) and its key as PEM files. False on failure.
-bool writeSelfSignedCertificate(std::string const& certFile, std::string const& keyFile,
-                                std::string const& commonName = "localhost");
-
-// Writes a new CA's certificate, and a certificate signed by that CA with
-// its key, as PEM files (the key readable by its owner only): for a server
-// on 127.0.0.1 and localhost, or with `client` for a TLS client. The CA's
-// key is not kept. False on failure.
-bool writeCaSignedCertificate(std::string const& caFile, std::string const& certFile,
-                              std::string const& keyFile, bool client = false);
 
 }  // namespace tamrel::ddiserver

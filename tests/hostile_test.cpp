@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "ddi/artifact_path.h"
+#include "ddiserver/certificates.h"
 #include "ddiserver/ddiserver.h"
 #include "plugin/libtamrelcore.h"
 #include "tests/support/capture_stderr.h"
@@ -131,7 +132,7 @@ int talkWithATrustedCertificate(std::string const& dir) {
   options.certFile = dir + "/cert.pem";
   options.keyFile = dir + "/cert.key";
   if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) != 0 ||
-      !writeSelfSignedCertificate(options.certFile, options.keyFile, "otherhost") ||
+      !Certificates::writeSelfSigned(options.certFile, options.keyFile, "otherhost") ||
       mount(options.certFile.c_str(), "/etc/ssl/certs/ca-certificates.crt", "none", MS_BIND,
             nullptr) != 0)
     return 77;
