@@ -67,7 +67,7 @@ printf 'download-retries = 3\ninstall-command = true\n' >> "$conf"
 "$agent" --config "$conf" > "$work/agent-int.log" 2>&1 &
 agent_pid=$!
 # Interrupted once the first bytes are on disk.
-for _ in $(seq 100); do [ -s "$dl/firmware/image.bin" ] && break; sleep 0.1; done
+wait_until test -s "$dl/firmware/image.bin"
 kill -INT $agent_pid
 start=$(date +%s)
 wait $agent_pid

@@ -8,8 +8,6 @@ set -uo pipefail
 mkdir -p "$work/art"
 head -c 100000 /dev/urandom > "$work/art/image.bin"
 asked=$work/asked
-alog() { echo "$work/agent$n.log"; }
-fetched() { test "$(grep -c 'GET /artifacts' "$log")" -eq "$1"; }
 no_post() { ! grep -q '^POST' "$log"; }
 said() { grep -q -- "$1" "$(alog)"; }
 server_says() { grep -qx -- "$1" "$log"; }

@@ -3,14 +3,13 @@
 # while another waits for its reboot, a result recorded before it is
 # reported, the install lock after a kill -9, an unreadable record, a stop
 # during the confirmation, a command line with '#', assignment and exec (the
-# start-up refusals: faults_test.sh).
+# start-up refusals: faults_stop_test.sh).
 # usage: lifecycle_test.sh BUILD_DIR   (KEEP=1 keeps the work directory)
 set -uo pipefail
 . "$(dirname "$0")/lib.sh"
 mkdir -p "$work/art"
 head -c 100000 /dev/urandom > "$work/art/image.bin"
 state=$work/state; seq=$work/seq
-alog() { echo "$work/agent$n.log"; }
 # Every install adds "start" and "end" to $seq.
 counting='install-command = echo start >> '"$seq"'; echo installing; echo end >> '"$seq"
 reboot_setup() {  # reboot command
