@@ -14,8 +14,7 @@ check "demo: deployment and cancel closed/success, consent confirmed by the comm
 check "demo: download dir removed" \
   test ! -e "$(sed -n 's/.*downloads into \([^ ]*\)$/\1/p' "$work/demo.log")"
 
-mkdir -p "$work/art"
-head -c 640000 /dev/urandom > "$work/art/image.bin"
+artifact 640000
 same() { cmp -s "$work/art/image.bin" "$dl/firmware/image.bin"; }
 success_intact() { closed_with success && same; }
 
@@ -81,5 +80,4 @@ printf 'address = http://x\n\nthis line is wrong\n' > "$work/bad.conf"
 check "config error: exit 2" test $? -eq 2
 check "config error: names file and line" grep -q "bad.conf:3: expected 'key = value'" "$work/bad.log"
 
-[ $fail -eq 0 ] && echo "agent tests: all passed"
-exit $fail
+finish

@@ -5,8 +5,7 @@
 # usage: faults_poll_test.sh BUILD_DIR   (KEEP=1 keeps the work directory)
 set -uo pipefail
 . "$(dirname "$0")/lib.sh"
-mkdir -p "$work/art"
-head -c 640000 /dev/urandom > "$work/art/image.bin"
+artifact 640000
 ok='install-command = true'
 
 # Poll faults: the deadline or the memory bound ends the poll, status 3.
@@ -70,5 +69,4 @@ interval capped|--sleep 99:00:00|max-poll-interval-s=1
 token refused in loop mode|--token other|poll-interval-s=1
 EOF
 
-[ $fail -eq 0 ] && echo "poll fault tests: all passed"
-exit $fail
+finish

@@ -5,8 +5,7 @@
 # usage: faults_stop_test.sh BUILD_DIR   (KEEP=1 keeps the work directory)
 set -uo pipefail
 . "$(dirname "$0")/lib.sh"
-mkdir -p "$work/art"
-head -c 640000 /dev/urandom > "$work/art/image.bin"
+artifact 640000
 ok='install-command = true'
 
 # POST/PUT (here the config data): SIGTERM ends a stuck one within 5 s and
@@ -78,5 +77,4 @@ check "download only: closed as downloaded, never installed" bash -c \
 check "--help: exit 0, every key and status" bash -c "grep -q max-poll-interval-s '$work/help' &&
   grep -q 'feedback-timeout-s' '$work/help' && grep -q '^  3 ' '$work/help'"
 
-[ $fail -eq 0 ] && echo "stop and start-up tests: all passed"
-exit $fail
+finish

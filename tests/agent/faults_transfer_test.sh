@@ -5,8 +5,7 @@
 # usage: faults_transfer_test.sh BUILD_DIR   (KEEP=1 keeps the work directory)
 set -uo pipefail
 . "$(dirname "$0")/lib.sh"
-mkdir -p "$work/art"
-head -c 640000 /dev/urandom > "$work/art/image.bin"
+artifact 640000
 ok='install-command = true'
 
 # Downloads: a trickle falls below the minimum rate; an endless body stops
@@ -76,5 +75,4 @@ yes success 1
 no failure 2 --wrong-sha256 image.bin
 EOF
 
-[ $fail -eq 0 ] && echo "transfer fault tests: all passed"
-exit $fail
+finish

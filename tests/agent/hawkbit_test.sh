@@ -7,8 +7,7 @@
 # usage: hawkbit_test.sh BUILD_DIR   (KEEP=1 keeps the work directory)
 set -uo pipefail
 . "$(dirname "$0")/lib.sh"
-mkdir -p "$work/art" "$work/state"; echo first-boot > "$work/boot_id"
-head -c 300000 /dev/urandom > "$work/art/image.bin"
+artifact 300000
 inst=$work/installed
 # A background child keeps the command's standard error open: the agent must
 # not wait for it (it is still running when the agent has finished).
@@ -70,5 +69,4 @@ run_agent
 check "no attribute configured: the agent's version is sent" \
   eval 'grep -A1 "PUT .*/configData" "$log" | grep -q "\"tamrel-agent.version\""'
 
-[ $fail -eq 0 ] && echo "hawkbit tests: all passed"
-exit $fail
+finish

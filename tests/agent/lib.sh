@@ -15,6 +15,7 @@ cleanup() {
 }
 trap cleanup EXIT
 fail=0
+finish() { [ $fail -eq 0 ] && echo "all passed"; exit $fail; }
 check() {  # description, command...
   local what=$1; shift
   if "$@"; then echo "ok: $what"; else echo "FAILED: $what"; fail=1; fi
@@ -48,6 +49,7 @@ address_of() {
 # options; sets $log and $address. The agent's settings go to $conf,
 # downloads to $dl.
 n=0
+artifact() { mkdir -p "$work/art" && head -c "$1" /dev/urandom > "$work/art/image.bin"; }  # SIZE
 serve() {
   n=$((n + 1)); log=$work/server$n.log; conf=$work/agent$n.conf; dl=$work/dl$n
   "$server" --token 't0k#1' --artifacts "$work/art" "$@" > "$log" 2>&1 &

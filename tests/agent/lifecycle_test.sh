@@ -7,8 +7,7 @@
 # usage: lifecycle_test.sh BUILD_DIR   (KEEP=1 keeps the work directory)
 set -uo pipefail
 . "$(dirname "$0")/lib.sh"
-mkdir -p "$work/art"
-head -c 100000 /dev/urandom > "$work/art/image.bin"
+artifact 100000
 state=$work/state; seq=$work/seq
 # Every install adds "start" and "end" to $seq.
 counting='install-command = echo start >> '"$seq"'; echo installing; echo end >> '"$seq"
@@ -111,5 +110,4 @@ run_agent 'install-command = FOO=1 exec /bin/echo "build #42 ok" "$#"   # commen
 check "install command with '#' in quotes, assignment and exec: runs, its output stamped" \
   eval 'closed_with success && grep -q "^[0-9-]*T[0-9:]*Z build #42 ok 1$" "$(alog)"'
 
-[ $fail -eq 0 ] && echo "lifecycle tests: all passed"
-exit $fail
+finish

@@ -6,8 +6,7 @@
 # usage: stream_test.sh BUILD_DIR   (KEEP=1 keeps the work directory)
 set -uo pipefail
 . "$(dirname "$0")/lib.sh"
-mkdir -p "$work/art"
-head -c 3000000 /dev/urandom > "$work/art/image.bin"
+artifact 3000000
 cat > "$work/standin" <<'EOF'
 #!/bin/sh
 # $1: the artifact's name; its bytes on standard input.
@@ -93,4 +92,4 @@ check "url: credentials file mode 600" grep -qx 600 "$rec/mode"
 check "url: the token header in it" grep -q '^header = "Authorization: TargetToken t0k#1"' "$rec/creds"
 check "url: credentials file removed" test ! -e "$(cat "$rec/path")"
 check "url: nothing else in download-dir" dl_empty
-exit $fail
+finish
