@@ -29,12 +29,8 @@ wait_for() {
     timeout 120 grep -c -m "${3:-1}" -- "$1" <&3; kill $! 2> /dev/null)
   [ "${seen:-0}" -ge "${3:-1}" ]
 }
-# wait_until COMMAND...: for a state no log line tells (a file's size, a
-# process's), asked every 20 ms; the same cap.
-wait_until() {
-  local end=$((SECONDS + 120))
-  until "$@"; do [ $SECONDS -lt $end ] || return 1; sleep 0.02; done
-}
+wait_until() {  # command...: a state no log line tells, asked every 20 ms; the same cap
+  local end=$((SECONDS + 120)); until "$@"; do [ $SECONDS -lt $end ] || return 1; sleep 0.02; done; }
 
 # address_of PID LOG: sets $address from the first line of a server started
 # on port 0 with its output in LOG. A server that exits before printing it
