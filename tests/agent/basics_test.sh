@@ -65,7 +65,8 @@ serve --slow 200
 printf 'download-retries = 3\ninstall-command = true\n' >> "$conf"
 "$agent" --config "$conf" > "$work/agent-int.log" 2>&1 &
 agent_pid=$!
-# Interrupted once the first bytes are on disk.
+# Interrupted once the first bytes are on disk, while the download and its
+# SHA-256 run (SIGTERM during a trickled one: faults_stop_test.sh).
 wait_until test -s "$dl/firmware/image.bin"
 kill -INT $agent_pid
 start=$(date +%s)

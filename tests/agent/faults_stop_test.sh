@@ -24,7 +24,6 @@ while IFS='|' read -r what options event says; do
 done <<'EOF'
 SIGTERM during a stalled poll|--fault poll=stall|GET /DEFAULT/controller/v1/dev01|
 SIGTERM during a trickled download|--fault artifact=trickle|GET /artifacts|
-SIGTERM while the download and its SHA-256 run|--slow 100|GET /artifacts|interrupted
 SIGTERM during a stuck PUT|--fault config=stall|PUT .*/configData|the action stays open
 EOF
 check "SIGTERM during a stuck PUT: action not closed" test -z "$(closing)"
