@@ -5,7 +5,7 @@ CMAKE_FLAGS ?=
 CTEST = ctest --output-on-failure --no-tests=error -j$(JOBS)
 
 .PHONY: all deps build test test-asan test-tsan test-valgrind test-armhf test-arm64 soak bench fuzz fuzz-smoke demo clean format \
-	deb deb-armhf deb-arm64 test-deb test-peer test-installers
+	deb deb-armhf deb-arm64 test-deb test-peer test-installers test-long
 
 all: build
 
@@ -16,8 +16,14 @@ build: deps
 	cmake -S . -B build -G Ninja -DTAMREL_BUILD_TESTS=ON $(CMAKE_FLAGS)
 	cmake --build build -j$(JOBS)
 
+# The suite less the tests labelled "long", which test-long runs with the
+# soak test at full length (`make test` runs a short round, 200 cycles).
 test: build
-	cd build && $(CTEST)
+	cd build && $(CTEST) -LE long
+
+test-long: build
+	cd build && $(CTEST) -L long
+	cd build && TAMREL_SOAK_CYCLES=2000 ./tamrel_tests --gtest_filter='Soak*'
 
 # The same suite built with AddressSanitizer and UndefinedBehaviorSanitizer.
 test-asan: deps
@@ -34,7 +40,7 @@ test-tsan: deps
 	  ../scripts/deny-list.sh ../tests/tsan.deny regex)" && \
 	  TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" $(CTEST) -E "$$denied"
 
-# The soak test at full length; `make test` runs a short round (200 cycles).
+# The soak test at full length alone.
 soak: build
 	cd build && TAMREL_SOAK_CYCLES=2000 ./tamrel_tests --gtest_filter='Soak*'
 

@@ -10,8 +10,7 @@
 # usage: ddiserver_test.sh BUILD_DIR   (KEEP=1 keeps the work directory)
 set -uo pipefail
 . "$(dirname "$0")/lib.sh"
-mkdir -p "$work/art"
-head -c 5000 /dev/urandom > "$work/art/image.bin"
+artifact 5000
 
 # request METHOD PATH [BODY]: prints the status; the answer lands in $work/answer.
 request() {
@@ -171,4 +170,4 @@ truncate -s 256M "$work/big/big.img"
 pids+=($!)
 address_of $! "$work/big.log" && first=$(curl -s --max-time 60 "$address$c")
 check "first answered poll links the deployment" grep -q '"deploymentBase":{"href"' <<< "${first:-}"
-exit $fail
+finish

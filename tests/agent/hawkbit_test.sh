@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
 # The agent against tamrel-ddi-server answering like a current hawkBit
 # server: link choice, digests, completeness, handling types, maintenance
-# window, download-only actions, install command, reboot and confirmation,
-# and cancel requests (above 4 GiB: large_test.sh).
+# download-only actions, install command, links to other hosts, config data
+# (maintenance window, reboot and cancel: hawkbit_actions_test.sh; above
+# 4 GiB: large_test.sh).
 # usage: hawkbit_test.sh BUILD_DIR   (KEEP=1 keeps the work directory)
 set -uo pipefail
 . "$(dirname "$0")/lib.sh"
-mkdir -p "$work/art" "$work/state"; echo first-boot > "$work/boot_id"
-head -c 300000 /dev/urandom > "$work/art/image.bin"
+artifact 300000
 inst=$work/installed
 # A background child keeps the command's standard error open: the agent must
 # not wait for it (it is still running when the agent has finished).
@@ -16,7 +16,6 @@ trap 'xargs -r kill < "$children" 2>/dev/null; cleanup' EXIT
 install='install-command = sleep 300 & echo $! >> '"$children"'; printf "%s\n" "$#" "$@" > '"$inst"'; echo "last words" >&2; exit 0'
 details_have() { closing | grep -q -- "$1"; }
 no_feedback() { ! grep -q '^POST' "$log"; }
-fetched() { test "$(grep -c 'GET /artifacts' "$log")" -eq "$1"; }
 feedbacks() { grep -A1 "^POST .*/deploymentBase/1/feedback\$" "$log" | grep -c "$1"; }
 installed_once() { test "$(head -1 "$inst")" = 1 && grep -qx "$dl/firmware/image.bin" "$inst"; }
 
@@ -70,83 +69,4 @@ run_agent
 check "no attribute configured: the agent's version is sent" \
   eval 'grep -A1 "PUT .*/configData" "$log" | grep -q "\"tamrel-agent.version\""'
 
-# poll_until PATTERN NAME: the agent polling on (not --once) with the
-# install command, until PATTERN shows in $work/NAME.log.
-poll_until() {
-  printf '%s\n' "$install" >> "$conf"
-  "$agent" --config "$conf" > "$work/$2.log" 2>&1 &
-  pids+=($!)
-  wait_for "$1" "$work/$2.log"
-  kill $! 2>/dev/null
-}
-
-# Update "skip" while the window is unavailable: downloaded and reported
-# waiting; once a later poll shows the window, installed without fetching again.
-serve --handling forced:skip:unavailable --window-opens-at 2 --sleep 00:00:01
-poll_until 'deployment 1: success' window
-window_order() {
-  grep -A1 '^POST .*/feedback$' "$log" | grep -o '"execution":"[a-z]*"\|waiting for maintenance window' |
-    tr '\n' ' ' | grep -q 'proceeding.*waiting for maintenance window.*"closed"'
-}
-check "maintenance window: waited, then installed; fetched once" \
-  eval 'window_order && closed_with success && installed_once && fetched 1'
-
-# Reboot flow: the install command asks for a reboot, the reboot command
-# kills the agent (as a reboot would) and gives the next start another boot
-# id; the next start confirms.
-reboot_settings() {  # confirm command [reboot command]
-  printf '%s\n' "${install/exit 0/exit 7}" 'reboot-exit-code = 7' "state-dir = $work/state" \
-    "boot-id-file = $work/boot_id" "reboot-command = ${2:-echo \$\$ > $work/boot_id; kill -KILL \$PPID}" \
-    "confirm-command = $1" >> "$conf"
-}
-reboot_flow() {  # confirm command, expected result
-  want=$2
-  serve
-  reboot_settings "$1"
-  "$agent" --once --config "$conf" > "$work/reboot$n.log" 2>&1 &
-  wait $! 2>/dev/null
-  code=$?
-  check "reboot: killed after reporting proceeding, pending action recorded" \
-    eval 'test $code -eq 137 && feedbacks "rebooting to confirm" >/dev/null && ! closing &&
-          grep -qx "action 1" "$work/state/pending"'
-  "$agent" --once --config "$conf" > "$work/confirm$n.log" 2>&1
-  check "after the reboot: closed $2 once, with the confirm output; state cleared" \
-    eval 'test "$(feedbacks "\"closed\"")" -eq 1 && closed_with "$want" && details_have "confirm: said" &&
-          test ! -e "$work/state/pending" && fetched 1 && installed_once'
-}
-reboot_flow 'echo said ok >&2' success
-reboot_flow 'echo said no >&2; exit 1' failure
-
-# Killed before the reboot ran (the first reboot command only kills): the
-# next start, in the same boot, sends nothing twice, confirms nothing and
-# asks for the reboot again; the start after that reboot confirms.
-rm -f "$work/first"
-serve
-reboot_settings 'echo said ok >&2' "test -e $work/first && echo \$\$ > $work/boot_id; touch $work/first; kill -KILL \$PPID"
-for run in 1 2 3; do "$agent" --once --config "$conf" > "$work/boot$run.log" 2>&1; done
-check "reboot that never happened: not confirmed, reboot asked again, then confirmed once" \
-  eval 'grep -q "still the boot that installed it" "$work/boot2.log" && ! grep -q "confirmed" "$work/boot2.log" &&
-        test "$(feedbacks "rebooting to confirm")" -eq 1 && test "$(feedbacks "\"closed\"")" -eq 1 &&
-        closed_with success && test ! -e "$work/state/pending"'
-
-# Cancel requests: one for an action waiting for its window drops what was
-# downloaded; one for an action installed and not yet confirmed (the server
-# did not take the result) is rejected.
-rm -f "$inst"
-serve --handling forced:skip:unavailable --cancel-after-polls 1 --sleep 00:00:01
-poll_until 'cancel request for action 1' cancel
-check "cancel while waiting for the window: accepted, download removed, nothing installed" \
-  eval 'grep -qx "action 1 canceled" "$log" && test ! -e "$dl/firmware" && test ! -e "$inst"'
-serve
-reboot_settings true
-"$agent" --once --config "$conf" > "$work/reboot$n.log" 2>&1 &
-wait $! 2>/dev/null
-serve --cancel 1 --fault feedback=503
-reboot_settings true
-"$agent" --once --config "$conf" > "$work/reject.log" 2>&1
-check "cancel for an installed action waiting for confirmation: rejected, record kept" \
-  eval 'grep -qx "action 1: cancel rejected" "$log" && grep -qx "action 1" "$work/state/pending"'
-rm -f "$work/state/pending"
-
-[ $fail -eq 0 ] && echo "hawkbit tests: all passed"
-exit $fail
+finish

@@ -1,5 +1,6 @@
 # Shared by the agent's end-to-end tests (sourced): a work directory removed
-# on exit, check/wait_for, and serve/run_agent around tamrel-ddi-server.
+# on exit, check and wait_for/wait_until, serve/run_agent around
+# tamrel-ddi-server, once/expect for runs timed and checked by exit status.
 # The sourcing script gets the build directory as its first argument.
 build=$1
 # A sanitizer build's own memory counts in the agent's resident size.
@@ -14,34 +15,37 @@ cleanup() {
 }
 trap cleanup EXIT
 fail=0
+finish() { [ $fail -eq 0 ] && echo "all passed"; exit $fail; }
 check() {  # description, command...
   local what=$1; shift
   if "$@"; then echo "ok: $what"; else echo "FAILED: $what"; fail=1; fi
 }
-wait_for() {  # pattern, file; the cap (120 s) only bounds a failing run
-  for _ in $(seq 1200); do grep -q -- "$1" "$2" 2>/dev/null && return 0; sleep 0.1; done
-  return 1
+# wait_for PATTERN FILE [TIMES [PID]]: returns as the line matching PATTERN
+# (the TIMESth one) is written to FILE, followed as it grows; fails when PID
+# ends first. The cap (120 s) only bounds a failing run.
+wait_for() {
+  local seen
+  seen=$(exec 3< <(exec tail -n +1 -F -s 0.1 ${4:+--pid="$4"} -- "$2" 2> /dev/null)
+    timeout 120 grep -c -m "${3:-1}" -- "$1" <&3; kill $! 2> /dev/null)
+  [ "${seen:-0}" -ge "${3:-1}" ]
 }
+wait_until() {  # command...: a state no log line tells, asked every 20 ms; the same cap
+  local end=$((SECONDS + 120)); until "$@"; do [ $SECONDS -lt $end ] || return 1; sleep 0.02; done; }
 
 # address_of PID LOG: sets $address from the first line of a server started
 # on port 0 with its output in LOG. A server that exits before printing it
 # fails at once, with its output.
 address_of() {
-  local alive=1 tries=0
-  while :; do
-    # Whether it lives is asked first: a line printed before an exit is read.
-    kill -0 "$1" 2> /dev/null || alive=0
-    address=$(sed -n '1s|^DDI server on \(https\?://[0-9.:]*\)/.*|\1|p' "$2")
-    [ -z "$address" ] || return 0
-    [ "$alive" -eq 1 ] && [ $((tries += 1)) -le 2400 ] || break
-    sleep 0.05
-  done
+  wait_for '^DDI server on' "$2" 1 "$1"
+  address=$(sed -n '1s|^DDI server on \(https\?://[0-9.:]*\)/.*|\1|p' "$2")
+  [ -z "$address" ] || return 0
   echo "the server printed no address (it exited, or 120 s passed):"; cat "$2"; return 1
 }
 # Starts a server on an ephemeral port serving $work/art with the given
 # options; sets $log and $address. The agent's settings go to $conf,
 # downloads to $dl.
 n=0
+artifact() { mkdir -p "$work/art" && head -c "$1" /dev/urandom > "$work/art/image.bin"; }  # SIZE
 serve() {
   n=$((n + 1)); log=$work/server$n.log; conf=$work/agent$n.conf; dl=$work/dl$n
   "$server" --token 't0k#1' --artifacts "$work/art" "$@" > "$log" 2>&1 &
@@ -58,6 +62,28 @@ run_agent() {  # settings lines for the config...
   grep -q '^install-command' "$conf" || echo 'install-command = true' >> "$conf"
   "$agent" --once --config "$conf" > "$work/agent$n.log" 2>&1
 }
+alog() { echo "$work/agent$n.log"; }
+# once [key=value...] [-- options...]: runs the agent once with extra
+# settings (one that serve wrote is replaced), then options; sets $code and
+# $took (seconds).
+once() {
+  local opts=() given; given=$(sed 's/ *=.*//' "$conf")
+  while [ $# -gt 0 ] && [ "$1" != -- ]; do
+    if grep -qx -- "${1%%[ =]*}" <<<"$given"; then sed -i "s|^${1%%[ =]*} *=.*|$1|" "$conf"
+    else printf '%s\n' "$1" >> "$conf"; fi
+    shift
+  done
+  [ $# -gt 0 ] && shift && opts=("$@")
+  local start; start=$(date +%s)
+  "$agent" --once "${opts[@]}" --config "$conf" > "$(alog)" 2>&1
+  code=$?; took=$(($(date +%s) - start))
+}
+expect() {  # what, exit status, longest run in s, pattern in the agent's log
+  check "$1: exit $2" test "$code" -eq "$2"
+  check "$1: within $3 s" test "$took" -le "$3"
+  [ -z "$4" ] || check "$1: says '$4'" grep -q -- "$4" "$(alog)"
+}
 closing() { grep -A1 'deploymentBase/1/feedback' "$log" | grep '"execution":"closed"'; }
+fetched() { test "$(grep -c 'GET /artifacts' "$log")" -eq "$1"; }
 closed_with() { closing | grep -q "\"finished\":\"$1\""; }
 

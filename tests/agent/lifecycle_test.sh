@@ -3,14 +3,12 @@
 # while another waits for its reboot, a result recorded before it is
 # reported, the install lock after a kill -9, an unreadable record, a stop
 # during the confirmation, a command line with '#', assignment and exec (the
-# start-up refusals: faults_test.sh).
+# start-up refusals: faults_stop_test.sh).
 # usage: lifecycle_test.sh BUILD_DIR   (KEEP=1 keeps the work directory)
 set -uo pipefail
 . "$(dirname "$0")/lib.sh"
-mkdir -p "$work/art"
-head -c 100000 /dev/urandom > "$work/art/image.bin"
+artifact 100000
 state=$work/state; seq=$work/seq
-alog() { echo "$work/agent$n.log"; }
 # Every install adds "start" and "end" to $seq.
 counting='install-command = echo start >> '"$seq"'; echo installing; echo end >> '"$seq"
 reboot_setup() {  # reboot command
@@ -112,5 +110,4 @@ run_agent 'install-command = FOO=1 exec /bin/echo "build #42 ok" "$#"   # commen
 check "install command with '#' in quotes, assignment and exec: runs, its output stamped" \
   eval 'closed_with success && grep -q "^[0-9-]*T[0-9:]*Z build #42 ok 1$" "$(alog)"'
 
-[ $fail -eq 0 ] && echo "lifecycle tests: all passed"
-exit $fail
+finish

@@ -12,8 +12,7 @@
 set -uo pipefail
 . "$(dirname "$0")/lib.sh"
 proxy=$(dirname "$0")/connectproxy.py
-mkdir -p "$work/art"
-head -c 300000 /dev/urandom > "$work/art/image.bin"
+artifact 300000
 c=/DEFAULT/controller/v1/dev01
 trusted() {  # CA-FILE URL: the poll answered over a verified connection
   curl -s -f -o /dev/null --cacert "$1" -H 'Authorization: TargetToken t0k#1' "$2"
@@ -109,4 +108,4 @@ done <<'EOF'
 gateway token accepted|g4t#1|0|deployment 1: success
 wrong gateway token refused|other|3|refused the credentials (HTTP 401)
 EOF
-exit $fail
+finish
