@@ -1,5 +1,10 @@
 #include "agent/agenttransport.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstring>
 #include <ctime>
@@ -206,11 +211,33 @@ std::size_t AgentTransport::readHeader(char* data, std::size_t size, std::size_t
   std::string const line(data, size * count);
   if (startsWith(line, "HTTP/")) {
     transport->retryAfter_ = -1;  // a new answer (after a redirect or a 100)
+    // A server that leaves Nagle's algorithm on and writes an answer's
+    // header and body apart holds the body back until this header is
+    // acknowledged; on a kept connection the kernel delays that by 40 ms.
+    transport->acknowledgeNow();
   } else if (line.size() > 12 && strncasecmp(line.c_str(), "retry-after:", 12) == 0) {
     std::size_t const value = line.find_first_not_of(" \t", 12);
     if (value != std::string::npos) transport->retryAfter_ = retryAfterSeconds(line.substr(value));
   }
   return size * count;
+}
+
+void AgentTransport::acknowledgeNow() {
+  int const on = 1;
+  for (curl_socket_t const socket : sockets_) {
+    setsockopt(socket, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
+  }
+}
+
+int AgentTransport::openedSocket(void* self, curl_socket_t socket, curlsocktype purpose) {
+  if (purpose == CURLSOCKTYPE_IPCXN) static_cast<AgentTransport*>(self)->sockets_.push_back(socket);
+  return CURL_SOCKOPT_OK;
+}
+
+int AgentTransport::closeSocket(void* self, curl_socket_t socket) {
+  auto& sockets = static_cast<AgentTransport*>(self)->sockets_;
+  sockets.erase(std::remove(sockets.begin(), sockets.end(), socket), sockets.end());
+  return close(socket);
 }
 
 int AgentTransport::progress(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
@@ -237,6 +264,10 @@ void AgentTransport::configure(Method method, std::string const& url, curlbuffer
   curl_easy_setopt(h, CURLOPT_XFERINFODATA, this);
   curl_easy_setopt(h, CURLOPT_NOPROGRESS, 0L);
   curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(h, CURLOPT_SOCKOPTFUNCTION, &AgentTransport::openedSocket);
+  curl_easy_setopt(h, CURLOPT_SOCKOPTDATA, this);
+  curl_easy_setopt(h, CURLOPT_CLOSESOCKETFUNCTION, &AgentTransport::closeSocket);
+  curl_easy_setopt(h, CURLOPT_CLOSESOCKETDATA, this);
 
   // Deadlines: connecting, a floor on the rate, and a total for everything
   // but an artifact (whose rate the agent watches over its whole length).

@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include <curl/curl.h>
 
@@ -105,6 +106,11 @@ class AgentTransport : public CurlManager {
   static std::size_t writeBody(char* data, std::size_t size, std::size_t count, void* self);
   static std::size_t readBody(char* dest, std::size_t size, std::size_t count, void* self);
   static std::size_t readHeader(char* data, std::size_t size, std::size_t count, void* self);
+  // Has the kernel acknowledge what came on the kept connections at once.
+  void acknowledgeNow();
+  // Keep sockets_ up to date as libcurl opens and closes connections.
+  static int openedSocket(void* self, curl_socket_t socket, curlsocktype purpose);
+  static int closeSocket(void* self, curl_socket_t socket);
   static int progress(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t);
 
   Settings const settings_;
@@ -115,9 +121,10 @@ class AgentTransport : public CurlManager {
   std::string const* upload_ = nullptr;  // a PUT's body and how much of it went
   std::size_t uploaded_ = 0;
   long retryAfter_ = -1;
-  bool cutInWrite_ = false;  // the cancel ended the transfer in writeBody
-  bool streaming_ = false;   // stream() runs: bodies reach the sink only as said there
-  bool resuming_ = false;    // ... and it asked for a range
+  bool cutInWrite_ = false;             // the cancel ended the transfer in writeBody
+  bool streaming_ = false;              // stream() runs: bodies reach the sink only as said there
+  bool resuming_ = false;               // ... and it asked for a range
+  std::vector<curl_socket_t> sockets_;  // libcurl's connections, open or kept
   mutable std::mutex answerLock_;
   Answer last_, lastBase_;
   std::atomic<std::uint64_t> exchanges_{0};

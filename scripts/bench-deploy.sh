@@ -85,6 +85,9 @@ row() {  # label, goal, ours file, peer file: median [min..max] of each and thei
     }' "$3" "$4"
 }
 
+# Other work on the machine shows in every ratio: its load goes with them.
+load() { cut -d' ' -f1-3 /proc/loadavg; }
+echo "load average at the start: $(load)"
 for size in 256 1024; do
   rm -f "$work"/art/* "$work/rss" "$work"/t.*
   head -c $((size << 20)) /dev/urandom > "$work/art/a$size.bin"
@@ -120,3 +123,4 @@ done
 printf '%-44s %d KiB vs %d KiB: %+d KiB  goal within 1024 KiB\n' \
   "agent peak RSS, deploy 1 GiB vs 256 MiB" "${rss[1024]}" "${rss[256]}" \
   $((rss[1024] - rss[256]))
+echo "load average at the end: $(load)"

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <filesystem>
 #include <functional>
 #include <thread>
 
@@ -275,6 +277,36 @@ TEST(AgentTransport, KeepsTheServersAnswer) {
   EXPECT_EQ(answer.reply, "{\"message\":1}");
   EXPECT_EQ(answer.problem(), "HTTP 409");
   EXPECT_EQ(transport.lastBaseAnswer().status, 429);  // not the base resource
+}
+
+// The transport closes libcurl's sockets itself (it keeps track of them):
+// none may stay open once it is gone, with connections kept or not.
+TEST(AgentTransport, ClosesEveryConnection) {
+  auto const openFiles = [] {
+    std::size_t n = 0;
+    for (auto const& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+      (void)entry;
+      ++n;
+    }
+    return n;
+  };
+  DdiServer server;
+  server.serve("/doc", "{}");
+  std::size_t const before = openFiles();
+  for (bool const reuse : {true, false}) {
+    AgentTransport::Settings settings = settingsFor(server);
+    settings.reuseConnections = reuse;
+    {
+      AgentTransport transport(settings);
+      for (int i = 0; i < 3; ++i)
+        EXPECT_TRUE(transport.download(server.baseUrl() + "/doc", memory()));
+      EXPECT_TRUE(transport.post(server.baseUrl() + "/post", memory("{}")));
+    }
+    // The server (in this process) closes its side once it sees the close.
+    for (int i = 0; i < 200 && openFiles() != before; ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(openFiles(), before) << (reuse ? "kept connection" : "a connection per request");
+  }
 }
 
 }  // namespace
