@@ -23,38 +23,13 @@ cleanup() {
 trap cleanup EXIT
 mkdir -p "$work/art"
 
+. scripts/bench-lib.sh
 serve() {  # a server for $work/art; the agent's configuration to match
-  "$server" --token t --artifacts "$work/art" > "$work/server.log" 2>&1 &
-  spid=$!
-  # Its address is its first line; a server that exits before printing it
-  # ends the run with its output.
-  local alive=1
-  while :; do
-    kill -0 "$spid" 2> /dev/null || alive=0
-    address=$(sed -n '1s|^DDI server on \(http://[0-9.:]*\)/.*|\1|p' "$work/server.log")
-    [ -z "$address" ] || break
-    [ "$alive" -eq 1 ] || { echo "bench-deploy: the server printed no address:" >&2; cat "$work/server.log" >&2; exit 1; }
-    sleep 0.05
-  done
+  start_server bench-deploy
   printf '%s\n' "address = $address" 'tenant-id = DEFAULT' 'controller-id = dev01' 'token = t' \
     "download-dir = $work/dl" 'install-command = /bin/true' > "$work/agent.conf"
 }
-unserve() {
-  kill "$spid" && wait "$spid" 2>/dev/null || true
-  spid=
-}
-now() { date +%s%N; }
-timed() {  # file, command...: appends the command's wall time (ns)
-  local out=$1 start; shift
-  start=$(now)
-  "$@"
-  echo $(($(now) - start)) >> "$out"
-}
-deploy() {  # the agent once, its peak RSS (KiB) appended to $work/rss; it must succeed
-  /usr/bin/time -f %M -a -o "$work/rss" "$agent" --once --config "$work/agent.conf" \
-    > "$work/agent.log" 2>&1
-  grep -q 'deployment 1: success' "$work/agent.log" || { cat "$work/agent.log" >&2; exit 1; }
-}
+deploy() { deploy_once; }
 fetch() {
   curl -sf -H 'Authorization: TargetToken t' -o "$work/curl.bin" "$address/artifacts/$1"
   openssl sha1 "$work/curl.bin" > /dev/null
@@ -67,23 +42,6 @@ fresh() {
   rm -rf "$work/dl" "$work/curl.bin"
 }
 hash1() { openssl sha1 "$1" > /dev/null; }
-row() {  # label, goal, ours file, peer file: median [min..max] of each and their ratio
-  awk -v what="$1" -v goal="$2" '
-    FNR == 1 { f++ }
-    { v[f, FNR] = $1 / 1e9; n[f] = FNR }
-    function stat(f,   i, j, t, a) {
-      for (i = 1; i <= n[f]; i++) a[i] = v[f, i]
-      for (i = 2; i <= n[f]; i++) for (j = i; j > 1 && a[j - 1] > a[j]; j--) {
-        t = a[j]; a[j] = a[j - 1]; a[j - 1] = t
-      }
-      med[f] = a[int((n[f] + 1) / 2)]
-      return sprintf("%8.3f s [%6.3f..%6.3f]", med[f], a[1], a[n[f]])
-    }
-    END {
-      s1 = stat(1); s2 = stat(2)
-      printf "%-44s %s  peer %s  ratio %5.3f  goal %s\n", what, s1, s2, med[1] / med[2], goal
-    }' "$3" "$4"
-}
 
 # Other work on the machine shows in every ratio: its load goes with them.
 load() { cut -d' ' -f1-3 /proc/loadavg; }
