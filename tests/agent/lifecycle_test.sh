@@ -92,7 +92,9 @@ check "kill -9 during an install: installed again only after the first ended" \
 rm -rf "$state"; serve
 reboot_setup true
 printf 'action 1\nchunk firmware\nboot boot-0\nannounced\nend\n' > "$state/pending"
-sed -i "s|^confirm-command = .*|confirm-command = echo confirming; sleep 30; touch $work/confirmed|" "$conf"
+# The command blocks on a FIFO nobody writes: only the stop can end it.
+mkfifo "$work/hold"
+sed -i "s|^confirm-command = .*|confirm-command = echo confirming; cat $work/hold; touch $work/confirmed|" "$conf"
 "$agent" --config "$conf" > "$(alog)" 2>&1 &
 pid=$!
 wait_for confirming "$(alog)"
@@ -101,7 +103,7 @@ code=$?; took=$(($(date +%s) - start))
 check "SIGTERM during the confirm command: exit 0 within 5 s" test $code -eq 0 -a $took -le 5
 check "SIGTERM during the confirm command: nothing recorded or sent, command ended" \
   eval '! grep -q result "$state/pending" && ! grep -q "^POST" "$log" &&
-        ! pgrep -f "sleep 30; touch $work" > /dev/null'
+        ! pgrep -f "cat $work/hold" > /dev/null && test ! -e "$work/confirmed"'
 
 # Command lines: a '#' inside quotes is kept, leading assignments and exec
 # are looked past, the command's output reaches the log as stamped lines.
