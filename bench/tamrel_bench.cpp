@@ -25,7 +25,7 @@
 #include "ddiserver/ddiserver.h"
 #endif
 #ifdef TAMREL_BENCH_WITH_AGENT
-#include "agent/agenttransport.h"
+#include "agent/server/agenttransport.h"
 #endif
 
 namespace {

@@ -9,10 +9,10 @@
 #include <random>
 #include <string>
 
-#include "agent/agentconfig.h"
-#include "agent/console.h"
-#include "agent/signalthread.h"
-#include "agent/updateagent.h"
+#include "agent/app/signalthread.h"
+#include "agent/base/agentconfig.h"
+#include "agent/base/console.h"
+#include "agent/lifecycle/updateagent.h"
 #include "ddiserver/ddidocument.h"
 #include "ddiserver/ddiserver.h"
 #include "ddiserver/hawkbittarget.h"

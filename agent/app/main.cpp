@@ -1,0 +1,130 @@
+// tamrel-agent: the reference host of libtamrelcore. Reads its settings,
+// checks the host and runs the update loop with the library embedded.
+#include <stdlib.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "agent/app/signalthread.h"
+#include "agent/app/startupcheck.h"
+#include "agent/base/agentconfig.h"
+#include "agent/base/console.h"
+#include "agent/base/exitcode.h"
+#include "agent/base/memorybudget.h"
+#include "agent/lifecycle/updateagent.h"
+#include "agent/server/credentialcheck.h"
+
+namespace {
+
+#ifndef TAMREL_VERSION
+#define TAMREL_VERSION "unknown"
+#endif
+
+char const kUsage[] =
+    "usage: tamrel-agent --config FILE [--once] [--download-only]\n"
+    "       tamrel-agent --config FILE --report-installed NAME VERSION\n"
+    "       tamrel-agent --help | --version\n";
+
+char const kHelp[] =
+    "Polls a hawkBit server (DDI API), downloads, verifies and installs what it deploys.\n"
+    "  --config FILE      the configuration (keys below)\n"
+    "  --once             poll once, handle what the server asks, exit with the status below\n"
+    "  --download-only    without install-command: download and verify, report \"downloaded\"\n"
+    "  --report-installed NAME VERSION\n"
+    "                     tell the server the device runs this distribution set (installed\n"
+    "                     without it); exit 0 when the server accepted it, 3 when not\n"
+    "  --help, --version\n\n";
+
+std::string exitCodesHelp() {
+  std::string text = "\nexit status:\n";
+  for (ExitCodeText const& entry : kExitCodeTexts) {
+    text += "  " + std::to_string(entry.code) + "  " + entry.meaning + "\n";
+  }
+  return text + "Without --once the agent keeps running through 1 and 3.\n";
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  SignalThread::blockStopSignals();
+  MemoryBudget::install();
+  std::string configPath;
+  bool once = false, downloadOnly = false;
+  std::vector<std::string> installed;  // --report-installed NAME VERSION
+  for (int i = 1; i < argc; ++i) {
+    std::string const arg = argv[i];
+    if (arg == "--config" && i + 1 < argc) {
+      configPath = argv[++i];
+    } else if (arg == "--once") {
+      once = true;
+    } else if (arg == "--download-only") {
+      downloadOnly = true;
+    } else if (arg == "--report-installed" && i + 2 < argc) {
+      installed = {argv[i + 1], argv[i + 2]};
+      i += 2;
+    } else if (arg == "--help" || arg == "-h") {
+      std::printf("%s%s%s%s", kUsage, kHelp, AgentConfig::keysHelp().c_str(),
+                  exitCodesHelp().c_str());
+      return kExitOk;
+    } else if (arg == "--version") {
+      std::printf("tamrel-agent %s\n", TAMREL_VERSION);
+      return kExitOk;
+    } else {
+      std::fprintf(stderr, "tamrel-agent: unknown option '%s'\n%s", arg.c_str(), kUsage);
+      return kExitConfig;
+    }
+  }
+  if (configPath.empty()) {
+    std::fputs(kUsage, stderr);
+    return kExitConfig;
+  }
+  Console console;
+
+  AgentConfig config;
+  try {
+    config = AgentConfig::fromFile(configPath);
+  } catch (ConfigError const& error) {
+    std::fprintf(stderr, "tamrel-agent: %s\n", error.what());
+    return kExitConfig;
+  }
+  config.downloadOnly = downloadOnly;
+  // Reporting a version needs only the server settings.
+  std::string const problem = installed.empty() ? checkHost(config) : std::string();
+  if (!problem.empty()) {
+    std::fprintf(stderr, "tamrel-agent: %s: %s\n", configPath.c_str(), problem.c_str());
+    return kExitConfig;
+  }
+  CredentialCheck const credentials(config);
+  for (std::string const& warning : credentials.warnings()) {
+    std::fprintf(stderr, "tamrel-agent: warning: %s\n", warning.c_str());
+  }
+  if (!credentials.error().empty()) {
+    std::fprintf(stderr, "tamrel-agent: %s\n", credentials.error().c_str());
+    return kExitConfig;
+  }
+  std::printf("tamrel-agent %s\n", TAMREL_VERSION);
+
+  UpdateAgent agent(config);
+  SignalThread stopper(agent);
+  if (!installed.empty()) return agent.reportInstalled(installed[0], installed[1]);
+  if (!agent.connect()) {
+    std::fprintf(stderr, "tamrel-agent: %s: the library refused the settings\n",
+                 configPath.c_str());
+    return kExitConfig;
+  }
+  int status = kExitOk;
+  while (!agent.stopping()) {
+    UpdateAgent::Cycle const cycle = agent.cycle();
+    if (once) {
+      status = cycle.status;
+      break;
+    }
+    // Failures (1, 3) are reported and the next poll tries again.
+    agent.sleep(cycle.sleepSeconds);
+  }
+  return agent.stopping() ? kExitOk : status;
+}

@@ -1,0 +1,18 @@
+#ifndef TAMREL_AGENT_APP_STARTUPCHECK_H_
+#define TAMREL_AGENT_APP_STARTUPCHECK_H_
+
+#include <string>
+
+#include "agent/base/agentconfig.h"
+
+// What a deployment will need of this host, checked before the first poll:
+// a local mistake ends the agent with a reason instead of failing an action
+// on the server. Creates missing directories.
+// "" when the host is ready, otherwise the reason.
+std::string checkHost(AgentConfig const& config);
+
+// The program a command line starts: its first word, looked up in PATH when
+// it has no slash; "" when there is no such executable file.
+std::string commandProgram(std::string const& commandLine);
+
+#endif  // TAMREL_AGENT_APP_STARTUPCHECK_H_

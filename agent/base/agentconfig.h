@@ -1,0 +1,93 @@
+#ifndef TAMREL_AGENT_BASE_AGENTCONFIG_H_
+#define TAMREL_AGENT_BASE_AGENTCONFIG_H_
+
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "properties/lookup.h"
+
+// A configuration problem, worded "FILE:LINE: message".
+class ConfigError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// The agent's settings, read from `key = value` lines with `#` comments.
+// Connection settings go into the property table shared with the library;
+// a "-file" key becomes a link whose text is the file's content. A key given
+// twice, a server setting with control characters (or a second line in its
+// file) and an attribute over 128 characters are errors. Every key, its
+// default and its help line are in one table (keys()).
+class AgentConfig {
+ public:
+  // One configuration key. A number key's default is applied before the
+  // file is read.
+  struct Key {
+    // kServer: goes into the library's table; kSecret: stays with the agent.
+    // Both may be read from a file (KEY-file).
+    enum class Kind { kServer, kSecret, kText, kNumber, kAttribute };
+    char const* name;
+    Kind kind;
+    bool required;
+    char const* defaultValue;  // "" when none
+    char const* help;          // one line, for --help and the docs
+    long long min, max;        // kNumber only
+  };
+  static std::vector<Key> const& keys();
+
+  AgentConfig();
+  static AgentConfig fromFile(std::string const& path);  // throws ConfigError
+  // Every key with its default and help, for --help.
+  static std::string keysHelp();
+  // The server's address, as given or read from address-file.
+  std::string address() const;
+
+  std::shared_ptr<lookup> properties = std::make_shared<lookup>();
+  std::vector<tamrel::value_pair_t> attributes;
+  std::string downloadDir;               // "download-dir"
+  std::string stateDir;                  // "state-dir": the pending-reboot record
+  std::string installCommand;            // run by /bin/sh -c, the files as $1, $2, ...
+  std::string rebootCommand;             // "reboot-command"
+  std::string confirmCommand;            // "confirm-command", run at start after a reboot
+  std::string bootIdFile;                // "boot-id-file": changes with every boot
+  std::string trustedHosts;              // "trusted-hosts": host[:port], ... given credentials
+  std::string gatewayToken;              // "gateway-token", else a target token or none
+  bool targetToken = true;               // "token" or "token-file" (fromFile decides)
+  std::string clientCert, clientKey;     // "client-cert", "client-key"
+  std::string keyPasswordFile;           // "client-key-password-file"
+  std::string keyPassword;               // read from it
+  std::string sslEngine;                 // "ssl-engine"
+  std::string caFile, caPath;            // "ca-file", "ca-path"
+  std::string proxy, noProxy;            // "proxy", "no-proxy"
+  bool downloadAuthentication = true;    // "download-authentication"
+  std::string path;                      // the file read
+  std::map<std::string, int> lines;      // key (a "-file" key under its base name) -> line
+  int installTimeoutSeconds = 0;         // "install-timeout-s"
+  std::string installMode;               // "install-mode": file, stream or url
+  long long streamHoldBackKib = 0;       // "stream-hold-back-kib"
+  int rebootExitCode = -1;               // "reboot-exit-code"; -1: none configured
+  int retries = 0;                       // "download-retries"
+  int timeoutSeconds = 0;                // "download-timeout-s"
+  long long downloadMinRate = 0;         // "download-min-rate", bytes/s
+  int pollTimeoutSeconds = 0;            // "poll-timeout-s"
+  int feedbackTimeoutSeconds = 0;        // "feedback-timeout-s"
+  long long maxDocumentMib = 0;          // "max-document-mib"
+  long long pollIntervalSeconds = 0;     // "poll-interval-s"
+  long long maxPollIntervalSeconds = 0;  // "max-poll-interval-s"
+  std::string consent;                   // "consent": auto | command
+  std::string consentCommand;            // "consent-command"
+  int consentTimeoutSeconds = 0;         // "consent-timeout-s"
+  std::string autoConfirm;               // "auto-confirm": on | off | server
+  std::string autoConfirmRemark;         // "auto-confirm-remark"
+  bool downloadOnly = false;             // --download-only: close with "downloaded"
+  bool demo = false;                     // the demo installs nothing
+
+ private:
+  // Stores a number key's value in its field.
+  void storeNumber(std::string const& key, long long value);
+};
+
+#endif  // TAMREL_AGENT_BASE_AGENTCONFIG_H_

@@ -1,0 +1,53 @@
+#ifndef TAMREL_AGENT_COMMANDS_COMMAND_H_
+#define TAMREL_AGENT_COMMANDS_COMMAND_H_
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+// Runs a configured command through `/bin/sh -c '<command>' tamrel-install
+// <arg1> <arg2> ...`, so the arguments (the artifact files of a chunk) are
+// $1, $2, ... and "$@" in the command. Its standard output is printed line
+// by line through the agent's console (stamped, escaped, cut); the last
+// lines of its standard error are kept, escaped, for the feedback details.
+struct CommandResult {
+  bool started = false;
+  int exitCode = -1;      // -1: ended by a signal
+  int signal = 0;         // the signal that ended it, if one did
+  bool stopped = false;   // a stop request ended it
+  bool timedOut = false;  // its deadline ended it
+  std::vector<std::string> stderrTail;
+  // "exit N" / "killed by signal N" / "could not be started", and why it
+  // was ended when the agent ended it.
+  std::string describe() const;
+};
+
+struct CommandOptions {
+  // Once *stop is set the command's process group gets SIGTERM, and SIGKILL
+  // kCommandKillAfterMs later; the same past the deadline.
+  std::atomic<bool> const* stop = nullptr;
+  std::int64_t deadlineMs = 0;  // 0: none
+  // A descriptor (the install lock) kept open exactly as long as the command
+  // runs, by a process between the agent and the command: it outlives the
+  // agent, and not the command; -1: none.
+  int inherit = -1;
+  // Told the command's pid once it runs.
+  std::function<void(pid_t)> started;
+};
+
+// The command always runs in a process group of its own. Returns once it has
+// exited; whatever it left running in the background and still holding its
+// output is not waited for beyond a short drain.
+CommandResult runCommand(std::string const& command, std::vector<std::string> const& args = {},
+                         CommandOptions const& options = {});
+
+inline constexpr std::size_t kCommandTailLines = 5;    // of standard error, kept
+inline constexpr std::size_t kCommandLineBytes = 200;  // of each of them
+inline constexpr int kCommandKillAfterMs = 3000;
+inline constexpr int kCommandDrainMs = 200;  // output read after the command exited
+
+#endif  // TAMREL_AGENT_COMMANDS_COMMAND_H_

@@ -1,0 +1,356 @@
+#include "agent/commands/streaminstaller.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "agent/base/log.h"
+#include "agent/base/watchdog.h"
+#include "transport/curlbuffer.h"
+
+namespace {
+
+// Blocks SIGPIPE on the feeding thread while it lives, so that a reader that
+// went away shows as EPIPE; one left pending is taken before unblocking.
+class QuietPipe {
+ public:
+  QuietPipe() {
+    sigemptyset(&set_);
+    sigaddset(&set_, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &set_, &old_);
+  }
+  ~QuietPipe() {
+    timespec const now{0, 0};
+    while (sigtimedwait(&set_, nullptr, &now) == SIGPIPE) {
+    }
+    pthread_sigmask(SIG_SETMASK, &old_, nullptr);
+  }
+  QuietPipe(QuietPipe const&) = delete;
+  QuietPipe& operator=(QuietPipe const&) = delete;
+
+ private:
+  sigset_t set_, old_;
+};
+
+struct Descriptor {
+  int const fd;
+  explicit Descriptor(int descriptor) : fd(descriptor) {}
+  ~Descriptor() {
+    if (fd >= 0) close(fd);
+  }
+  Descriptor(Descriptor const&) = delete;
+  Descriptor& operator=(Descriptor const&) = delete;
+};
+
+// A file in `dir` that only the agent's user can read, removed with this.
+class PrivateFile {
+ public:
+  PrivateFile(std::string const& dir, std::string const& content) {
+    std::string name = dir + "/.credentials-XXXXXX";
+    int const fd = mkstemp(&name[0]);  // mode 0600
+    if (fd < 0) return;
+    bool const written = fchmod(fd, 0600) == 0 && ::write(fd, content.data(), content.size()) ==
+                                                      static_cast<ssize_t>(content.size());
+    if (close(fd) == 0 && written) {
+      path_ = name;
+    } else {
+      unlink(name.c_str());
+    }
+  }
+  ~PrivateFile() {
+    if (!path_.empty()) unlink(path_.c_str());
+  }
+  PrivateFile(PrivateFile const&) = delete;
+  PrivateFile& operator=(PrivateFile const&) = delete;
+  std::string const& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+// A value in curl's config format: in double quotes, \ and " escaped.
+std::string quoted(std::string const& value) {
+  std::string text = "\"";
+  for (char c : value) {
+    if (c == '"' || c == '\\') text += '\\';
+    text += c;
+  }
+  return text + "\"";
+}
+
+bool plainName(std::string const& name) {
+  if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos)
+    return false;
+  for (char c : name) {
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+StreamInstaller::StreamInstaller(AgentTransport& transport, AgentConfig const& config,
+                                 std::atomic<bool> const& stop)
+    : transport_(transport), config_(config), stop_(stop) {}
+
+std::unique_ptr<InstallChild> StreamInstaller::start(std::string const& command,
+                                                     std::string const& argument,
+                                                     std::vector<std::string> const& environment,
+                                                     int stdinFd, int keepFd) {
+  InstallChild::Options options;
+  options.command = command;
+  options.args = {argument};
+  options.environment = environment;
+  options.stdinFd = stdinFd;
+  options.keepFd = keepFd;
+  return std::make_unique<InstallChild>(options);
+}
+
+std::string StreamInstaller::credentials(std::string const& url) const {
+  AgentTransport::Settings const& settings = transport_.settings();
+  std::string text;
+  if (transport_.credentialsFor(url, true)) {
+    if (settings.token != AgentTransport::Token::kNone && !transport_.targetToken.empty()) {
+      char const* const kind =
+          settings.token == AgentTransport::Token::kGateway ? "GatewayToken " : "TargetToken ";
+      text += "header = " + quoted(std::string("Authorization: ") + kind + transport_.targetToken) +
+              "\n";
+    }
+    // The client certificate goes where the token goes.
+    if (!settings.clientCert.empty()) text += "cert = " + quoted(settings.clientCert) + "\n";
+    if (!settings.clientKey.empty()) text += "key = " + quoted(settings.clientKey) + "\n";
+  }
+  // The CA that signs the server's certificate, for any host.
+  if (!settings.caFile.empty()) text += "cacert = " + quoted(settings.caFile) + "\n";
+  if (!settings.caPath.empty()) text += "capath = " + quoted(settings.caPath) + "\n";
+  return text;
+}
+
+StreamInstaller::Result StreamInstaller::install(chunk_t& chunk, std::string const& sha256,
+                                                 std::string const& actionId, int keepFd) {
+  Outcome const outcome = run(chunk, sha256, actionId, keepFd);
+  if (!outcome.command.started) return Result::kFailed;
+  int const code = outcome.command.exitCode;
+  Result const result = !outcome.delivered ? Result::kFailed
+                        : code == 0        ? Result::kDone
+                        : config_.rebootExitCode >= 0 && code == config_.rebootExitCode
+                            ? Result::kReboot
+                            : Result::kFailed;
+  chunk.details.push_back(std::string("install command ") +
+                          (result == Result::kFailed ? "failed" : "succeeded") + " (" +
+                          outcome.command.describe() +
+                          (result == Result::kReboot ? ", reboot needed" : "") + ")");
+  for (auto const& line : outcome.command.stderrTail) chunk.details.push_back("install: " + line);
+  return result;
+}
+
+StreamInstaller::Outcome StreamInstaller::run(chunk_t& chunk, std::string const& sha256,
+                                              std::string const& actionId, int keepFd) {
+  std::vector<std::string>& details = chunk.details;
+  std::string const& mode = config_.installMode;
+  if (chunk.artifacts.size() != 1) {
+    details.push_back("install-mode " + mode + " takes a chunk with exactly one artifact; \"" +
+                      chunk.name + "\" has " + std::to_string(chunk.artifacts.size()));
+    return Outcome();
+  }
+  artifact_t const& artifact = chunk.artifacts.front();
+  auto link = artifact.links.find("download-http");
+  if (link == artifact.links.end()) link = artifact.links.find("download");
+  if (!plainName(artifact.filename)) {
+    details.push_back("refused: unsafe artifact name \"" + artifact.filename + "\"");
+    return Outcome();
+  }
+  if (link == artifact.links.end() || link->second.empty()) {
+    details.push_back(artifact.filename + ": the server lists no download link");
+    return Outcome();
+  }
+  std::vector<PipeSink::Expected> digests;
+  std::vector<std::string> environment = {"TAMREL_INSTALL_MODE=" + mode,
+                                          "TAMREL_ACTION_ID=" + actionId,
+                                          "TAMREL_ARTIFACT_NAME=" + artifact.filename,
+                                          "TAMREL_ARTIFACT_SIZE=" + std::to_string(artifact.size)};
+  struct Known {
+    char const* name;
+    char const* variable;
+    tamrel::Digest::Kind kind;
+  };
+  static Known const known[] = {
+      {"sha1", "TAMREL_ARTIFACT_SHA1", tamrel::Digest::Kind::kSha1},
+      {"md5", "TAMREL_ARTIFACT_MD5", tamrel::Digest::Kind::kMd5},
+      {"sha256", "TAMREL_ARTIFACT_SHA256", tamrel::Digest::Kind::kSha256}};
+  for (Known const& digest : known) {
+    auto const listed = artifact.hashes.find(digest.name);
+    std::string hex = listed != artifact.hashes.end() ? listed->second : std::string();
+    if (std::string(digest.name) == "sha256" && !sha256.empty()) hex = sha256;
+    for (char& c : hex) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (hex.empty() || hex.find_first_not_of("0123456789abcdef") != std::string::npos) continue;
+    digests.push_back({digest.kind, digest.name, hex});
+    environment.push_back(std::string(digest.variable) + "=" + hex);
+  }
+  if (mode == "url") return handOver(link->second, environment, keepFd, details);
+  if (digests.empty()) {
+    details.push_back(artifact.filename + ": refused, the server lists no digest");
+    return Outcome();
+  }
+  return stream(artifact, link->second, digests, environment, keepFd, details);
+}
+
+StreamInstaller::Outcome StreamInstaller::handOver(std::string const& url,
+                                                   std::vector<std::string> environment, int keepFd,
+                                                   std::vector<std::string>& details) {
+  Outcome outcome;
+  // Removed as this returns, whatever the command did.
+  mkdir(config_.downloadDir.c_str(), 0700);
+  PrivateFile const file(config_.downloadDir, credentials(url));
+  if (file.path().empty()) {
+    details.push_back("cannot write the credentials file in " + config_.downloadDir);
+    return outcome;
+  }
+  environment.push_back("TAMREL_CREDENTIALS_FILE=" + file.path());
+  Log::info("url: the install command fetches %s", url.c_str());
+  auto child = start(config_.installCommand, url, environment, -1, keepFd);
+  if (!child->started()) {
+    details.push_back("install command could not be started");
+    return outcome;
+  }
+  outcome.command = child->wait(&stop_);
+  outcome.delivered = true;
+  details.push_back(
+      "install-mode url: the install command fetched the artifact itself; the agent "
+      "checked none of its bytes");
+  return outcome;
+}
+
+StreamInstaller::Outcome StreamInstaller::stream(artifact_t const& artifact, std::string const& url,
+                                                 std::vector<PipeSink::Expected> const& digests,
+                                                 std::vector<std::string> const& environment,
+                                                 int keepFd, std::vector<std::string>& details) {
+  Outcome outcome;
+  std::string const& name = artifact.filename;
+  if (artifact.size >= (std::uint64_t{1} << 32)) {
+    // The transport resumes from a 32-bit offset.
+    details.push_back(name + ": install-mode stream takes artifacts under 4 GiB");
+    return outcome;
+  }
+  int fds[2];
+  if (pipe2(fds, O_CLOEXEC) != 0) {
+    details.push_back(name + ": cannot create a pipe for the install command");
+    return outcome;
+  }
+  // A larger pipe lets the reader and the network overlap; the default is
+  // kept when the system refuses.
+  fcntl(fds[1], F_SETPIPE_SZ, 1 << 20);
+  std::unique_ptr<InstallChild> child =
+      start(config_.installCommand, name, environment, fds[0], keepFd);
+  // The agent keeps a reading end too: it does not hold back the end of the
+  // input (that takes the last writer), and shows what the command left
+  // unread when it exits.
+  Descriptor const unread(fcntl(fds[0], F_DUPFD_CLOEXEC, 0));
+  close(fds[0]);
+  if (!child->started()) {
+    close(fds[1]);
+    details.push_back("install command could not be started");
+    return outcome;
+  }
+  QuietPipe const quiet;
+  std::size_t const holdBack = static_cast<std::size_t>(config_.streamHoldBackKib) * 1024;
+  auto sink = std::make_unique<PipeSink>(fds[1], artifact.size, digests, holdBack, [&] {
+    return stop_.load() || transport_.cancelled.load() || child->exited();
+  });
+  PipeSink& pipe = *sink;
+  auto buffer = std::make_shared<curlbuffer>(std::move(sink));
+  Log::info("stream: %s (%llu bytes) to the install command, the last %zu held back", name.c_str(),
+            static_cast<unsigned long long>(artifact.size), pipe.heldBack());
+
+  int const attempts = config_.retries + 1;
+  std::string why;  // why the stream ends before its end, "" when it came whole
+  for (int attempt = 1; attempt <= attempts && !stop_.load(); ++attempt) {
+    std::uint64_t const from = pipe.received();
+    Watchdog::Limits limits;
+    if (config_.timeoutSeconds > 0) {
+      limits.windowMs = config_.timeoutSeconds * 1000LL;
+      limits.windowBytes = std::max<long long>(1, config_.downloadMinRate * config_.timeoutSeconds);
+    }
+    Watchdog watchdog(
+        limits, [this] { return stop_.load(); },
+        [this](Watchdog::Verdict) { transport_.cancelTransfer(); });
+    // Connected for this attempt only: the watchdog goes with it.
+    auto count = std::make_shared<simple_signal::signal<int>::slot_type>(
+        [&watchdog](int bytes) { watchdog.bytes(bytes); });
+    buffer->written.connectWeak(count);
+    watchdog.run([&] {
+      watchdog.started();
+      return transport_.stream(url, buffer);
+    });
+    count.reset();
+    AgentTransport::Answer const answer = transport_.lastAnswer();
+    if (pipe.received() == artifact.size) {
+      why.clear();
+      break;
+    }
+    if (stop_.load()) break;
+    bool const readerGone = pipe.refusal() == PipeSink::Refusal::kReaderGone || child->exited();
+    if (readerGone) {
+      why = "the install command exited before reading the whole artifact (" +
+            std::to_string(pipe.received()) + " of " + std::to_string(artifact.size) +
+            " bytes fed)";
+      break;
+    }
+    if (pipe.refusal() == PipeSink::Refusal::kOversize) {
+      why = "the server sent more than the artifact's " + std::to_string(artifact.size) + " bytes";
+      break;
+    }
+    if (from > 0 && (answer.code == CURLE_RANGE_ERROR || answer.status == 200)) {
+      why = "the server ignored the range request (HTTP 200 to a resume from " +
+            std::to_string(from) + " bytes); a stream cannot start over";
+      break;
+    }
+    std::string const problem = watchdog.verdict() == Watchdog::Verdict::kTooSlow ? "stalled"
+                                : answer.problem().empty() ? "connection closed"
+                                                           : answer.problem();
+    why = "cut short at " + std::to_string(pipe.received()) + " of " +
+          std::to_string(artifact.size) + " bytes (" + problem + ") after " +
+          std::to_string(attempt) + " attempt(s)";
+    if (attempt < attempts) Log::info("stream: %s: %s, resuming", name.c_str(), why.c_str());
+  }
+
+  if (stop_.load()) {
+    // The command's group is stopped with the agent before its input ends:
+    // one that takes the end of its input for a complete image never sees
+    // the end of a truncated one.
+    outcome.command = child->wait(&stop_);
+    pipe.closePipe();
+    details.push_back(name + ": stream interrupted at " + std::to_string(pipe.received()) + " of " +
+                      std::to_string(artifact.size) + " bytes");
+    return outcome;
+  }
+  std::string problem = why;
+  if (problem.empty() && pipe.finish(problem)) {
+    outcome.command = child->wait(&stop_);
+    int left = 0;
+    if (unread.fd >= 0 && ioctl(unread.fd, FIONREAD, &left) == 0 && left > 0) {
+      details.push_back(name + ": the install command exited before reading the whole artifact (" +
+                        std::to_string(left) + " bytes left unread)");
+      return outcome;
+    }
+    outcome.delivered = true;
+    details.push_back(name + ": streamed and verified (" + std::to_string(artifact.size) +
+                      " bytes)");
+    return outcome;
+  }
+  if (child->exited()) {
+    outcome.command = child->wait(nullptr);
+  } else {
+    // The tail never goes out: the command's group ends before its input does.
+    outcome.command = child->wait(nullptr, true);
+    problem += "; install command ended";
+  }
+  pipe.closePipe();
+  details.push_back(name + ": " + problem);
+  return outcome;
+}

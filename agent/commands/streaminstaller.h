@@ -1,0 +1,78 @@
+#ifndef TAMREL_AGENT_COMMANDS_STREAMINSTALLER_H_
+#define TAMREL_AGENT_COMMANDS_STREAMINSTALLER_H_
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "agent/base/agentconfig.h"
+#include "agent/commands/command.h"
+#include "agent/commands/installchild.h"
+#include "agent/server/agenttransport.h"
+#include "agent/transfer/pipesink.h"
+#include "plugin/libtamrelcore.h"
+
+// Installs a chunk's one artifact without storing it (install-mode stream
+// and url):
+//  - stream: the install command gets the artifact's name as $1 and its
+//    bytes on standard input as they arrive through the agent's transport.
+//    Every byte is hashed on the way and the last bytes are held back until
+//    every listed digest matches (PipeSink); a connection cut is resumed by
+//    a range request into the same pipe; a mismatch, a server that ignores
+//    the range, or a stop ends the command's process group.
+//  - url: the command gets the artifact's URL as $1 and fetches it itself;
+//    the credentials the agent would send to that host are in a file only
+//    the agent's user can read, named by TAMREL_CREDENTIALS_FILE and removed
+//    after the run. The agent checks none of the bytes.
+// Both put the artifact's size, digests and the action id in the command's
+// environment. The command starts in one place, start(), which hands on
+// one descriptor the caller wants the command to hold (an install lock).
+class StreamInstaller {
+ public:
+  using chunk_t = hawkbit_query_t::deployment_t::chunk_t;
+  using artifact_t = chunk_t::artifact_t;
+  enum class Result { kFailed, kDone, kReboot };
+
+  StreamInstaller(AgentTransport& transport, AgentConfig const& config,
+                  std::atomic<bool> const& stop);
+
+  // Installs `chunk` (exactly one artifact) for action `actionId`, adding
+  // what happened to chunk.details: done on exit 0, reboot on
+  // reboot-exit-code, only when the stream came whole and verified (url
+  // mode: when the command ran). `sha256` is the digest the deployment
+  // lists ("" when none); `keepFd` is handed on to the command (-1: none).
+  Result install(chunk_t& chunk, std::string const& sha256, std::string const& actionId,
+                 int keepFd = -1);
+
+  // The credentials file's content for `url` (curl's config format: curl -K
+  // reads it): the authorization header for the server and trusted hosts,
+  // the client certificate and key for them, the CA when configured.
+  std::string credentials(std::string const& url) const;
+
+ private:
+  struct Outcome {
+    // stream: every byte came, matched and was released; url: the command ran
+    bool delivered = false;
+    CommandResult command;
+  };
+  Outcome run(chunk_t& chunk, std::string const& sha256, std::string const& actionId, int keepFd);
+  Outcome stream(artifact_t const& artifact, std::string const& url,
+                 std::vector<PipeSink::Expected> const& digests,
+                 std::vector<std::string> const& environment, int keepFd,
+                 std::vector<std::string>& details);
+  Outcome handOver(std::string const& url, std::vector<std::string> environment, int keepFd,
+                   std::vector<std::string>& details);
+  // Starts the install command: the one place it is started.
+  static std::unique_ptr<InstallChild> start(std::string const& command,
+                                             std::string const& argument,
+                                             std::vector<std::string> const& environment,
+                                             int stdinFd, int keepFd);
+
+  AgentTransport& transport_;
+  AgentConfig const& config_;
+  std::atomic<bool> const& stop_;
+};
+
+#endif  // TAMREL_AGENT_COMMANDS_STREAMINSTALLER_H_

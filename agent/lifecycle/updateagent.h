@@ -1,0 +1,106 @@
+#ifndef TAMREL_AGENT_LIFECYCLE_UPDATEAGENT_H_
+#define TAMREL_AGENT_LIFECYCLE_UPDATEAGENT_H_
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "agent/base/agentconfig.h"
+#include "agent/base/deploymentplan.h"
+#include "agent/base/watchdog.h"
+#include "agent/commands/installlock.h"
+#include "agent/commands/streaminstaller.h"
+#include "agent/lifecycle/consentflow.h"
+#include "agent/lifecycle/installedbase.h"
+#include "agent/lifecycle/rebootconfirmation.h"
+#include "agent/server/agenttransport.h"
+#include "agent/server/deploymentfeedback.h"
+#include "agent/server/documentreader.h"
+#include "agent/server/serverrequest.h"
+#include "agent/transfer/artifactfetcher.h"
+#include "agent/transfer/deploymentdownload.h"
+#include "agent/transfer/progressbar.h"
+#include "plugin/libtamrelcore.h"
+
+// The update loop of a device: poll, answer what the server asks for, fetch,
+// verify and install deployments, report back. Owns the library's client and
+// the transport it speaks through. Runs on one thread; stop() may be called
+// from another (a signal-handling thread).
+class UpdateAgent {
+ public:
+  explicit UpdateAgent(AgentConfig const& config);
+
+  // Binds the settings; false when the library refuses them. Then confirms
+  // an action left waiting for a reboot by an earlier run.
+  bool connect();
+  // What one poll came to: the interval to sleep and the exit status
+  // (ExitCode) it would give in --once mode.
+  struct Cycle {
+    std::int64_t sleepSeconds = 0;  // 0: the server named none
+    int status = 0;
+  };
+  // One poll under the poll deadline and memory bound, and whatever it asks
+  // for. sleepSeconds is the server's interval (poll-interval-s when it named
+  // none, capped by max-poll-interval-s), or poll-interval-s after a failure.
+  Cycle cycle();
+  // Waits up to `seconds`, returning early once stop() was called.
+  void sleep(std::int64_t seconds);
+  // Binds the settings and reports `name` `version` as installed on the
+  // device; the exit status (ExitCode), the reason logged when not 0.
+  int reportInstalled(std::string const& name, std::string const& version);
+  // Cancels a running download or verification and ends the loop.
+  void stop();
+  bool stopping() const { return stop_.load(); }
+  ProgressBar& progress() { return fetcher_.progress(); }
+
+ private:
+  bool deploy(hawkbit_query_t::deployment_t deployment);
+  // Accepts a cancel request, or rejects it for an action installed already;
+  // an accepted one drops what was downloaded for an action still waiting.
+  void answerCancel(hawkbit_query_t::cancel_action_t const& cancel);
+  enum class Installed { kDone, kReboot, kFailed };
+  // Takes the install lock, waiting up to install-timeout-s; false, with
+  // why in `details`, when it could not be had.
+  bool takeInstallLock(std::vector<std::string>& details);
+  Installed install(std::vector<std::string> const& files, std::vector<std::string>& details);
+  // Forgets what the agent keeps for an action the server no longer has
+  // (files waiting for their maintenance window, its install record).
+  void dropGoneAction(std::string const& actionId);
+  // Removes the files of the action when it is the one waiting for its
+  // maintenance window; false when it is not.
+  bool dropWaiting(std::string const& actionId);
+  // install-mode stream or url: the chunk's artifact goes to the command
+  // without being stored.
+  Installed installStreamed(hawkbit_query_t::deployment_t::chunk_t& chunk,
+                            DeploymentPlan const& plan, std::string const& actionId);
+
+  AgentConfig const& config_;
+  std::string address_;  // the server; configData links elsewhere are not sent to
+  AgentTransport transport_;
+  libtamrelcore client_{&transport_};
+  std::atomic<bool> stop_{false};
+  std::vector<tamrel::value_pair_t> attributes_;  // sent as configuration data
+  ArtifactFetcher fetcher_;
+  ServerRequest server_;         // every POST/PUT goes through it
+  RebootConfirmation reboot_;    // the action in flight, its record and its reboot
+  DeploymentFeedback feedback_;  // a 404/410 answer runs dropGoneAction()
+  DeploymentDownload download_;
+  InstallLock lock_;          // one install at a time, across restarts
+  StreamInstaller streamer_;  // install-mode stream and url
+  // An action downloaded in this run and waiting for its maintenance window.
+  std::string waitingAction_;  // downloaded, waiting for its maintenance window
+  std::vector<std::string> waitingFiles_, waitingDirs_;
+  int failedPolls_ = 0;    // in a row
+  DocumentReader reader_;  // documents the library does not read
+  ConsentFlow consent_;
+  InstalledBase installed_;
+  std::string baseBody_;  // the last base poll answer's body, kept by the transport's observer
+  bool again_ = false;    // polling again at once, after a confirmation
+  std::mutex sleepLock_;
+  std::condition_variable wake_;
+};
+
+#endif  // TAMREL_AGENT_LIFECYCLE_UPDATEAGENT_H_
