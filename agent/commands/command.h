@@ -35,6 +35,11 @@ struct CommandOptions {
   // runs, by a process between the agent and the command: it outlives the
   // agent, and not the command; -1: none.
   int inherit = -1;
+  // Where the process between the agent and the command writes how the
+  // command ended (InstallOutcome), tagged `outcomeTag`, once none of its
+  // group is left and before it lets go of `inherit`; "": nowhere.
+  std::string outcomePath;
+  std::string outcomeTag;
   // Told the command's pid once it runs.
   std::function<void(pid_t)> started;
 };

@@ -1,5 +1,6 @@
 #include "agent/lifecycle/installstate.h"
 
+#include "agent/base/atomicfile.h"
 #include "agent/commands/command.h"
 
 #include <fcntl.h>
@@ -21,37 +22,13 @@ std::string oneLine(std::string text) {
   return text;
 }
 
-bool syncPath(std::string const& path, int flags) {
-  int const fd = open(path.c_str(), flags | O_CLOEXEC);
-  if (fd < 0) return false;
-  bool const ok = fsync(fd) == 0;
-  return close(fd) == 0 && ok;
-}
-
-std::string directoryOf(std::string const& path) { return path.substr(0, path.rfind('/')); }
-
 }  // namespace
 
 bool InstallState::load(Pending& pending, std::string& error) const {
   if (!enabled()) return false;
-  int const fd = open(path().c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-  if (fd < 0) {
-    if (errno != ENOENT) error = "cannot read " + path() + ": " + std::strerror(errno);
-    return false;
-  }
-  std::string text, problem;
-  char buffer[4096];
-  for (;;) {
-    ssize_t const n = read(fd, buffer, sizeof buffer);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0 || text.size() + static_cast<std::size_t>(n) > kMaxRecordBytes) {
-      if (n != 0) problem = n < 0 ? std::string(std::strerror(errno)) : "too large";
-      break;
-    }
-    text.append(buffer, static_cast<std::size_t>(n));
-  }
-  close(fd);
-  if (problem.empty()) problem = parse(text, pending);
+  std::string text;
+  if (!AtomicFile::read(path(), kMaxRecordBytes, text, error)) return false;
+  std::string const problem = parse(text, pending);
   if (!problem.empty()) error = path() + ": " + problem;
   return problem.empty();
 }
@@ -104,42 +81,11 @@ bool InstallState::save(Pending const& pending, std::string& error) const {
     text << line;
   }
   text << "end\n";
-  std::string const data = text.str();
-  std::string const temporary = path() + ".new";
-  // A fresh file, never one planted there (a link would make the agent write
-  // its target).
-  if (unlink(temporary.c_str()) != 0 && errno != ENOENT) {
-    error = "cannot remove " + temporary + ": " + std::strerror(errno);
-    return false;
-  }
-  int const fd =
-      open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-  bool ok = fd >= 0;
-  for (std::size_t done = 0; ok && done < data.size();) {
-    ssize_t const n = write(fd, data.data() + done, data.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    ok = n > 0;
-    if (ok) done += static_cast<std::size_t>(n);
-  }
-  ok = ok && fsync(fd) == 0;
-  if (fd >= 0) ok = close(fd) == 0 && ok;
-  ok = ok && std::rename(temporary.c_str(), path().c_str()) == 0;
-  ok = ok && syncPath(directoryOf(path()), O_RDONLY | O_DIRECTORY);
-  if (!ok) {
-    error = "cannot write " + path() + ": " + std::strerror(errno);
-    std::remove(temporary.c_str());
-  }
-  return ok;
+  return AtomicFile::write(path(), text.str(), error);
 }
 
 bool InstallState::clear(std::string& error) const {
-  if (!enabled()) return true;
-  if (std::remove(path().c_str()) != 0 && errno != ENOENT) {
-    error = "cannot remove " + path() + ": " + std::strerror(errno);
-    return false;
-  }
-  syncPath(directoryOf(path()), O_RDONLY | O_DIRECTORY);
-  return true;
+  return !enabled() || AtomicFile::remove(path(), error);
 }
 
 bool InstallState::confirm(std::string const& confirmCommand, Pending& pending, std::string& error,
