@@ -2,6 +2,7 @@
 # for $work/art, timing, the agent run once, and the result rows. The
 # sourcing script sets $server, $agent and $work, and spid= before its
 # clean-up trap.
+umask 077  # the agent's configuration holds the token
 
 # Starts the server; sets $spid and $address (its first line). A server
 # that exits before printing it ends the run with its output.

@@ -14,6 +14,7 @@
 #include "agent/base/agentconfig.h"
 #include "agent/base/console.h"
 #include "agent/base/exitcode.h"
+#include "agent/base/log.h"
 #include "agent/base/memorybudget.h"
 #include "agent/lifecycle/updateagent.h"
 #include "agent/server/credentialcheck.h"
@@ -27,7 +28,7 @@ namespace {
 char const kUsage[] =
     "usage: tamrel-agent --config FILE [--once] [--download-only]\n"
     "       tamrel-agent --config FILE --report-installed NAME VERSION\n"
-    "       tamrel-agent --help | --version\n";
+    "       tamrel-agent --help | -h | --version\n";
 
 char const kHelp[] =
     "Polls a hawkBit server (DDI API), downloads, verifies and installs what it deploys.\n"
@@ -37,7 +38,10 @@ char const kHelp[] =
     "  --report-installed NAME VERSION\n"
     "                     tell the server the device runs this distribution set (installed\n"
     "                     without it); exit 0 when the server accepted it, 3 when not\n"
-    "  --help, --version\n\n";
+    "  --help, -h, --version\n"
+    "Lines go to standard output; under systemd (JOURNAL_STREAM) each starts with its\n"
+    "syslog priority for journald, elsewhere with the UTC time. SIGINT and SIGTERM stop\n"
+    "the agent cleanly; SIGHUP is ignored.\n\n";
 
 std::string exitCodesHelp() {
   std::string text = "\nexit status:\n";
@@ -88,32 +92,33 @@ int main(int argc, char** argv) {
   try {
     config = AgentConfig::fromFile(configPath);
   } catch (ConfigError const& error) {
-    std::fprintf(stderr, "tamrel-agent: %s\n", error.what());
+    Log::error("%s", error.what());
     return kExitConfig;
   }
+  Log::Level level = Log::Level::kInfo;
+  Log::parseLevel(config.logLevel, level);
+  Log::setLevel(level);
   config.downloadOnly = downloadOnly;
-  // Reporting a version needs only the server settings.
+  CredentialCheck const credentials(config);
+  for (std::string const& warning : credentials.warnings()) Log::warning("%s", warning.c_str());
+  if (!credentials.error().empty()) {
+    Log::error("%s", credentials.error().c_str());
+    return kExitConfig;
+  }
+  // Reporting a version needs only the server settings. The host comes
+  // last: its check is the one that creates directories.
   std::string const problem = installed.empty() ? checkHost(config) : std::string();
   if (!problem.empty()) {
-    std::fprintf(stderr, "tamrel-agent: %s: %s\n", configPath.c_str(), problem.c_str());
+    Log::error("%s", problem.c_str());
     return kExitConfig;
   }
-  CredentialCheck const credentials(config);
-  for (std::string const& warning : credentials.warnings()) {
-    std::fprintf(stderr, "tamrel-agent: warning: %s\n", warning.c_str());
-  }
-  if (!credentials.error().empty()) {
-    std::fprintf(stderr, "tamrel-agent: %s\n", credentials.error().c_str());
-    return kExitConfig;
-  }
-  std::printf("tamrel-agent %s\n", TAMREL_VERSION);
+  Log::info("tamrel-agent %s", TAMREL_VERSION);
 
   UpdateAgent agent(config);
   SignalThread stopper(agent);
   if (!installed.empty()) return agent.reportInstalled(installed[0], installed[1]);
   if (!agent.connect()) {
-    std::fprintf(stderr, "tamrel-agent: %s: the library refused the settings\n",
-                 configPath.c_str());
+    Log::error("%s: the library refused the settings", configPath.c_str());
     return kExitConfig;
   }
   int status = kExitOk;

@@ -2,19 +2,19 @@
 
 #include <pthread.h>
 
-#include <cstdio>
-
 #include "agent/base/log.h"
 #include "agent/lifecycle/updateagent.h"
 
 namespace {
 
-// SIGUSR1 only wakes the thread when it is to end.
+// SIGUSR1 only wakes the thread when it is to end. SIGHUP is taken too so
+// that it cannot end the agent midway: it is ignored.
 sigset_t stopSignals() {
   sigset_t set;
   sigemptyset(&set);
   sigaddset(&set, SIGINT);
   sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGHUP);
   sigaddset(&set, SIGUSR1);
   return set;
 }
@@ -35,6 +35,8 @@ SignalThread::SignalThread(UpdateAgent& agent) : set_(stopSignals()) {
       if (number == SIGINT || number == SIGTERM) {
         Log::info("signal %d: stopping", number);
         agent.stop();
+      } else if (number == SIGHUP) {
+        Log::info("SIGHUP ignored: the configuration is read at start; SIGTERM stops the agent");
       }
     }
   });

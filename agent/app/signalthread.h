@@ -8,7 +8,8 @@
 
 class UpdateAgent;
 
-// A thread that turns SIGINT/SIGTERM into a clean stop of the agent. Call
+// A thread that turns SIGINT/SIGTERM into a clean stop of the agent, and
+// ignores SIGHUP (a reload request or a closed terminal) with a log line. Call
 // blockStopSignals() first thing in main(), before any thread exists: the
 // signals are then blocked in every thread, so only this one receives them,
 // outside any signal handler.

@@ -55,31 +55,52 @@ std::string syntaxError(std::string const& commandLine) {
   return result.stderrTail.empty() ? result.describe() : result.stderrTail.back();
 }
 
-// "" when `path` is no directory others could plant files in: the agent
-// writes and runs what is there as its own user.
-std::string ownedDirectory(char const* key, std::string const& path) {
+// "FILE:LINE: " of a key's line in the configuration ("FILE: " for a
+// default).
+std::string where(AgentConfig const& config, char const* key) {
+  auto const line = config.lines.find(key);
+  return config.path + (line != config.lines.end() ? ":" + std::to_string(line->second) : "") +
+         ": ";
+}
+
+// A directory the agent writes to and runs from: checked without touching
+// the disk. "" when `path` is a directory of this user that no one else may
+// write to, or when it is missing but its parent exists (`create` is then
+// set); otherwise the reason.
+std::string directory(char const* key, std::string const& path, bool& create) {
+  create = false;
   struct stat info {};
-  if (stat(path.c_str(), &info) != 0) return std::string();
+  if (stat(path.c_str(), &info) != 0) {
+    if (errno != ENOENT && errno != ENOTDIR) return std::string(key) + " " + path + ": " + std::strerror(errno);
+    // Only the last component is made: a typo must not grow a tree of
+    // directories.
+    std::string parent = path.substr(0, path.find_last_not_of('/') + 1);
+    parent = parent.substr(0, parent.find_last_of('/') + 1);
+    if (parent.empty()) parent = ".";
+    if (stat(parent.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
+      if (parent.size() > 1) parent.pop_back();
+      return std::string(key) + " " + path + " cannot be created: " + parent +
+             " is no directory (only the last component is created)";
+    }
+    create = true;
+    return std::string();
+  }
+  if (!S_ISDIR(info.st_mode)) return std::string(key) + " " + path + " is not a directory";
+  if (info.st_uid != geteuid()) {
+    return std::string(key) + " " + path + " belongs to uid " + std::to_string(info.st_uid) +
+           ", not to this user (uid " + std::to_string(geteuid()) + ")";
+  }
+  // Others could plant files the agent installs or runs.
   if ((info.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
     return std::string(key) + " " + path + " is writable by group or others; chmod go-w it";
   }
   return std::string();
 }
 
-// Creates `path` and its parents as needed; "" when it is a writable
-// directory, otherwise the reason.
-std::string directory(char const* key, std::string const& path) {
-  for (std::size_t slash = path.find('/', 1);; slash = path.find('/', slash + 1)) {
-    std::string const part = path.substr(0, slash);
-    if (!part.empty() && mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) {
-      return std::string(key) + " " + path + ": cannot create " + part + ": " +
-             std::strerror(errno);
-    }
-    if (slash == std::string::npos) break;
-  }
-  struct stat info {};
-  if (stat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
-    return std::string(key) + " " + path + " is not a directory";
+// Makes the directory `directory` found missing, then proves it writable.
+std::string prepare(char const* key, std::string const& path, bool create) {
+  if (create && mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) {
+    return std::string(key) + " " + path + ": cannot create it: " + std::strerror(errno);
   }
   // A file made and removed again: access() would pass for root on a
   // read-only file system.
@@ -94,29 +115,34 @@ std::string directory(char const* key, std::string const& path) {
 }  // namespace
 
 std::string checkHost(AgentConfig const& config) {
-  std::string problem = directory("download-dir", config.downloadDir);
-  if (problem.empty()) problem = ownedDirectory("download-dir", config.downloadDir);
-  if (problem.empty() && !config.stateDir.empty()) {
-    problem = directory("state-dir", config.stateDir);
-    if (problem.empty()) problem = ownedDirectory("state-dir", config.stateDir);
+  struct Dir {
+    char const* key;
+    std::string const& path;
+    bool create;
+  } dirs[] = {{"download-dir", config.downloadDir, false}, {"state-dir", config.stateDir, false}};
+  for (Dir& dir : dirs) {
+    if (dir.path.empty()) continue;
+    std::string const problem = directory(dir.key, dir.path, dir.create);
+    if (!problem.empty()) return where(config, dir.key) + problem;
   }
-  if (!problem.empty()) return problem;
   // A reboot without its record would install again after it, or never
   // confirm.
   if (config.rebootExitCode >= 0 &&
       (config.stateDir.empty() || config.rebootCommand.empty() || config.confirmCommand.empty())) {
-    return "reboot-exit-code needs state-dir, reboot-command and confirm-command";
+    return where(config, "reboot-exit-code") +
+           "reboot-exit-code needs state-dir, reboot-command and confirm-command";
   }
   // Without the boot id a restart would pass for the reboot.
   if (config.rebootExitCode >= 0) {
     std::ifstream in(config.bootIdFile);
     std::string id;
     if (!std::getline(in, id) || id.empty())
-      return "boot-id-file " + config.bootIdFile +
+      return where(config, "boot-id-file") + "boot-id-file " + config.bootIdFile +
              " cannot be read; it tells whether a reboot happened";
   }
   if (config.installCommand.empty() && !config.downloadOnly && !config.demo) {
-    return "install-command is not set; start with --download-only to download and verify "
+    return config.path +
+           ": install-command is not set; start with --download-only to download and verify "
            "without installing";
   }
   struct {
@@ -129,10 +155,18 @@ std::string checkHost(AgentConfig const& config) {
   for (auto const& entry : commands) {
     if (entry.command.empty()) continue;
     std::string const error = syntaxError(entry.command);
-    if (!error.empty()) return std::string(entry.key) + ": sh cannot read it: " + error;
+    if (!error.empty())
+      return where(config, entry.key) + entry.key + ": sh cannot read it: " + error;
     if (commandProgram(entry.command).empty()) {
-      return std::string(entry.key) + ": no executable program for '" + entry.command + "'";
+      return where(config, entry.key) + entry.key + ": no executable program for '" +
+             entry.command + "'";
     }
+  }
+  // Every check passed: only now is anything made on disk.
+  for (Dir const& dir : dirs) {
+    if (dir.path.empty()) continue;
+    std::string const problem = prepare(dir.key, dir.path, dir.create);
+    if (!problem.empty()) return where(config, dir.key) + problem;
   }
   return std::string();
 }

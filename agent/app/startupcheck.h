@@ -7,8 +7,9 @@
 
 // What a deployment will need of this host, checked before the first poll:
 // a local mistake ends the agent with a reason instead of failing an action
-// on the server. Creates missing directories.
-// "" when the host is ready, otherwise the reason.
+// on the server. Nothing is made on disk before every check has passed;
+// then a missing download-dir or state-dir is created (its last component
+// only). "" when the host is ready, otherwise "FILE:LINE: reason".
 std::string checkHost(AgentConfig const& config);
 
 // The program a command line starts: its first word, looked up in PATH when

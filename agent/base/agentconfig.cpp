@@ -1,7 +1,14 @@
 #include "agent/base/agentconfig.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <set>
 
@@ -32,6 +39,88 @@ bool hasControl(std::string const& text) {
   return false;
 }
 
+std::size_t const kMaxValueFile = 65536;
+
+// The text of the file a KEY-file setting names; `problem` set instead when
+// it is no readable regular file of at most 64 KiB, or (`secret`) when it is
+// not private to its owner.
+std::string readValueFile(std::string const& path, std::string const& key, bool secret,
+                          std::string& problem) {
+  // O_NONBLOCK: a FIFO named here must not hold the start up.
+  int const fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+  if (fd < 0) {
+    problem = "cannot read '" + path + "' for " + key + ": " + std::strerror(errno);
+    return std::string();
+  }
+  struct Closer {
+    int fd;
+    ~Closer() { close(fd); }
+  } const closer{fd};
+  struct stat info {};
+  if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+    problem = key + ": " + path + " is not a regular file";
+    return std::string();
+  }
+  if (info.st_size > static_cast<off_t>(kMaxValueFile)) {
+    problem = key + ": " + path + " is larger than 64 KiB";
+    return std::string();
+  }
+  if (secret) problem = AgentConfig::secretFileProblem(path, info.st_mode);
+  if (!problem.empty()) {
+    problem = key + ": " + problem;
+    return std::string();
+  }
+  std::string text(kMaxValueFile, '\0');
+  std::size_t done = 0;
+  for (ssize_t n = 0; done < text.size(); done += static_cast<std::size_t>(n)) {
+    n = read(fd, &text[done], text.size() - done);
+    if (n == 0) break;
+    if (n < 0 && errno == EINTR) {
+      n = 0;
+    } else if (n < 0) {
+      problem = "cannot read '" + path + "' for " + key + ": " + std::strerror(errno);
+      return std::string();
+    }
+  }
+  text.resize(done);
+  return text;
+}
+
+// What a value that becomes part of the controller's path must not hold.
+std::string pathSegmentProblem(std::string const& key, std::string const& value) {
+  if (value.find_first_of("/?#\\ ") == std::string::npos) return std::string();
+  return key + " must not contain '/', '?', '#', '\\' or blanks: '" + value + "'";
+}
+
+// "" when every entry of a trusted-hosts list is host or host:port.
+std::string trustedHostsProblem(std::string const& list) {
+  std::size_t start = 0;
+  for (;;) {
+    std::size_t const comma = list.find(',', start);
+    std::string entry = list.substr(start, comma - start);
+    std::size_t const first = entry.find_first_not_of(" \t");
+    entry = first == std::string::npos
+                ? std::string()
+                : entry.substr(first, entry.find_last_not_of(" \t") - first + 1);
+    // A bracketed IPv6 address has colons of its own.
+    std::size_t const close = entry.rfind(']');
+    std::size_t const colon = entry.find(':', close == std::string::npos ? 0 : close);
+    std::string const host = entry.substr(0, colon);
+    std::string const port = colon == std::string::npos ? "1" : entry.substr(colon + 1);
+    bool const bad = host.empty() || host.find_first_of("/@?#\\ \t") != std::string::npos ||
+                     port.empty() || port.size() > 5 ||
+                     port.find_first_not_of("0123456789") != std::string::npos ||
+                     std::stol(port) < 1 || std::stol(port) > 65535 ||
+                     (host[0] == '[') != (close != std::string::npos);
+    if (bad) {
+      return "trusted-hosts: '" + entry +
+             "' is not host or host:port (no scheme, path or user; comma-separated)";
+    }
+    if (comma == std::string::npos) return std::string();
+    start = comma + 1;
+  }
+}
+
 std::string* textField(AgentConfig& config, std::string const& key) {
   if (key == "download-dir") return &config.downloadDir;
   if (key == "state-dir") return &config.stateDir;
@@ -53,6 +142,7 @@ std::string* textField(AgentConfig& config, std::string const& key) {
   if (key == "auto-confirm") return &config.autoConfirm;
   if (key == "auto-confirm-remark") return &config.autoConfirmRemark;
   if (key == "install-mode") return &config.installMode;
+  if (key == "log-level") return &config.logLevel;
   return nullptr;
 }
 
@@ -61,6 +151,7 @@ char const* choices(std::string const& key) {
   if (key == "consent") return "auto|command";
   if (key == "auto-confirm") return "on|off|server";
   if (key == "install-mode") return "file|stream|url";
+  if (key == "log-level") return "error|warning|info|debug";
   return nullptr;
 }
 
@@ -69,10 +160,16 @@ std::size_t const kMaxAttribute = 128;  // hawkBit refuses longer keys and value
 // The server refuses paths with "//", and the library appends "/" to the
 // address; a query or fragment would end up inside every path.
 std::string normaliseAddress(std::string address, std::string& problem) {
+  std::size_t const host = address.find("://") + 3;
   if (address.find_first_of("?#") != std::string::npos) {
     problem = "address must not carry a query or fragment";
   } else if (address.rfind("http://", 0) != 0 && address.rfind("https://", 0) != 0) {
     problem = "address must start with http:// or https://";
+  } else if (address.find_first_of(" \t") != std::string::npos) {
+    problem = "address must not contain blanks";
+  } else if (host >= address.size() || address[host] == '/' || address[host] == ':' ||
+             address[host] == '@') {
+    problem = "address names no host";
   }
   while (!address.empty() && address.back() == '/') address.pop_back();
   return address;
@@ -148,8 +245,18 @@ std::vector<AgentConfig::Key> const& AgentConfig::keys() {
        "the server's auto-confirm for this device: on | off | server (as it is)", 0, 0},
       {"auto-confirm-remark", K::kText, false, "", "remark sent when switching auto-confirm on", 0,
        0},
+      {"log-level", K::kText, false, "info",
+       "lines logged: error | warning | info | debug (each with the ones before it)", 0, 0},
   };
   return table;
+}
+
+std::string AgentConfig::secretFileProblem(std::string const& path, unsigned mode) {
+  if ((mode & 066) == 0) return std::string();
+  char octal[8];
+  std::snprintf(octal, sizeof octal, "%04o", mode & 07777);
+  return path + " holds a secret but has mode " + octal +
+         ": group or others may read or write it; chmod 600 it";
 }
 
 AgentConfig::AgentConfig() {
@@ -205,7 +312,9 @@ std::string AgentConfig::keysHelp() {
 
 AgentConfig AgentConfig::fromFile(std::string const& path) {
   std::ifstream in(path);
-  if (!in) throw ConfigError(path + ": cannot read the configuration file");
+  struct stat info {};
+  if (!in || stat(path.c_str(), &info) != 0)
+    throw ConfigError(path + ": cannot read the configuration file");
   std::set<std::string> settings;
   for (Key const& key : keys()) {
     if (key.kind == Key::Kind::kServer || key.kind == Key::Kind::kSecret) settings.insert(key.name);
@@ -218,6 +327,8 @@ AgentConfig AgentConfig::fromFile(std::string const& path) {
     auto const fail = [&](std::string const& message) {
       throw ConfigError(path + ":" + std::to_string(number) + ": " + message);
     };
+    // Editors on other systems start a file with a byte order mark.
+    if (number == 1 && line.rfind("\xef\xbb\xbf", 0) == 0) line.erase(0, 3);
     // A comment starts a line or follows a blank; a '#' inside a value (a
     // token) is kept, and so is one inside quotes of a command line.
     std::string content = trim(line);
@@ -257,17 +368,27 @@ AgentConfig AgentConfig::fromFile(std::string const& path) {
     }
     if (settings.count(key) || settings.count(base)) {
       std::string const filePath = value;
+      std::string const setting = base.empty() ? key : base;
+      bool const secret = setting == "token" || setting == "gateway-token";
       if (!base.empty()) {
-        std::ifstream file(filePath, std::ios::binary);
-        if (!file) fail("cannot read '" + filePath + "' for " + key);
-        value.assign(std::istreambuf_iterator<char>(file), {});
+        std::string problem;
+        value = readValueFile(filePath, key, secret, problem);
+        if (!problem.empty()) fail(problem);
         if (!value.empty() && value.back() == '\n') value.pop_back();
         if (!value.empty() && value.back() == '\r') value.pop_back();
         if (hasControl(value)) fail(filePath + " must hold one line without control characters");
       } else if (hasControl(value)) {
         fail(key + " must not contain control characters");
+      } else if (secret) {
+        std::string const problem = AgentConfig::secretFileProblem(path, info.st_mode);
+        if (!problem.empty()) fail(key + ": " + problem + ", or use " + key + "-file");
       }
-      std::string const setting = base.empty() ? key : base;
+      if (value.empty())
+        fail(base.empty() ? key + " is empty" : key + ": " + filePath + " is empty");
+      if (setting == "tenant-id" || setting == "controller-id") {
+        std::string const problem = pathSegmentProblem(setting, value);
+        if (!problem.empty()) fail(problem);
+      }
       if (setting == "address") {
         std::string problem;
         value = normaliseAddress(value, problem);
@@ -314,11 +435,17 @@ AgentConfig AgentConfig::fromFile(std::string const& path) {
         fail("proxy must start with http://, https:// or socks5h://");
       }
       if (key == "client-key-password-file") {
-        std::ifstream file(value, std::ios::binary);
-        if (!file) fail("cannot read '" + value + "' for client-key-password-file");
-        std::getline(file, config.keyPassword);
+        std::string problem;
+        config.keyPassword = readValueFile(value, key, true, problem);
+        if (!problem.empty()) fail(problem);
+        config.keyPassword.erase(
+            std::min(config.keyPassword.find('\n'), config.keyPassword.size()));
         if (!config.keyPassword.empty() && config.keyPassword.back() == '\r')
           config.keyPassword.pop_back();
+      }
+      if (key == "trusted-hosts" && !value.empty()) {
+        std::string const problem = trustedHostsProblem(value);
+        if (!problem.empty()) fail(problem);
       }
       char const* const words = choices(key);
       if (words != nullptr &&
@@ -355,6 +482,16 @@ AgentConfig AgentConfig::fromFile(std::string const& path) {
   if (config.downloadDir.empty()) throw ConfigError(path + ": download-dir is not set");
   if (config.consent == "command" && config.consentCommand.empty())
     throw ConfigError(path + ": consent = command needs consent-command");
+  // A default poll-interval-s yields to a lower max-poll-interval-s.
+  if (seen.count("poll-interval-s") &&
+      config.maxPollIntervalSeconds < config.pollIntervalSeconds) {
+    char const* const named =
+        seen.count("max-poll-interval-s") ? "max-poll-interval-s" : "poll-interval-s";
+    throw ConfigError(path + ":" + std::to_string(seen[named]) + ": " + named +
+                      ": max-poll-interval-s (" + std::to_string(config.maxPollIntervalSeconds) +
+                      ") is below poll-interval-s (" + std::to_string(config.pollIntervalSeconds) +
+                      ")");
+  }
   return config;
 }
 

@@ -42,6 +42,9 @@ class AgentConfig {
   static AgentConfig fromFile(std::string const& path);  // throws ConfigError
   // Every key with its default and help, for --help.
   static std::string keysHelp();
+  // "" when a file of `mode` may hold a secret (nobody but its owner may
+  // read or write it), otherwise why not, naming `path`.
+  static std::string secretFileProblem(std::string const& path, unsigned mode);
   // The server's address, as given or read from address-file.
   std::string address() const;
 
@@ -82,6 +85,7 @@ class AgentConfig {
   int consentTimeoutSeconds = 0;         // "consent-timeout-s"
   std::string autoConfirm;               // "auto-confirm": on | off | server
   std::string autoConfirmRemark;         // "auto-confirm-remark"
+  std::string logLevel;                  // "log-level": error | warning | info | debug
   bool downloadOnly = false;             // --download-only: close with "downloaded"
   bool demo = false;                     // the demo installs nothing
 

@@ -2,10 +2,15 @@
 
 #include <unistd.h>
 
+#include <sys/stat.h>
+
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <mutex>
 #include <thread>
+
+#include "agent/base/log.h"
 
 namespace {
 
@@ -14,11 +19,15 @@ std::size_t const kMaxLine = 1024;
 struct Stream {
   explicit Stream(int descriptor) : fd(descriptor) {}
   int const fd;
+  bool journal = false;  // journald reads it: a priority prefix, no time stamp
   bool atLineStart = true;
+  bool dropped = false;  // the line under way is below the log level
+  int level = 0;         // the line under way's
   std::size_t lineLength = 0, cut = 0;
   // The thread whose writes go to `captured` instead, if any.
   std::thread::id captureThread;
   std::string* captured = nullptr;
+  std::vector<std::string>* writes = nullptr;
   std::size_t limit = 0;
   bool pass = false;
 };
@@ -63,7 +72,23 @@ std::size_t utf8Length(unsigned char const* text, std::size_t available) {
   return length;
 }
 
-std::string stamp() {
+// True when `fd` is the stream systemd connected to journald: it names it
+// "device:inode" in JOURNAL_STREAM.
+bool journalStream(int fd) {
+  char const* const named = std::getenv("JOURNAL_STREAM");
+  struct stat info {};
+  if (named == nullptr || fstat(fd, &info) != 0) return false;
+  unsigned long long device = 0, inode = 0;
+  char end = 0;
+  return std::sscanf(named, "%llu:%llu%c", &device, &inode, &end) == 2 &&
+         device == static_cast<unsigned long long>(info.st_dev) &&
+         inode == static_cast<unsigned long long>(info.st_ino);
+}
+
+// What starts a line at `level`: its syslog priority for journald, which
+// stamps lines itself, else the UTC time.
+std::string lineStart(Stream const& stream, int level) {
+  if (stream.journal) return "<" + std::to_string(level) + ">";
   std::time_t const now = std::time(nullptr);
   std::tm utc{};
   gmtime_r(&now, &utc);
@@ -78,7 +103,23 @@ ssize_t writeStream(void* cookie, char const* data, std::size_t size) {
   if (stream.captured != nullptr && stream.captureThread == std::this_thread::get_id()) {
     std::size_t const room = stream.limit - stream.captured->size();
     stream.captured->append(data, size < room ? size : room);
+    if (room > 0) stream.writes->emplace_back(data, size < room ? size : room);
     if (!stream.pass) return static_cast<ssize_t>(size);
+  }
+  if (stream.atLineStart) {
+    // The level of a line is known at its start: the Log's, the tag of a
+    // line of the library's, or info for what commands print.
+    int level = Log::levelOfThisWrite();
+    if (level == 0) {
+      level = &stream == &err ? static_cast<int>(Log::libraryLevel(std::string(data, size)))
+                              : static_cast<int>(Log::Level::kInfo);
+    }
+    stream.dropped = !Log::enabled(static_cast<Log::Level>(level));
+    stream.level = level;
+  }
+  if (stream.dropped) {
+    if (size > 0 && data[size - 1] == '\n') stream.atLineStart = true;
+    return static_cast<ssize_t>(size);
   }
   // A write is one line: a newline inside it is shown escaped, so that text
   // from the server (in the library's log or a line of the agent's) cannot
@@ -86,7 +127,7 @@ ssize_t writeStream(void* cookie, char const* data, std::size_t size) {
   std::string text;
   auto const show = [&](char const* shown, std::size_t length, std::size_t bytes) {
     if (stream.atLineStart) {
-      text += stamp();
+      text += lineStart(stream, stream.level);
       stream.atLineStart = false;
       stream.lineLength = 0;
     }
@@ -156,6 +197,8 @@ Console::Console() {
   // libcurl takes stdout when a handle is made, so it writes here too.
   if (ownOut == nullptr) ownOut = open(out);
   if (ownErr == nullptr) ownErr = open(err);
+  out.journal = journalStream(STDOUT_FILENO);
+  err.journal = journalStream(STDERR_FILENO);
   if (ownOut != nullptr) stdout = ownOut;
   if (ownErr != nullptr) stderr = ownErr;
   std::lock_guard<std::mutex> guard(lock);
@@ -193,6 +236,7 @@ Console::Capture::Capture(Channel channel, bool pass, std::size_t limit) : chann
   std::lock_guard<std::mutex> guard(lock);
   stream.captureThread = std::this_thread::get_id();
   stream.captured = &text_;
+  stream.writes = &writes_;
   stream.limit = limit;
   stream.pass = pass;
 }
@@ -202,10 +246,17 @@ Console::Capture::~Capture() {
   Stream& stream = streamOf(channel_);
   std::lock_guard<std::mutex> guard(lock);
   stream.captured = nullptr;
+  stream.writes = nullptr;
 }
 
 std::string Console::Capture::text() const {
   std::fflush(nullptr);
   std::lock_guard<std::mutex> guard(lock);
   return text_;
+}
+
+std::vector<std::string> Console::Capture::writes() const {
+  std::fflush(nullptr);
+  std::lock_guard<std::mutex> guard(lock);
+  return writes_;
 }

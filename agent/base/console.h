@@ -3,9 +3,12 @@
 
 #include <cstddef>
 #include <string>
+#include <vector>
 
 // The one owner of the process's standard output and error while it lives:
-// every line starts with a UTC time stamp; control characters are shown
+// every line starts with a UTC time stamp, or, on a stream systemd connects
+// to journald (JOURNAL_STREAM), with the line's syslog priority ("<3>") for
+// journald to read; lines below the log level (Log) are dropped; control characters are shown
 // escaped ("\n", "\x1b") and invalid UTF-8 as "\xNN"; each write (one line
 // of the library's log, one printf of the agent's) stays one line; a line is cut at
 // 1 KiB (the library logs whole documents it cannot read); a live line (the
@@ -41,10 +44,13 @@ class Console {
     Capture(Capture const&) = delete;
     Capture& operator=(Capture const&) = delete;
     std::string text() const;
+    // The same, one element per write (a line, or part of one).
+    std::vector<std::string> writes() const;
 
    private:
     Channel const channel_;
     std::string text_;
+    std::vector<std::string> writes_;
   };
 };
 

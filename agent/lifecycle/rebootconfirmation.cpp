@@ -92,8 +92,16 @@ bool RebootConfirmation::finish(hawkbit_query_t::deployment_t& deployment, bool 
   if (!save(pending, error)) Log::info("state: %s", error.c_str());
   deployment = InstallState::closingFeedback(pending);
   std::string const failure = post_([&] { return client_.sendUpdateFeedback(deployment); });
-  Log::info("deployment %s: %s, feedback %s", deployment.id.c_str(), pending.result.c_str(),
-            failure.empty() ? "sent" : failure.c_str());
+  char const* const sent = failure.empty() ? "sent" : failure.c_str();
+  if (success) {
+    Log::info("deployment %s: success, feedback %s", deployment.id.c_str(), sent);
+  } else {
+    // Why, with the installer's last lines, for the device's own log too.
+    Log::error("deployment %s: failure, feedback %s", deployment.id.c_str(), sent);
+    for (auto const& chunk : deployment.chunks) {
+      for (auto const& line : chunk.details) Log::error("  %s", line.c_str());
+    }
+  }
   reportedAction_ = deployment.id;
   if (failure.empty() || closedOnServer(failure)) clear();
   return success;

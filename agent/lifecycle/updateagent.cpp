@@ -91,6 +91,7 @@ UpdateAgent::Cycle UpdateAgent::cycle() {
   baseBody_.clear();
   hawkbit_query_t answer;
   std::string unreadable, libraryLog;
+  std::vector<std::string> libraryLines;
   Watchdog::Limits limits;
   // The transport's own deadline decides; this one is its backstop.
   limits.deadlineMs = (config_.pollTimeoutSeconds + 2) * 1000LL;
@@ -99,8 +100,9 @@ UpdateAgent::Cycle UpdateAgent::cycle() {
       limits, [this] { return stopping(); },
       [this](Watchdog::Verdict) { client_.cancelTransfer(); });
   {
-    // The library's lines still show; they are kept to tell the operator why.
-    Console::Capture log(Console::Channel::kErr, true, 16384);
+    // The library's lines are held until its answer tells their level, and
+    // kept to tell the operator why a poll failed.
+    Console::Capture log(Console::Channel::kErr, false, 65536);
     watchdog.run([&] {
       try {
         answer = client_.queryOnlineStatus();
@@ -110,6 +112,14 @@ UpdateAgent::Cycle UpdateAgent::cycle() {
       return true;
     });
     libraryLog = log.text();
+    libraryLines = log.writes();
+  }
+  // The library calls an answer with an interval below 30 s and nothing to
+  // do unreadable; the agent polls at that interval, so it is no error.
+  for (std::string const& line : libraryLines) {
+    bool const normal =
+        answer.config.sleep > 0 && line.find("Failed to parse response!") != std::string::npos;
+    Log::library(normal ? Log::Level::kDebug : Log::libraryLevel(line), line);
   }
   if (stopping()) return result;
   AgentTransport::Answer const base = transport_.lastBaseAnswer();

@@ -102,8 +102,10 @@ void CredentialCheck::check() {
     error_ = where(keyKey) + "cannot read " + keyPath + ": " + std::strerror(errno);
     return;
   }
-  if (fstat(fileno(keyFile.get()), &info) == 0 && (info.st_mode & 077) != 0) {
-    warnings_.push_back(where(keyKey) + keyPath + " may be read by group or others (chmod 600 it)");
+  if (fstat(fileno(keyFile.get()), &info) == 0 &&
+      !AgentConfig::secretFileProblem(keyPath, info.st_mode).empty()) {
+    error_ = where(keyKey) + keyKey + ": " + AgentConfig::secretFileProblem(keyPath, info.st_mode);
+    return;
   }
   // With a null callback OpenSSL takes the last argument as the password.
   std::string password = config_.keyPassword;

@@ -9,16 +9,17 @@
 // The TLS files a configuration names, checked before the first poll so that
 // a mistake on the device is reported with its line instead of as a refused
 // handshake: the CA file or directory, the client certificate and key (read
-// with the password from client-key-password-file), whether they belong
-// together, the certificate's validity, and the engine.
+// with the password from client-key-password-file; a key file group or
+// others may read or write is refused), whether they belong together, the certificate's validity,
+// and the engine.
 class CredentialCheck {
  public:
   explicit CredentialCheck(AgentConfig const& config);
 
   // "FILE:LINE: message" of the first problem, "" when the files are usable.
   std::string const& error() const { return error_; }
-  // Usable but worth a look: a certificate expiring within 30 days, a key
-  // file that group or others may read. Each "FILE:LINE: message".
+  // Usable but worth a look: a certificate expiring within 30 days. Each
+  // "FILE:LINE: message".
   std::vector<std::string> const& warnings() const { return warnings_; }
 
  private:

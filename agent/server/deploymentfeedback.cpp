@@ -39,8 +39,14 @@ void DeploymentFeedback::close(hawkbit_query_t::deployment_t& deployment, bool s
   deployment.execution = execution_t::closed;
   deployment.finished = success ? finished_t::success : finished_t::failure;
   std::string const outcome = update(deployment);
-  Log::info("deployment %s: %s, feedback %s", deployment.id.c_str(),
-            success ? "success" : "failure", outcome.c_str());
+  if (success) {
+    Log::info("deployment %s: success, feedback %s", deployment.id.c_str(), outcome.c_str());
+    return;
+  }
+  Log::error("deployment %s: failure, feedback %s", deployment.id.c_str(), outcome.c_str());
+  for (auto const& chunk : deployment.chunks) {
+    for (auto const& line : chunk.details) Log::error("  %s", line.c_str());
+  }
 }
 
 void DeploymentFeedback::closeDownloaded(hawkbit_query_t::deployment_t const& deployment) {

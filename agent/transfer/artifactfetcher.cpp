@@ -168,7 +168,7 @@ bool ArtifactFetcher::fetch(std::string const& label, artifact_t& artifact,
       outcome = client_.downloadArtifact(label, artifact);
       return outcome == download_ok;
     });
-    bar_.finish(stalled_ ? "stalled, cancelled" : outcomeText(outcome));
+    if (outcome == download_ok) bar_.finish(outcomeText(outcome));
     // What it hashed of a file cut short is kept for the next attempt.
     if (outcome != download_ok) hasher_.pause();
     if (outcome == download_ok) {
@@ -183,7 +183,10 @@ bool ArtifactFetcher::fetch(std::string const& label, artifact_t& artifact,
       shaMismatch = true;
       outcome = download_hash_error;
     }
-    if (outcome == download_invalid) break;
+    if (outcome == download_invalid) {
+      bar_.finish(outcomeText(outcome));
+      break;
+    }
     // The library appends whatever the server sends. Bytes that are not the
     // artifact's must not become the start of the next attempt: an error
     // page (any status but 200/206; 0 means no answer at all), a whole body
@@ -205,6 +208,8 @@ bool ArtifactFetcher::fetch(std::string const& label, artifact_t& artifact,
     } else {
       reason = outcomeText(outcome);
     }
+    // The library reports a cut transfer as a digest mismatch too.
+    if (!shaMismatch) bar_.finish(stalled_ ? "stalled, cancelled" : reason);
     if (errorPage || rangeIgnored || wrongWhole) std::remove(path.c_str());
   }
   std::ostringstream text;

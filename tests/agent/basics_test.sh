@@ -41,6 +41,13 @@ serve --fail-first 404
 run_agent 'download-retries = 1'
 check "error page: discarded, not resumed; success" success_intact
 check "error page: second attempt starts from zero" test "$(grep -c 'Range:' "$log")" -eq 0
+# Polled again: nothing to do but the server's 10 s interval. Under journald
+# (JOURNAL_STREAM names the output) each line carries its priority; none is
+# an error.
+: > "$work/idle.log"
+JOURNAL_STREAM=$(stat -c %d:%i "$work/idle.log") "$agent" --once --config "$conf" >> "$work/idle.log" 2>&1
+check "idle poll under journald: every line with its priority, none an error" eval \
+  'grep -q "^<6>tamrel-agent" "$work/idle.log" && ! grep -qv "^<[4-7]>" "$work/idle.log"'
 
 serve --drop-after 50000 --ignore-range
 run_agent 'download-retries = 2'

@@ -52,6 +52,7 @@ check "SIGTERM while starting: no feedback" bash -c "! grep -q ^POST '$log'"
 # Start-up checks: status 2 with the reason (the configuration file's own
 # errors are unit-tested).
 touch "$work/plain-file"; mkdir -m 0777 "$work/open"
+first=$((n + 1))
 while IFS='|' read -r what settings options pattern; do
   serve
   once $settings -- $options
@@ -59,12 +60,18 @@ while IFS='|' read -r what settings options pattern; do
 done <<EOF
 no install command|download-retries=1||install-command is not set
 install command missing|install-command=/nonexistent/x||no executable program
-download dir under a file|install-command=true download-dir=/dev/null/x||cannot create /dev/null
+download dir under a file|install-command=true download-dir=/dev/null/x||/dev/null is no directory
 reboot code without its record|install-command=true reboot-exit-code=7||needs state-dir
 boot id unreadable with a reboot setup|install-command=true reboot-exit-code=7 state-dir=$work/st reboot-command=true confirm-command=true boot-id-file=$work/none||boot-id-file $work/none cannot be read
-world-writable state-dir|install-command=true state-dir=$work/open||state-dir $work/open is writable by group or others
+world-writable state-dir|install-command=true state-dir=$work/open||agent[0-9]*.conf:[0-9]*: state-dir $work/open is writable by group or others
 command line sh cannot read|install-command=true reboot-command="unclosed||reboot-command: sh cannot read it
+download dir's parent missing|install-command=true download-dir=$work/dl-parent/x||download-dir $work/dl-parent/x cannot be created
 EOF
+nothing_made() {
+  local i; for ((i = first; i <= n; i++)); do [ ! -e "$work/dl$i" ] || return 1; done
+  [ ! -e "$work/dl-parent" ]
+}
+check "start-up refused: no download-dir (nor a parent) made" nothing_made
 serve
 sed -i 's|^\(address = .*\)$|\1//|' "$conf"
 once -- --download-only

@@ -3,6 +3,9 @@
 # tamrel-ddi-server, once/expect for runs timed and checked by exit status.
 # The sourcing script gets the build directory as its first argument.
 build=$1
+# The agent refuses secrets (the configuration's inline token) that others
+# may read.
+umask 077
 # A sanitizer build's own memory counts in the agent's resident size.
 sanitized=$(sed -n 's/^TAMREL_SANITIZE:STRING=//p' "$build/CMakeCache.txt" 2>/dev/null)
 agent=$build/tamrel-agent

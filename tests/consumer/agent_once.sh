@@ -8,6 +8,7 @@
 # usage: [BASE_CONFIG=FILE] agent_once.sh BINDIR [AGENT_OPTION...]
 set -euo pipefail
 bindir=$1; shift
+umask 077  # the configuration holds the token
 work=$(mktemp -d /tmp/tamrel-once-XXXXXX)
 server=
 cleanup() {

@@ -4,6 +4,7 @@
 #include "agent/base/agentconfig.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <fstream>
@@ -23,10 +24,19 @@ std::string const kServer =
     "address = http://127.0.0.1:8080/\ntenant-id = DEFAULT\ncontroller-id = dev01\n"
     "download-dir = /tmp/dl\n";
 
-std::string write(TempDir const& dir, std::string const& name, std::string const& text) {
+// Written private to its owner unless `mode` says otherwise.
+std::string write(TempDir const& dir, std::string const& name, std::string const& text,
+                  mode_t mode = 0600) {
   std::string const path = dir.path() + "/" + name;
   std::ofstream(path, std::ios::binary) << text;
+  chmod(path.c_str(), mode);
   return path;
+}
+
+// kServer with `key`'s line set to `value`.
+std::string serverWith(std::string const& key, std::string const& value) {
+  return std::regex_replace(kServer, std::regex("(^|\n)" + key + " = [^\n]*"),
+                            "$1" + key + " = " + value);
 }
 
 std::string text(lookup& table, char const* key) {
@@ -39,9 +49,10 @@ std::string text(lookup& table, char const* key) {
 TEST(AgentConfig, FileSettings) {
   TempDir dir;
   std::string const token = write(dir, "token", "s3cr#t\r\n");
+  // A byte order mark before the first key is skipped.
   AgentConfig config = AgentConfig::fromFile(
       write(dir, "agent.conf",
-            "# comment\n" + kServer + "token-file = " + token +
+            "\xef\xbb\xbf" + kServer + "token-file = " + token +
                 "  # after a blank\ninstall-command = /bin/echo '#1' \"a # b\" \"$@\"  # c\n"
                 "download-retries = 0\n"
                 "download-timeout-s=7\nreboot-exit-code = 10\nstate-dir = /tmp/s\n"
@@ -71,9 +82,40 @@ TEST(AgentConfig, FileSettings) {
 TEST(AgentConfig, RefusalsNameTheLine) {
   TempDir dir;
   std::string const twoLines = write(dir, "two", "one\ntwo\n");
+  std::string const empty = write(dir, "empty", "\n");
+  std::string const open = write(dir, "open", "secret\n", 0644);
+  std::string const shared = write(dir, "shared", "secret\n", 0666);
   struct Case {
     std::string lines, message;
+    std::string server = kServer;
+    mode_t mode = 0600;
   } const cases[] = {
+      // Secrets readable or writable by others, named with their mode.
+      {"token = t\n", ":5: token: " + dir.path() + "/agent.conf holds a secret but has mode 0640",
+       kServer, 0640},
+      {"gateway-token-file = " + shared + "\n",
+       ":5: gateway-token-file: " + shared + " holds a secret but has mode 0666"},
+      {"token-file = " + open + "\n", "mode 0644"},
+      {"token = t\nclient-key-password-file = " + open + "\n",
+       ":6: client-key-password-file: " + open + " holds a secret but has mode 0644"},
+      // Values the server could never take.
+      {"token-file = " + dir.path() + "\n",
+       ":5: token-file: " + dir.path() + " is not a regular file"},
+      {"token = \n", ":5: token is empty"},
+      {"token-file = " + empty + "\n", ":5: token-file: " + empty + " is empty"},
+      {"token = t\n", ":2: tenant-id is empty", serverWith("tenant-id", "")},
+      {"token = t\n", ":1: address names no host", serverWith("address", "http://")},
+      {"token = t\n", ":1: address must not contain blanks", serverWith("address", "http://h st")},
+      {"token = t\n", ":3: controller-id must not contain '/'", serverWith("controller-id", "a/b")},
+      {"token = t\n", ":3: controller-id must not", serverWith("controller-id", "dev 01")},
+      {"token = t\ntrusted-hosts = cdn.example.com, http://cdn.example.com/\n",
+       ":6: trusted-hosts: 'http://cdn.example.com/' is not host or host:port"},
+      {"token = t\ntrusted-hosts = cdn.example.com/files\n", "is not host or host:port"},
+      {"token = t\ntrusted-hosts = cdn:99999\n", "is not host or host:port"},
+      {"token = t\npoll-interval-s = 20\nmax-poll-interval-s = 10\n",
+       ":7: max-poll-interval-s: max-poll-interval-s (10) is below poll-interval-s (20)"},
+      {"token = t\npoll-interval-s = 90000\n", ":6: poll-interval-s: max-poll-interval-s"},
+      {"token = t\nlog-level = loud\n", ":6: log-level must be one of error|warning|info|debug"},
       {"token = t\ntoken = u\n", ":6: 'token' repeats the setting of line 5"},
       {"token = t\ntoken-file = " + twoLines + "\n", "repeats the setting of line 5"},
       {"token-file = " + twoLines + "\n", "must hold one line without control characters"},
@@ -95,7 +137,7 @@ TEST(AgentConfig, RefusalsNameTheLine) {
       {"token = t\nclient-key-password-file = /nonexistent\n", ":6: cannot read '/nonexistent'"},
   };
   for (Case const& c : cases) {
-    std::string const path = write(dir, "agent.conf", kServer + c.lines);
+    std::string const path = write(dir, "agent.conf", c.server + c.lines, c.mode);
     try {
       AgentConfig::fromFile(path);
       ADD_FAILURE() << "accepted: " << c.lines;

@@ -7,31 +7,49 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <sys/stat.h>
+
 #include <cstdio>
+#include <functional>
 #include <regex>
+
+#include "agent/base/log.h"
 
 #include "tests/support/temp_dir.h"
 
 namespace {
 
-// The text the console writes for `written` on standard error or output,
-// time stamps removed.
-std::string shown(std::string const& written, int fd) {
+// The text the console writes on `fd` for what `write` does, time stamps
+// removed; with `journal`, the stream is the one JOURNAL_STREAM names.
+std::string shown(std::function<void()> const& write, int fd, bool journal = false) {
   tamrel::testing::TempDir dir;
   std::string const path = dir.path() + "/stream";
   std::fflush(nullptr);
   int const saved = dup(fd);
   int const file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  struct stat info {};
+  fstat(file, &info);
+  std::string const named = std::to_string(info.st_dev) + ":" + std::to_string(info.st_ino);
+  if (journal) setenv("JOURNAL_STREAM", named.c_str(), 1);
   dup2(file, fd);
   close(file);
   {
     Console console;
-    std::fwrite(written.data(), 1, written.size(), fd == STDERR_FILENO ? stderr : stdout);
+    write();
   }
+  unsetenv("JOURNAL_STREAM");
   dup2(saved, fd);
   close(saved);
   return std::regex_replace(tamrel::testing::readFile(path), std::regex("(^|\n)[0-9-]+T[0-9:]+Z "),
                             "$1");
+}
+
+std::string shown(std::string const& written, int fd) {
+  return shown(
+      [&] {
+        std::fwrite(written.data(), 1, written.size(), fd == STDERR_FILENO ? stderr : stdout);
+      },
+      fd);
 }
 
 TEST(Console, EachWriteIsOneSafeLine) {
@@ -56,6 +74,49 @@ TEST(Console, EachWriteIsOneSafeLine) {
     EXPECT_EQ(shown(c.written, STDERR_FILENO), c.shown);
     EXPECT_EQ(shown(c.written, STDOUT_FILENO), c.shown);
   }
+}
+
+// What is shown at each log level: the agent's lines and the library's
+// (standard error, by their tag), with journald's priority prefix where
+// JOURNAL_STREAM names the stream.
+TEST(Console, LevelsAndPriorities) {
+  using L = Log::Level;
+  auto const library = [](char const* line) { return [line] { std::fputs(line, stderr); }; };
+  struct Case {
+    L level;
+    bool journal;
+    int fd;
+    std::function<void()> write;
+    std::string shown;
+  } const cases[] = {
+      {L::kInfo, true, STDOUT_FILENO, [] { Log::error("failed %d", 1); }, "<3>failed 1\n"},
+      {L::kInfo, true, STDOUT_FILENO, [] { Log::warning("w"); }, "<4>w\n"},
+      {L::kInfo, true, STDOUT_FILENO, [] { Log::info("i"); }, "<6>i\n"},
+      {L::kDebug, true, STDOUT_FILENO, [] { Log::debug("d"); }, "<7>d\n"},
+      {L::kInfo, true, STDOUT_FILENO, [] { std::fputs("command output\n", stdout); },
+       "<6>command output\n"},
+      {L::kError, false, STDOUT_FILENO, [] { std::fputs("command output\n", stdout); }, ""},
+      {L::kInfo, true, STDERR_FILENO, library("[E] libtamrelcore -> e\n"),
+       "<3>[E] libtamrelcore -> e\n"},
+      {L::kInfo, true, STDERR_FILENO, library("[W] libtamrelcore -> w\n"),
+       "<4>[W] libtamrelcore -> w\n"},
+      {L::kWarning, false, STDERR_FILENO, library("[I] libtamrelcore -> Download finished (a)\n"),
+       ""},
+      // Every poll's own lines are chatter.
+      {L::kInfo, false, STDERR_FILENO, library("[I] libtamrelcore -> Querying server status\n"),
+       ""},
+      {L::kDebug, true, STDERR_FILENO, library("[I] libtamrelcore -> Querying http://h/\n"),
+       "<7>[I] libtamrelcore -> Querying http://h/\n"},
+      {L::kInfo, true, STDERR_FILENO, library("no tag\n"), "<4>no tag\n"},
+      // A line kept back and written at the level its answer gave it.
+      {L::kInfo, false, STDERR_FILENO,
+       [] { Log::library(L::kDebug, "[E] libtamrelcore -> Failed to parse response!\n"); }, ""},
+  };
+  for (Case const& c : cases) {
+    Log::setLevel(c.level);
+    EXPECT_EQ(shown(c.write, c.fd, c.journal), c.shown) << c.shown;
+  }
+  Log::setLevel(L::kInfo);
 }
 
 }  // namespace
