@@ -71,7 +71,8 @@ std::string directory(char const* key, std::string const& path, bool& create) {
   create = false;
   struct stat info {};
   if (stat(path.c_str(), &info) != 0) {
-    if (errno != ENOENT && errno != ENOTDIR) return std::string(key) + " " + path + ": " + std::strerror(errno);
+    if (errno != ENOENT && errno != ENOTDIR)
+      return std::string(key) + " " + path + ": " + std::strerror(errno);
     // Only the last component is made: a typo must not grow a tree of
     // directories.
     std::string parent = path.substr(0, path.find_last_not_of('/') + 1);

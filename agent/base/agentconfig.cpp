@@ -483,8 +483,7 @@ AgentConfig AgentConfig::fromFile(std::string const& path) {
   if (config.consent == "command" && config.consentCommand.empty())
     throw ConfigError(path + ": consent = command needs consent-command");
   // A default poll-interval-s yields to a lower max-poll-interval-s.
-  if (seen.count("poll-interval-s") &&
-      config.maxPollIntervalSeconds < config.pollIntervalSeconds) {
+  if (seen.count("poll-interval-s") && config.maxPollIntervalSeconds < config.pollIntervalSeconds) {
     char const* const named =
         seen.count("max-poll-interval-s") ? "max-poll-interval-s" : "poll-interval-s";
     throw ConfigError(path + ":" + std::to_string(seen[named]) + ": " + named +
