@@ -97,6 +97,12 @@ std::string lineStart(Stream const& stream, int level) {
   return text;
 }
 
+// What ends a line: how much was cut from it, and the line break.
+std::string lineEnd(Stream const& stream) {
+  if (stream.cut == 0) return "\n";
+  return "\xe2\x80\xa6 (" + std::to_string(stream.cut) + " bytes more)\n";
+}
+
 ssize_t writeStream(void* cookie, char const* data, std::size_t size) {
   Stream& stream = *static_cast<Stream*>(cookie);
   std::lock_guard<std::mutex> guard(lock);
@@ -105,6 +111,14 @@ ssize_t writeStream(void* cookie, char const* data, std::size_t size) {
     stream.captured->append(data, size < room ? size : room);
     if (room > 0) stream.writes->emplace_back(data, size < room ? size : room);
     if (!stream.pass) return static_cast<ssize_t>(size);
+  }
+  // A command's last line without its line break is ended by the next
+  // line of anyone else, which would otherwise be glued to it.
+  for (Stream* other : {&out, &err}) {
+    if (other->atLineStart || (other == &stream && Log::levelOfThisWrite() == 0)) continue;
+    if (!other->dropped) writeAll(other->fd, lineEnd(*other));
+    other->atLineStart = true;
+    other->lineLength = other->cut = 0;
   }
   if (stream.atLineStart) {
     // The level of a line is known at its start: the Log's, the tag of a
@@ -142,8 +156,7 @@ ssize_t writeStream(void* cookie, char const* data, std::size_t size) {
   for (std::size_t i = 0; i < size; ++i) {
     unsigned char const c = bytes[i];
     if (c == '\n' && i + 1 == size) {
-      if (stream.cut > 0) text += "\xe2\x80\xa6 (" + std::to_string(stream.cut) + " bytes more)";
-      text += '\n';
+      text += lineEnd(stream);
       stream.atLineStart = true;
       stream.lineLength = stream.cut = 0;
       continue;

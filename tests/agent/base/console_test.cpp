@@ -108,6 +108,13 @@ TEST(Console, LevelsAndPriorities) {
       {L::kDebug, true, STDERR_FILENO, library("[I] libtamrelcore -> Querying http://h/\n"),
        "<7>[I] libtamrelcore -> Querying http://h/\n"},
       {L::kInfo, true, STDERR_FILENO, library("no tag\n"), "<4>no tag\n"},
+      // A command's last line without its line break is ended by the next.
+      {L::kInfo, false, STDOUT_FILENO,
+       [] {
+         std::fputs("no line break", stdout);
+         Log::info("next");
+       },
+       "no line break\nnext\n"},
       // A line kept back and written at the level its answer gave it.
       {L::kInfo, false, STDERR_FILENO,
        [] { Log::library(L::kDebug, "[E] libtamrelcore -> Failed to parse response!\n"); }, ""},
