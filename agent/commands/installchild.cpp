@@ -76,6 +76,7 @@ CommandResult InstallChild::wait(std::atomic<bool> const* stop, bool end) {
   if (reader_.joinable()) reader_.join();
   result.started = true;
   result.exitCode = WIFEXITED(status_) ? WEXITSTATUS(status_) : -1;
+  result.signal = WIFSIGNALED(status_) ? WTERMSIG(status_) : 0;
   std::lock_guard<std::mutex> guard(tailLock_);
   result.stderrTail = tail_.lines();
   return result;

@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <thread>
 
+#include "agent/commands/installchild.h"
 #include "agent/commands/installlock.h"
 #include "tests/support/temp_dir.h"
 
@@ -61,6 +62,10 @@ TEST(Command, HowItEndedAndItsStandardError) {
     CommandResult const result = runCommand(c.command);
     EXPECT_EQ(result.describe(), c.described) << c.command;
     EXPECT_EQ(result.stderrTail, c.tail) << c.command;
+    // A stream's or url's install command ends as described alike.
+    InstallChild::Options options;
+    options.command = c.command;
+    EXPECT_EQ(InstallChild(options).wait(nullptr, false).describe(), c.described) << c.command;
   }
   EXPECT_EQ(runCommand("test \"$2\" = 'b c'", {"a", "b c"}).exitCode, 0);
 }
