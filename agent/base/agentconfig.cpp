@@ -1,16 +1,13 @@
 #include "agent/base/agentconfig.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <fstream>
 #include <map>
 #include <set>
+
+#include "agent/base/settingcheck.h"
 
 namespace {
 
@@ -37,88 +34,6 @@ bool hasControl(std::string const& text) {
     if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) return true;
   }
   return false;
-}
-
-std::size_t const kMaxValueFile = 65536;
-
-// The text of the file a KEY-file setting names; `problem` set instead when
-// it is no readable regular file of at most 64 KiB, or (`secret`) when it is
-// not private to its owner.
-std::string readValueFile(std::string const& path, std::string const& key, bool secret,
-                          std::string& problem) {
-  // O_NONBLOCK: a FIFO named here must not hold the start up.
-  int const fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-  if (fd < 0) {
-    problem = "cannot read '" + path + "' for " + key + ": " + std::strerror(errno);
-    return std::string();
-  }
-  struct Closer {
-    int fd;
-    ~Closer() { close(fd); }
-  } const closer{fd};
-  struct stat info {};
-  if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-    problem = key + ": " + path + " is not a regular file";
-    return std::string();
-  }
-  if (info.st_size > static_cast<off_t>(kMaxValueFile)) {
-    problem = key + ": " + path + " is larger than 64 KiB";
-    return std::string();
-  }
-  if (secret) problem = AgentConfig::secretFileProblem(path, info.st_mode);
-  if (!problem.empty()) {
-    problem = key + ": " + problem;
-    return std::string();
-  }
-  std::string text(kMaxValueFile, '\0');
-  std::size_t done = 0;
-  for (ssize_t n = 0; done < text.size(); done += static_cast<std::size_t>(n)) {
-    n = read(fd, &text[done], text.size() - done);
-    if (n == 0) break;
-    if (n < 0 && errno == EINTR) {
-      n = 0;
-    } else if (n < 0) {
-      problem = "cannot read '" + path + "' for " + key + ": " + std::strerror(errno);
-      return std::string();
-    }
-  }
-  text.resize(done);
-  return text;
-}
-
-// What a value that becomes part of the controller's path must not hold.
-std::string pathSegmentProblem(std::string const& key, std::string const& value) {
-  if (value.find_first_of("/?#\\ ") == std::string::npos) return std::string();
-  return key + " must not contain '/', '?', '#', '\\' or blanks: '" + value + "'";
-}
-
-// "" when every entry of a trusted-hosts list is host or host:port.
-std::string trustedHostsProblem(std::string const& list) {
-  std::size_t start = 0;
-  for (;;) {
-    std::size_t const comma = list.find(',', start);
-    std::string entry = list.substr(start, comma - start);
-    std::size_t const first = entry.find_first_not_of(" \t");
-    entry = first == std::string::npos
-                ? std::string()
-                : entry.substr(first, entry.find_last_not_of(" \t") - first + 1);
-    // A bracketed IPv6 address has colons of its own.
-    std::size_t const close = entry.rfind(']');
-    std::size_t const colon = entry.find(':', close == std::string::npos ? 0 : close);
-    std::string const host = entry.substr(0, colon);
-    std::string const port = colon == std::string::npos ? "1" : entry.substr(colon + 1);
-    bool const bad = host.empty() || host.find_first_of("/@?#\\ \t") != std::string::npos ||
-                     port.empty() || port.size() > 5 ||
-                     port.find_first_not_of("0123456789") != std::string::npos ||
-                     std::stol(port) < 1 || std::stol(port) > 65535 ||
-                     (host[0] == '[') != (close != std::string::npos);
-    if (bad) {
-      return "trusted-hosts: '" + entry +
-             "' is not host or host:port (no scheme, path or user; comma-separated)";
-    }
-    if (comma == std::string::npos) return std::string();
-    start = comma + 1;
-  }
 }
 
 std::string* textField(AgentConfig& config, std::string const& key) {
@@ -156,24 +71,6 @@ char const* choices(std::string const& key) {
 }
 
 std::size_t const kMaxAttribute = 128;  // hawkBit refuses longer keys and values
-
-// The server refuses paths with "//", and the library appends "/" to the
-// address; a query or fragment would end up inside every path.
-std::string normaliseAddress(std::string address, std::string& problem) {
-  std::size_t const host = address.find("://") + 3;
-  if (address.find_first_of("?#") != std::string::npos) {
-    problem = "address must not carry a query or fragment";
-  } else if (address.rfind("http://", 0) != 0 && address.rfind("https://", 0) != 0) {
-    problem = "address must start with http:// or https://";
-  } else if (address.find_first_of(" \t") != std::string::npos) {
-    problem = "address must not contain blanks";
-  } else if (host >= address.size() || address[host] == '/' || address[host] == ':' ||
-             address[host] == '@') {
-    problem = "address names no host";
-  }
-  while (!address.empty() && address.back() == '/') address.pop_back();
-  return address;
-}
 
 }  // namespace
 
@@ -249,14 +146,6 @@ std::vector<AgentConfig::Key> const& AgentConfig::keys() {
        "lines logged: error | warning | info | debug (each with the ones before it)", 0, 0},
   };
   return table;
-}
-
-std::string AgentConfig::secretFileProblem(std::string const& path, unsigned mode) {
-  if ((mode & 066) == 0) return std::string();
-  char octal[8];
-  std::snprintf(octal, sizeof octal, "%04o", mode & 07777);
-  return path + " holds a secret but has mode " + octal +
-         ": group or others may read or write it; chmod 600 it";
 }
 
 AgentConfig::AgentConfig() {
@@ -372,7 +261,7 @@ AgentConfig AgentConfig::fromFile(std::string const& path) {
       bool const secret = setting == "token" || setting == "gateway-token";
       if (!base.empty()) {
         std::string problem;
-        value = readValueFile(filePath, key, secret, problem);
+        value = SettingCheck::readFile(filePath, key, secret, problem);
         if (!problem.empty()) fail(problem);
         if (!value.empty() && value.back() == '\n') value.pop_back();
         if (!value.empty() && value.back() == '\r') value.pop_back();
@@ -380,18 +269,18 @@ AgentConfig AgentConfig::fromFile(std::string const& path) {
       } else if (hasControl(value)) {
         fail(key + " must not contain control characters");
       } else if (secret) {
-        std::string const problem = AgentConfig::secretFileProblem(path, info.st_mode);
+        std::string const problem = SettingCheck::secretFile(path, info.st_mode);
         if (!problem.empty()) fail(key + ": " + problem + ", or use " + key + "-file");
       }
       if (value.empty())
         fail(base.empty() ? key + " is empty" : key + ": " + filePath + " is empty");
       if (setting == "tenant-id" || setting == "controller-id") {
-        std::string const problem = pathSegmentProblem(setting, value);
+        std::string const problem = SettingCheck::pathSegment(setting, value);
         if (!problem.empty()) fail(problem);
       }
       if (setting == "address") {
         std::string problem;
-        value = normaliseAddress(value, problem);
+        value = SettingCheck::address(value, problem);
         if (!problem.empty()) fail(problem);
       }
       if (setting == "gateway-token") {
@@ -436,7 +325,7 @@ AgentConfig AgentConfig::fromFile(std::string const& path) {
       }
       if (key == "client-key-password-file") {
         std::string problem;
-        config.keyPassword = readValueFile(value, key, true, problem);
+        config.keyPassword = SettingCheck::readFile(value, key, true, problem);
         if (!problem.empty()) fail(problem);
         config.keyPassword.erase(
             std::min(config.keyPassword.find('\n'), config.keyPassword.size()));
@@ -444,7 +333,7 @@ AgentConfig AgentConfig::fromFile(std::string const& path) {
           config.keyPassword.pop_back();
       }
       if (key == "trusted-hosts" && !value.empty()) {
-        std::string const problem = trustedHostsProblem(value);
+        std::string const problem = SettingCheck::trustedHosts(value);
         if (!problem.empty()) fail(problem);
       }
       char const* const words = choices(key);

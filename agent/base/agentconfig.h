@@ -42,9 +42,6 @@ class AgentConfig {
   static AgentConfig fromFile(std::string const& path);  // throws ConfigError
   // Every key with its default and help, for --help.
   static std::string keysHelp();
-  // "" when a file of `mode` may hold a secret (nobody but its owner may
-  // read or write it), otherwise why not, naming `path`.
-  static std::string secretFileProblem(std::string const& path, unsigned mode);
   // The server's address, as given or read from address-file.
   std::string address() const;
 

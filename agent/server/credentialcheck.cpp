@@ -1,5 +1,7 @@
 #include "agent/server/credentialcheck.h"
 
+#include "agent/base/settingcheck.h"
+
 #include <curl/curl.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
@@ -10,6 +12,8 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+
+#include "agent/base/settingcheck.h"
 
 namespace {
 
@@ -103,8 +107,8 @@ void CredentialCheck::check() {
     return;
   }
   if (fstat(fileno(keyFile.get()), &info) == 0 &&
-      !AgentConfig::secretFileProblem(keyPath, info.st_mode).empty()) {
-    error_ = where(keyKey) + keyKey + ": " + AgentConfig::secretFileProblem(keyPath, info.st_mode);
+      !SettingCheck::secretFile(keyPath, info.st_mode).empty()) {
+    error_ = where(keyKey) + keyKey + ": " + SettingCheck::secretFile(keyPath, info.st_mode);
     return;
   }
   // With a null callback OpenSSL takes the last argument as the password.
