@@ -81,47 +81,44 @@ TEST(Console, EachWriteIsOneSafeLine) {
 // JOURNAL_STREAM names the stream.
 TEST(Console, LevelsAndPriorities) {
   using L = Log::Level;
-  auto const library = [](char const* line) { return [line] { std::fputs(line, stderr); }; };
+  // How `text` is written: e Log::error, d Log::debug, o on standard output
+  // (a command's), l on standard error (the library's), k kept back and
+  // written at debug, g on standard output without a line break, then
+  // Log::info("next").
   struct Case {
     L level;
     bool journal;
-    int fd;
-    std::function<void()> write;
-    std::string shown;
+    char how;
+    char const* text;
+    char const* shown;
   } const cases[] = {
-      {L::kInfo, true, STDOUT_FILENO, [] { Log::error("failed %d", 1); }, "<3>failed 1\n"},
-      {L::kInfo, true, STDOUT_FILENO, [] { Log::warning("w"); }, "<4>w\n"},
-      {L::kInfo, true, STDOUT_FILENO, [] { Log::info("i"); }, "<6>i\n"},
-      {L::kDebug, true, STDOUT_FILENO, [] { Log::debug("d"); }, "<7>d\n"},
-      {L::kInfo, true, STDOUT_FILENO, [] { std::fputs("command output\n", stdout); },
-       "<6>command output\n"},
-      {L::kError, false, STDOUT_FILENO, [] { std::fputs("command output\n", stdout); }, ""},
-      {L::kInfo, true, STDERR_FILENO, library("[E] libtamrelcore -> e\n"),
-       "<3>[E] libtamrelcore -> e\n"},
-      {L::kInfo, true, STDERR_FILENO, library("[W] libtamrelcore -> w\n"),
-       "<4>[W] libtamrelcore -> w\n"},
-      {L::kWarning, false, STDERR_FILENO, library("[I] libtamrelcore -> Download finished (a)\n"),
-       ""},
+      {L::kInfo, true, 'e', "failed", "<3>failed\n"},
+      {L::kDebug, true, 'd', "d", "<7>d\n"},
+      {L::kInfo, true, 'o', "output\n", "<6>output\n"},
+      {L::kError, false, 'o', "output\n", ""},
+      {L::kInfo, true, 'l', "[E] libtamrelcore -> e\n", "<3>[E] libtamrelcore -> e\n"},
+      {L::kInfo, true, 'l', "[W] libtamrelcore -> w\n", "<4>[W] libtamrelcore -> w\n"},
+      {L::kWarning, false, 'l', "[I] libtamrelcore -> Download finished (a)\n", ""},
       // Every poll's own lines are chatter.
-      {L::kInfo, false, STDERR_FILENO, library("[I] libtamrelcore -> Querying server status\n"),
-       ""},
-      {L::kDebug, true, STDERR_FILENO, library("[I] libtamrelcore -> Querying http://h/\n"),
-       "<7>[I] libtamrelcore -> Querying http://h/\n"},
-      {L::kInfo, true, STDERR_FILENO, library("no tag\n"), "<4>no tag\n"},
-      // A command's last line without its line break is ended by the next.
-      {L::kInfo, false, STDOUT_FILENO,
-       [] {
-         std::fputs("no line break", stdout);
-         Log::info("next");
-       },
-       "no line break\nnext\n"},
-      // A line kept back and written at the level its answer gave it.
-      {L::kInfo, false, STDERR_FILENO,
-       [] { Log::library(L::kDebug, "[E] libtamrelcore -> Failed to parse response!\n"); }, ""},
+      {L::kInfo, false, 'l', "[I] libtamrelcore -> Querying server status\n", ""},
+      {L::kDebug, true, 'l', "[I] libtamrelcore -> Querying h\n",
+       "<7>[I] libtamrelcore -> Querying h\n"},
+      {L::kInfo, true, 'l', "no tag\n", "<4>no tag\n"},
+      {L::kInfo, false, 'k', "[E] libtamrelcore -> Failed to parse response!\n", ""},
+      {L::kInfo, false, 'g', "no line break", "no line break\nnext\n"},
   };
   for (Case const& c : cases) {
     Log::setLevel(c.level);
-    EXPECT_EQ(shown(c.write, c.fd, c.journal), c.shown) << c.shown;
+    bool const err = c.how == 'l' || c.how == 'k';
+    auto const write = [&c] {
+      if (c.how == 'e') Log::error("%s", c.text);
+      if (c.how == 'd') Log::debug("%s", c.text);
+      if (c.how == 'o' || c.how == 'g') std::fputs(c.text, stdout);
+      if (c.how == 'g') Log::info("next");
+      if (c.how == 'l') std::fputs(c.text, stderr);
+      if (c.how == 'k') Log::library(L::kDebug, c.text);
+    };
+    EXPECT_EQ(shown(write, err ? STDERR_FILENO : STDOUT_FILENO, c.journal), c.shown) << c.text;
   }
   Log::setLevel(L::kInfo);
 }
