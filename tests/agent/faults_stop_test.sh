@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Stopping and starting: SIGTERM ends the agent within 5 s whatever it
 # waits for (a stuck request, a download, the install command, its own
-# configuration), and the start-up checks with their exit statuses.
+# configuration), SIGHUP does not, and the start-up checks with their exit
+# statuses.
 # usage: faults_stop_test.sh BUILD_DIR   (KEEP=1 keeps the work directory)
 set -uo pipefail
 . "$(dirname "$0")/lib.sh"
@@ -33,6 +34,8 @@ echo "install-command = echo installing; sleep 60; touch $work/finished" >> "$co
 "$agent" --config "$conf" > "$(alog)" 2>&1 &
 pid=$!
 wait_for installing "$(alog)"
+kill -HUP $pid
+check "SIGHUP during the install command: ignored" wait_for 'SIGHUP ignored' "$(alog)" 1 $pid
 start=$(date +%s); kill -TERM $pid; wait $pid
 code=$?; took=$(($(date +%s) - start))
 expect "SIGTERM during the install command" 0 5 "installation interrupted, left open"
