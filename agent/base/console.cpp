@@ -1,8 +1,7 @@
 #include "agent/base/console.h"
 
-#include <unistd.h>
-
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
