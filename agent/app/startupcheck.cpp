@@ -96,7 +96,10 @@ std::string directory(char const* key, std::string const& path) {
 std::string checkHost(AgentConfig const& config) {
   std::string problem = directory("download-dir", config.downloadDir);
   if (problem.empty()) problem = ownedDirectory("download-dir", config.downloadDir);
-  if (problem.empty() && !config.stateDir.empty()) {
+  // Where an action stands is recorded there before each step: without it a
+  // restart would install again.
+  if (problem.empty() && config.stateDir.empty()) problem = "state-dir must name a directory";
+  if (problem.empty()) {
     problem = directory("state-dir", config.stateDir);
     if (problem.empty()) problem = ownedDirectory("state-dir", config.stateDir);
   }
