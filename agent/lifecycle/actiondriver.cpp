@@ -46,18 +46,16 @@ ActionDriver::ActionDriver(libtamrelcore& client, AgentConfig const& config,
                            AgentTransport& transport, ServerRequest const& server,
                            DeploymentDownload& download, InstallLock& lock,
                            StreamInstaller& streamer, std::atomic<bool> const& stop)
-    : client_(client),
-      config_(config),
-      transport_(transport),
-      server_(server),
+    : config_(config),
       download_(download),
       lock_(lock),
       streamer_(streamer),
       stop_(stop),
-      record_(config.stateDir) {}
+      record_(config.stateDir),
+      reports_(client, transport, server) {}
 
 void ActionDriver::start(std::string const& baseUrl) {
-  baseUrl_ = baseUrl;
+  reports_.start(baseUrl);
   if (!record_.load(state_, unreadable_)) {
     Log::error("state record unreadable, refusing to install: %s", unreadable_.c_str());
     return;
@@ -196,23 +194,9 @@ std::optional<Event> ActionDriver::perform(Work work, ActionState const& before)
                    state_.stage == Stage::kDownloading ? "interrupted" : "installation interrupted",
                    state_.describe().c_str());
       return std::nullopt;
-    case Work::kHold: {
-      if (!deployment_) return std::nullopt;
-      std::string const why =
-          "action " + state_.actionId +
-          (state_.stage == Stage::kInstalling   ? " is being installed"
-           : state_.stage == Stage::kConfirming ? " waits for its confirmation"
-                                                : " is installed and waits for its reboot") +
-          "; this one waits until it is closed";
-      deployment_t held = *deployment_;
-      held.chunks.front().details.push_back(why);
-      held.execution = execution_t::proceeding;
-      held.finished = finished_t::none;
-      Answer const answer = send(held.id, [&] { return client_.sendUpdateFeedback(held); });
-      Log::info("deployment %s: not installed: %s; feedback %s", held.id.c_str(), why.c_str(),
-                answer == Answer::k2xx ? "sent" : "not taken");
+    case Work::kHold:
+      if (deployment_) reports_.hold(*deployment_, state_);
       return std::nullopt;
-    }
     case Work::kAcceptCancel:
     case Work::kRejectCancel:
       answerCancel(work == Work::kAcceptCancel, before);
@@ -228,28 +212,8 @@ std::optional<Event> ActionDriver::perform(Work work, ActionState const& before)
   return std::nullopt;
 }
 
-ActionMachine::Answer ActionDriver::send(std::string const& actionId,
-                                         std::function<bool()> const& request) {
-  ServerRequest::Result const result = server_.submit(request);
-  if (result.failure.empty()) return Answer::k2xx;
-  // "not active anymore": the server closed the action already.
-  if (result.gone || result.failure.find("not active") != std::string::npos) {
-    Log::info("action %s: the server answers that it no longer has it open (%s)", actionId.c_str(),
-              result.failure.c_str());
-    return Answer::kGone;
-  }
-  long const status = transport_.lastAnswer().status;
-  Log::warning("action %s: feedback not taken: %s", actionId.c_str(), result.failure.c_str());
-  if (status == 409 || status == 429) return Answer::kBusy;
-  return status == 0 ? Answer::kNone : Answer::kError;
-}
-
 ActionMachine::Answer ActionDriver::proceed(std::string const& detail) {
-  deployment_t deployment = current() ? *deployment_ : feedbackOf(state_);
-  if (!detail.empty()) deployment.chunks.front().details.push_back(detail);
-  deployment.execution = execution_t::proceeding;
-  deployment.finished = finished_t::none;
-  return send(deployment.id, [&] { return client_.sendUpdateFeedback(deployment); });
+  return reports_.proceed(current() ? *deployment_ : ActionReports::of(state_), detail);
 }
 
 std::optional<Event> ActionDriver::download() {
@@ -441,65 +405,23 @@ std::optional<Event> ActionDriver::confirm() {
   return exited(Kind::kCommandExited, result.exitCode == 0 ? Exit::kOk : Exit::kFailed);
 }
 
-ActionDriver::deployment_t ActionDriver::feedbackOf(ActionState const& state) const {
-  deployment_t deployment;
-  deployment.id = state.actionId;
-  for (auto const& name : state.chunks) {
-    deployment.chunks.emplace_back();
-    deployment.chunks.back().name = name;
-  }
-  if (deployment.chunks.empty()) deployment.chunks.emplace_back();
-  return deployment;
-}
-
 std::optional<Event> ActionDriver::report() {
-  Result const result = state_.result;
-  deployment_t deployment = feedbackOf(state_);
-  deployment.chunks.front().details = state_.details;
   Event e = event(Kind::kFeedback);
-  if (result == Result::kDownloaded) {
-    std::string details;
-    for (auto const& line : state_.details) details += (details.empty() ? "" : "; ") + line;
-    // The feedback resource is below the deploymentBase path.
-    std::string const url = baseUrl_ + "/deploymentBase/" + state_.actionId;
-    e.answer = send(state_.actionId, [&] {
-      return client_.sendCancelActionFeedback(url, state_.actionId, "downloaded", "none", details);
-    });
-  } else {
-    for (auto& chunk : deployment.chunks) chunk.completed = true;
-    deployment.execution = execution_t::closed;
-    deployment.finished = result == Result::kSuccess ? finished_t::success : finished_t::failure;
-    e.answer = send(state_.actionId, [&] { return client_.sendUpdateFeedback(deployment); });
-  }
-  char const* const taken = e.answer == Answer::k2xx ? "sent" : "not taken; sent again later";
-  if (result == Result::kFailure) {
-    failed_ = true;
-    Log::error("deployment %s: failure, feedback %s", state_.actionId.c_str(), taken);
-  } else {
-    Log::info("deployment %s: %s, feedback %s", state_.actionId.c_str(), ActionState::name(result),
-              taken);
-  }
+  e.answer = reports_.result(state_);
+  if (state_.result == Result::kFailure) failed_ = true;
   return e;
 }
 
 void ActionDriver::answerCancel(bool accept, ActionState const& before) {
   if (!cancel_) return;
-  auto const& cancel = *cancel_;
-  std::string const failure = server_.send([&] {
-    return accept ? client_.sendCancelActionFeedback(
-                        cancel.url, cancel.id, "closed", "success",
-                        "cancellation of action " + cancel.stop_id + " accepted")
-                  : client_.sendCancelActionFeedback(
-                        cancel.url, cancel.id, "rejected", "none",
-                        "action " + cancel.stop_id + " is installed, waiting for its reboot");
-  });
+  std::string const failure = reports_.cancel(*cancel_, accept);
   std::string removed;
   // Downloaded for a maintenance window that no longer matters.
-  if (accept && before.actionId == cancel.stop_id && before.stage == Stage::kWaitingWindow) {
+  if (accept && before.actionId == cancel_->stop_id && before.stage == Stage::kWaitingWindow) {
     dropFiles(before);
     removed = ", its downloaded files removed";
   }
-  Log::info("cancel request for action %s: %s%s", cancel.stop_id.c_str(),
+  Log::info("cancel request for action %s: %s%s", cancel_->stop_id.c_str(),
             !failure.empty() ? failure.c_str()
             : accept         ? "feedback sent"
                              : "rejected (installed already), feedback sent",

@@ -13,6 +13,7 @@
 #include "agent/commands/streaminstaller.h"
 #include "agent/lifecycle/actionmachine.h"
 #include "agent/lifecycle/actionrecord.h"
+#include "agent/lifecycle/actionreports.h"
 #include "agent/server/agenttransport.h"
 #include "agent/server/serverrequest.h"
 #include "agent/transfer/deploymentdownload.h"
@@ -55,25 +56,20 @@ class ActionDriver {
   std::optional<Event> report();
   // Sends "proceeding" for the action with `detail`; the server's answer.
   ActionMachine::Answer proceed(std::string const& detail);
-  ActionMachine::Answer send(std::string const& actionId, std::function<bool()> const& request);
   void answerCancel(bool accept, ActionState const& before);
   // Removes the downloaded files of the chunks of `state`.
   void dropFiles(ActionState const& state) const;
-  deployment_t feedbackOf(ActionState const& state) const;
   bool current() const { return deployment_ && deployment_->id == state_.actionId; }
   std::string outcomeTag() const;
 
-  libtamrelcore& client_;
   AgentConfig const& config_;
-  AgentTransport& transport_;
-  ServerRequest const& server_;
   DeploymentDownload& download_;
   InstallLock& lock_;
   StreamInstaller& streamer_;
   std::atomic<bool> const& stop_;
   ActionRecord record_;
+  ActionReports reports_;
   ActionState state_;
-  std::string baseUrl_;
   std::string unreadable_;  // why the record cannot be read: nothing is installed
   std::string halted_;      // why the action stopped where it is, for this run
   bool failed_ = false;     // the action failed in this poll
