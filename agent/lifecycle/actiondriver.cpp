@@ -105,6 +105,12 @@ void ActionDriver::notOffered() {
 }
 
 void ActionDriver::cancel(hawkbit_query_t::cancel_action_t const& cancel) {
+  if (!unreadable_.empty()) {
+    // Whether the action is installed cannot be told: neither answer is sent.
+    Log::error("cancel request for action %s: state record unreadable, not answered: %s",
+               cancel.stop_id.c_str(), unreadable_.c_str());
+    return;
+  }
   Event e = event(Kind::kCancel);
   e.actionId = cancel.stop_id;
   cancel_ = &cancel;
