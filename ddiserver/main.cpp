@@ -245,6 +245,12 @@ int main(int argc, char** argv) {
     if (settings.bothLinks) artifact.links["download-http"] = url + "?http";
     deployment.chunks.front().artifacts.push_back(artifact);
   }
+  if (settings.chunkPerFile) {
+    auto const artifacts = deployment.chunks.front().artifacts;
+    deployment.chunks.clear();
+    for (auto const& artifact : artifacts)
+      deployment.chunks.push_back({"os", "1.0", artifact.filename, {artifact}, false});
+  }
   if (!deployment.chunks.front().artifacts.empty()) {
     target->assign(deployment);
     if (!settings.cancel.empty()) target->requestCancel(settings.cancel);

@@ -248,6 +248,8 @@ std::vector<ServerOptions::Option> const& ServerOptions::options() {
        [](Self& self, std::string const& v) { return text(v, self.wrongSha256); }},
       {"--empty-artifact", "", "an artifact element without members first in the list",
        FLAG(emptyArtifact)},
+      {"--chunk-per-file", "", "each file a chunk of its own, named after it, in name order",
+       FLAG(chunkPerFile)},
       {"--corrupt", "FILE",
        "serve FILE with its middle byte flipped (digest mismatch; a container's header stays "
        "readable)",

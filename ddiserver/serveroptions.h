@@ -33,7 +33,7 @@ class ServerOptions {
   std::string download = "forced", update = "forced", window, wrongSha256;
   int windowOpensAt = 0, cancelAfterPolls = 0;
   bool tlsLinks = false, bothLinks = false, upperDigests = false, emptyArtifact = false,
-       askConfigData = false, confirmRequired = false;
+       askConfigData = false, confirmRequired = false, chunkPerFile = false;
   std::map<std::string, std::string> names;  // file -> name offered to the device
   Fault always, once;                        // faults on every / the first GET of an artifact
   std::string onceFile;                      // the artifact `once` is for; "" for each

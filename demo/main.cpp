@@ -3,6 +3,7 @@
 // three artifacts, a cancel request, then what the server received; then an
 // update that waits for the device's consent, confirmed by a consent command.
 #include <ftw.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -111,6 +112,7 @@ AgentConfig demoConfig(std::string const& base, std::string const& dir) {
   AgentConfig config;
   config.demo = true;
   config.downloadDir = dir;
+  config.stateDir = dir;
   auto& table = *config.properties;
   *table["address"] = base;
   *table["tenant-id"] = "DEFAULT";
@@ -150,6 +152,7 @@ bool consent(std::string const& dir) {
   target.assign(deployment);
 
   AgentConfig config = demoConfig(server.baseUrl(), dir);
+  mkdir(dir.c_str(), 0700);  // where the action is recorded
   config.consent = "command";
   config.consentCommand = "echo \"the driver agrees to action $1: $2 $3\"; exit 0";
   {

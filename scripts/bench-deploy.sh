@@ -27,7 +27,7 @@ mkdir -p "$work/art"
 serve() {  # a server for $work/art; the agent's configuration to match
   start_server bench-deploy
   printf '%s\n' "address = $address" 'tenant-id = DEFAULT' 'controller-id = dev01' 'token = t' \
-    "download-dir = $work/dl" 'install-command = /bin/true' > "$work/agent.conf"
+    "download-dir = $work/dl" "state-dir = $work/state" 'install-command = /bin/true' > "$work/agent.conf"
 }
 deploy() { deploy_once; }
 fetch() {

@@ -116,6 +116,10 @@ std::string prepare(char const* key, std::string const& path, bool create) {
 }  // namespace
 
 std::string checkHost(AgentConfig const& config) {
+  // Where an action stands is recorded in state-dir before each step: without
+  // it a restart would install again.
+  if (config.stateDir.empty())
+    return where(config, "state-dir") + "state-dir must name a directory";
   struct Dir {
     char const* key;
     std::string const& path;

@@ -48,7 +48,7 @@ class AgentConfig {
   std::shared_ptr<lookup> properties = std::make_shared<lookup>();
   std::vector<tamrel::value_pair_t> attributes;
   std::string downloadDir;               // "download-dir"
-  std::string stateDir;                  // "state-dir": the pending-reboot record
+  std::string stateDir;                  // "state-dir": the action's recorded state
   std::string installCommand;            // run by /bin/sh -c, the files as $1, $2, ...
   std::string rebootCommand;             // "reboot-command"
   std::string confirmCommand;            // "confirm-command", run at start after a reboot

@@ -27,6 +27,8 @@ class InstallChild {
     std::vector<std::string> environment;  // "NAME=value", added or replacing
     int stdinFd = -1;                      // becomes its standard input; -1: /dev/null
     int keepFd = -1;                       // handed on open to the command only; -1: none
+    // Where how the command ended is kept (InstallOutcome), tagged; "": nowhere.
+    std::string outcomePath, outcomeTag;
   };
   explicit InstallChild(Options const& options);
   ~InstallChild();

@@ -101,13 +101,15 @@ StreamInstaller::StreamInstaller(AgentTransport& transport, AgentConfig const& c
 std::unique_ptr<InstallChild> StreamInstaller::start(std::string const& command,
                                                      std::string const& argument,
                                                      std::vector<std::string> const& environment,
-                                                     int stdinFd, int keepFd) {
+                                                     int stdinFd, int keepFd) const {
   InstallChild::Options options;
   options.command = command;
   options.args = {argument};
   options.environment = environment;
   options.stdinFd = stdinFd;
   options.keepFd = keepFd;
+  options.outcomePath = outcomePath_;
+  options.outcomeTag = outcomeTag_;
   return std::make_unique<InstallChild>(options);
 }
 
@@ -132,7 +134,11 @@ std::string StreamInstaller::credentials(std::string const& url) const {
 }
 
 StreamInstaller::Result StreamInstaller::install(chunk_t& chunk, std::string const& sha256,
-                                                 std::string const& actionId, int keepFd) {
+                                                 std::string const& actionId, int keepFd,
+                                                 std::string const& outcomePath,
+                                                 std::string const& outcomeTag) {
+  outcomePath_ = outcomePath;
+  outcomeTag_ = outcomeTag;
   Outcome const outcome = run(chunk, sha256, actionId, keepFd);
   if (!outcome.command.started) return Result::kFailed;
   int const code = outcome.command.exitCode;

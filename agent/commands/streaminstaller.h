@@ -43,8 +43,11 @@ class StreamInstaller {
   // reboot-exit-code, only when the stream came whole and verified (url
   // mode: when the command ran). `sha256` is the digest the deployment
   // lists ("" when none); `keepFd` is handed on to the command (-1: none).
+  // `outcomePath`/`outcomeTag`: where and under which tag the command's end
+  // is kept for a later start (InstallOutcome; "": nowhere).
   Result install(chunk_t& chunk, std::string const& sha256, std::string const& actionId,
-                 int keepFd = -1);
+                 int keepFd = -1, std::string const& outcomePath = std::string(),
+                 std::string const& outcomeTag = std::string());
 
   // The credentials file's content for `url` (curl's config format: curl -K
   // reads it): the authorization header for the server and trusted hosts,
@@ -65,14 +68,14 @@ class StreamInstaller {
   Outcome handOver(std::string const& url, std::vector<std::string> environment, int keepFd,
                    std::vector<std::string>& details);
   // Starts the install command: the one place it is started.
-  static std::unique_ptr<InstallChild> start(std::string const& command,
-                                             std::string const& argument,
-                                             std::vector<std::string> const& environment,
-                                             int stdinFd, int keepFd);
+  std::unique_ptr<InstallChild> start(std::string const& command, std::string const& argument,
+                                      std::vector<std::string> const& environment, int stdinFd,
+                                      int keepFd) const;
 
   AgentTransport& transport_;
   AgentConfig const& config_;
   std::atomic<bool> const& stop_;
+  std::string outcomePath_, outcomeTag_;  // of the install running
 };
 
 #endif  // TAMREL_AGENT_COMMANDS_STREAMINSTALLER_H_

@@ -78,11 +78,11 @@ ConsentFlow::Outcome ConsentFlow::answer(std::string const& base) {
   if (!problem.empty() && linked.empty()) {
     // A server without the flow: looked at again when a poll links it.
     kept_ = true;
-    Log::info("auto-confirm: the state could not be read: %s; left as it is", problem.c_str());
+    Log::warning("auto-confirm: the state could not be read: %s; left as it is", problem.c_str());
     return Outcome::kNone;
   }
   if (!problem.empty()) {
-    Log::info("confirmation: %s; nothing sent", problem.c_str());
+    Log::warning("confirmation: %s; nothing sent", problem.c_str());
     return Outcome::kUnreadable;
   }
   if (config_.autoConfirm != "server" && keepAutoConfirm(overview)) return Outcome::kConfirmed;
@@ -100,12 +100,12 @@ bool ConsentFlow::keepAutoConfirm(Overview const& overview) {
   char const* const verb = wanted ? "activate" : "deactivate";
   std::string host;
   if (url.empty()) {
-    Log::info("auto-confirm: the server offers no link to %s it", verb);
+    Log::warning("auto-confirm: the server offers no link to %s it", verb);
     return false;
   }
   if (!reader_.allowed(url, host)) {
-    Log::info("auto-confirm: not switched, the link names another host (%s; see trusted-hosts)",
-              DocumentReader::oneLine(host).c_str());
+    Log::warning("auto-confirm: not switched, the link names another host (%s; see trusted-hosts)",
+                 DocumentReader::oneLine(host).c_str());
     return false;
   }
   std::string body;
@@ -127,8 +127,8 @@ ConsentFlow::Outcome ConsentFlow::answerAction(std::string const& link) {
   std::string const id = actionId(link);
   if (!DeploymentPlan::decimalId(id)) {
     // No request is built from an id that is not a number.
-    Log::info("confirmation: refused, action id \"%s\" is not a decimal number; nothing sent",
-              DocumentReader::oneLine(id).c_str());
+    Log::error("confirmation: refused, action id \"%s\" is not a decimal number; nothing sent",
+               DocumentReader::oneLine(id).c_str());
     return Outcome::kRefused;
   }
   std::vector<std::string> args{id}, problems;
@@ -136,14 +136,14 @@ ConsentFlow::Outcome ConsentFlow::answerAction(std::string const& link) {
       link, [&](std::string const& body) { return readAction(body, id, args, problems); });
   if (!problem.empty()) {
     // Nothing is reported: the action may be readable at the next poll.
-    Log::info("confirmation of action %s: %s; nothing sent", id.c_str(), problem.c_str());
+    Log::warning("confirmation of action %s: %s; nothing sent", id.c_str(), problem.c_str());
     return Outcome::kUnreadable;
   }
   Decision decision;
   if (!problems.empty()) {
-    for (auto const& line : problems) Log::info("  refused: %s", line.c_str());
+    for (auto const& line : problems) Log::error("  refused: %s", line.c_str());
     if (!refused_.insert(id).second) {
-      Log::info("confirmation of action %s: refused again, denied once already", id.c_str());
+      Log::warning("confirmation of action %s: refused again, denied once already", id.c_str());
       return Outcome::kRefused;
     }
     decision = {true, false, kRefusedDocument, "denied by tamrel-agent: " + problems.front()};
@@ -214,7 +214,7 @@ ConsentFlow::Decision ConsentFlow::ask(std::string const& id,
   for (auto const& line : result.stderrTail) Log::info("  consent-command: %s", line.c_str());
   std::string const last = result.stderrTail.empty() ? "" : result.stderrTail.back();
   if (result.timedOut) {
-    Log::info(
+    Log::warning(
         "confirmation of action %s: consent-command ran past %d s (consent-timeout-s), ended; "
         "asked again at the next poll, nothing sent",
         id.c_str(), config_.consentTimeoutSeconds);
@@ -231,7 +231,7 @@ ConsentFlow::Decision ConsentFlow::ask(std::string const& id,
         "nothing sent",
         id.c_str());
   } else {
-    Log::info(
+    Log::warning(
         "confirmation of action %s: consent-command %s, neither 0, 1 nor 75; asked again "
         "at the next poll, nothing sent",
         id.c_str(), result.describe().c_str());

@@ -35,7 +35,7 @@ void InstalledBase::show(std::string const& base) {
   if (problem.empty()) {
     Log::info("installed, as the server sees it: %s", DocumentReader::oneLine(said).c_str());
   } else {
-    Log::info("installed base: %s", problem.c_str());
+    Log::warning("installed base: %s", problem.c_str());
   }
 }
 

@@ -25,15 +25,11 @@ UpdateAgent::UpdateAgent(AgentConfig const& config)
       attributes_(config.attributes),
       fetcher_(client_, config, stop_),
       server_(config, transport_, [this] { return stopping(); }),
-      reboot_(
-          client_, config,
-          [this](std::function<bool()> const& request) { return server_.send(request); }, stop_),
-      feedback_(client_, server_,
-                [this](std::string const& actionId) { dropGoneAction(actionId); }),
       download_(config, fetcher_, stop_),
       lock_((config.stateDir.empty() ? config.downloadDir + "/.install.lock"
                                      : config.stateDir + "/install.lock")),
       streamer_(transport_, config, stop_),
+      action_(client_, config, transport_, server_, download_, lock_, streamer_, stop_),
       reader_(config, address_, transport_, [this] { return stopping(); }),
       consent_(config, transport_, server_, reader_, stop_),
       installed_(transport_, server_, reader_) {
@@ -51,19 +47,21 @@ bool UpdateAgent::connect() {
   // An install an earlier run left behind ends before anything else happens.
   std::string error;
   if (!lock_.take(stop_, config_.installTimeoutSeconds * 1000LL, error, false) && !error.empty())
-    Log::info("install lock: %s", error.c_str());
+    Log::warning("install lock: %s", error.c_str());
   lock_.release();
   if (stopping()) return true;
   consent_.start(client_.buildQueryUrl());
-  reboot_.confirm();
+  action_.start(client_.buildQueryUrl());
   return true;
 }
 
 int UpdateAgent::reportInstalled(std::string const& name, std::string const& version) {
   if (!client_.connectProperties(config_.properties)) return kExitConfig;
   std::string const failure = installed_.report(client_.buildQueryUrl(), name, version);
-  Log::info("installed %s %s: %s", name.c_str(), version.c_str(),
-            failure.empty() ? "reported, the server accepted it" : failure.c_str());
+  if (failure.empty())
+    Log::info("installed %s %s: reported, the server accepted it", name.c_str(), version.c_str());
+  else
+    Log::error("installed %s %s: %s", name.c_str(), version.c_str(), failure.c_str());
   return failure.empty() ? kExitOk : kExitUnreachable;
 }
 
@@ -128,15 +126,15 @@ UpdateAgent::Cycle UpdateAgent::cycle() {
     if (base.retryAfterS >= 0)
       result.sleepSeconds = std::min<std::int64_t>(std::max<std::int64_t>(base.retryAfterS, 1),
                                                    config_.maxPollIntervalSeconds);
-    Log::info("poll: the server is busy (HTTP %ld), next poll in %lld s", base.status,
-              static_cast<long long>(result.sleepSeconds));
+    Log::warning("poll: the server is busy (HTTP %ld), next poll in %lld s", base.status,
+                 static_cast<long long>(result.sleepSeconds));
     result.status = kExitUnreachable;
     return result;
   }
   bool const empty = answer.config.sleep == 0 && answer.deployment.url.empty() &&
                      answer.cancel_action.url.empty() && answer.config_data.url.empty();
   if (!unreadable.empty()) {
-    Log::info("poll: the server sent an unreadable polling interval (%s)", unreadable.c_str());
+    Log::warning("poll: the server sent an unreadable polling interval (%s)", unreadable.c_str());
     result.status = kExitUnreachable;
     return result;
   }
@@ -145,9 +143,9 @@ UpdateAgent::Cycle UpdateAgent::cycle() {
                                            : ConsentFlow::Outcome::kNone;
   if (watchdog.verdict() != Watchdog::Verdict::kNone ||
       (empty && consent == ConsentFlow::Outcome::kNone)) {
-    Log::info("poll: %s", PollFailure::describe(watchdog.verdict(), transport_.lastAnswer(),
-                                                libraryLog, config_)
-                              .c_str());
+    Log::warning("poll: %s", PollFailure::describe(watchdog.verdict(), transport_.lastAnswer(),
+                                                   libraryLog, config_)
+                                 .c_str());
     result.status = kExitUnreachable;
     return result;
   }
@@ -171,8 +169,8 @@ UpdateAgent::Cycle UpdateAgent::cycle() {
   std::string host;
   if (!answer.config_data.url.empty() &&
       !linkAllowed(answer.config_data.url, address_, config_.trustedHosts, host)) {
-    Log::info("config data: not sent, the link names another host (%s; see trusted-hosts)",
-              host.c_str());
+    Log::warning("config data: not sent, the link names another host (%s; see trusted-hosts)",
+                 host.c_str());
   } else if (!answer.config_data.url.empty()) {
     std::string const failure = server_.send([&] { return client_.sendConfigData(attributes_); });
     Log::info("config data: %zu attributes %s", attributes_.size(),
@@ -182,207 +180,31 @@ UpdateAgent::Cycle UpdateAgent::cycle() {
   if (!cancel.url.empty() && !cancel.stop_id.empty() &&
       (!DeploymentPlan::decimalId(cancel.id) || !DeploymentPlan::decimalId(cancel.stop_id))) {
     // No request is built from an id that is not a number.
-    Log::info("cancel request refused: action ids \"%s\"/\"%s\" are not decimal numbers",
-              cancel.id.c_str(), cancel.stop_id.c_str());
+    Log::error("cancel request refused: action ids \"%s\"/\"%s\" are not decimal numbers",
+               cancel.id.c_str(), cancel.stop_id.c_str());
     result.status = kExitDeploymentFailed;
   } else if (!cancel.url.empty() && !cancel.stop_id.empty()) {
-    answerCancel(cancel);
+    action_.cancel(cancel);
   }
   if (!answer.deployment.url.empty() && answer.deployment.chunks.empty() && !stopping()) {
     // Nothing is reported: the action may be readable at the next poll.
-    Log::info("deployment: the deployment the server linked could not be read; nothing sent");
+    Log::warning("deployment: the deployment the server linked could not be read; nothing sent");
     result.status = kExitUnreachable;
   } else if (!answer.deployment.url.empty() && !stopping()) {
-    if (!deploy(answer.deployment) && !stopping()) {
-      result.status = kExitDeploymentFailed;
-      // Directories made for a failed deployment go again when empty.
-      download_.removeEmptyDirectories(answer.deployment);
-    }
+    if (!deploy(answer.deployment) && !stopping()) result.status = kExitDeploymentFailed;
+  } else if (answer.deployment.url.empty() && cancel.url.empty() && !stopping()) {
+    // A cancel request stands for its action: the server still has it open.
+    action_.notOffered();
   }
   return result;
 }
 
-void UpdateAgent::answerCancel(hawkbit_query_t::cancel_action_t const& cancel) {
-  // What is installed cannot be taken back; anything else is dropped.
-  bool const installed = reboot_.installed(cancel.stop_id);
-  std::string const failure = server_.send([&] {
-    return installed ? client_.sendCancelActionFeedback(
-                           cancel.url, cancel.id, "rejected", "none",
-                           "action " + cancel.stop_id + " is installed, waiting for its reboot")
-                     : client_.sendCancelActionFeedback(
-                           cancel.url, cancel.id, "closed", "success",
-                           "cancellation of action " + cancel.stop_id + " accepted");
-  });
-  std::string removed;
-  // Downloaded for a maintenance window that no longer matters.
-  if (!installed && failure.empty() && dropWaiting(cancel.stop_id))
-    removed = ", its downloaded files removed";
-  Log::info("cancel request for action %s: %s%s", cancel.stop_id.c_str(),
-            !failure.empty() ? failure.c_str()
-            : installed      ? "rejected (installed already), feedback sent"
-                             : "feedback sent",
-            removed.c_str());
-}
-
-bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
+bool UpdateAgent::deploy(hawkbit_query_t::deployment_t& deployment) {
   if (!DeploymentPlan::decimalId(deployment.id)) {
     // Nothing is built from an id that is not a number, not even a feedback URL.
-    Log::info("deployment: refused, action id is not a decimal number; nothing sent");
+    Log::error("deployment: refused, action id is not a decimal number; nothing sent");
     return false;
   }
-  bool handled = true;
-  if (reboot_.handles(deployment, handled)) return handled;
-  // Gone from the server: nothing new is started for it.
-  if (feedback_.gone(deployment.id)) return true;
-
   DeploymentPlan const plan = DeploymentPlan::read(deployment);
-  if (plan.download() == DeploymentPlan::Handling::kSkip && plan.problems().empty()) {
-    Log::info("deployment %s: the server asks to skip the download for now", deployment.id.c_str());
-    return true;
-  }
-  bool const downloadOnly = config_.downloadOnly || plan.downloadOnly();
-  bool const installNow = !downloadOnly && plan.mayInstall();
-  bool const waited = deployment.id == waitingAction_;
-  if (waited && !installNow) {
-    Log::info("deployment %s: still waiting for the maintenance window", deployment.id.c_str());
-    return true;
-  }
-  Log::info("deployment %s: %zu chunk(s)%s", deployment.id.c_str(), deployment.chunks.size(),
-            downloadOnly ? ", download only" : "");
-  if (!waited) {
-    deployment.execution = execution_t::proceeding;
-    deployment.finished = finished_t::none;
-    std::string const outcome = feedback_.update(deployment);
-    if (outcome != "sent")
-      Log::info("deployment %s: proceeding %s", deployment.id.c_str(), outcome.c_str());
-    if (feedback_.gone(deployment.id)) return true;
-  }
-  if (!plan.problems().empty()) {
-    auto& details = deployment.chunks.front().details;
-    details.insert(details.end(), plan.problems().begin(), plan.problems().end());
-    for (auto const& line : plan.problems()) Log::info("  refused: %s", line.c_str());
-    feedback_.close(deployment, false);
-    return false;
-  }
-
-  // In install-mode stream and url nothing is stored ahead of the install.
-  bool const streamed = config_.installMode != "file";
-  if (streamed && downloadOnly) {
-    deployment.chunks.front().details.push_back("install-mode " + config_.installMode +
-                                                " stores nothing: a download-only action "
-                                                "cannot be served");
-    feedback_.close(deployment, false);
-    return false;
-  }
-  std::vector<std::vector<std::string>> files(deployment.chunks.size());
-  bool success = streamed || download_.run(deployment, plan, files);
-  if (stopping()) {
-    // The next run resumes the partial files.
-    feedback_.proceed(deployment,
-                      "interrupted on the device; the download resumes on the next start",
-                      "interrupted, left open");
-    return false;
-  }
-  if (!success) {
-    feedback_.close(deployment, false);
-    return false;
-  }
-  if (downloadOnly) {
-    feedback_.closeDownloaded(deployment);
-    return true;
-  }
-  if (!installNow) {
-    feedback_.proceed(deployment, "downloaded, waiting for maintenance window",
-                      "downloaded, waiting for the maintenance window");
-    waitingAction_ = deployment.id;
-    waitingFiles_.clear();
-    waitingDirs_.clear();
-    for (std::size_t c = 0; c < files.size(); ++c) {
-      waitingFiles_.insert(waitingFiles_.end(), files[c].begin(), files[c].end());
-      waitingDirs_.push_back(config_.downloadDir + "/" + deployment.chunks[c].name);
-    }
-    return true;
-  }
-  waitingAction_.clear();
-  bool reboot = false;
-  for (std::size_t c = 0; c < deployment.chunks.size() && success; ++c) {
-    auto& chunk = deployment.chunks[c];
-    chunk.completed = true;
-    if (config_.installCommand.empty() || (files[c].empty() && !streamed)) continue;
-    Installed const result =
-        streamed ? installStreamed(chunk, plan, deployment.id) : install(files[c], chunk.details);
-    success = result != Installed::kFailed;
-    reboot = reboot || result == Installed::kReboot;
-  }
-  if (stopping() && !success) {
-    // Stopped with the agent: offered again and installed at the next start.
-    feedback_.proceed(deployment,
-                      "installation interrupted on the device; it runs again on the next start",
-                      "installation interrupted, left open");
-    return false;
-  }
-  if (success && reboot && reboot_.begin(deployment)) return true;
-  return reboot_.finish(deployment, success && !reboot);
-}
-
-bool UpdateAgent::takeInstallLock(std::vector<std::string>& details) {
-  std::string error;
-  if (lock_.take(stop_, config_.installTimeoutSeconds * 1000LL, error)) return true;
-  details.push_back("install command not run: " + (error.empty() ? "stopping" : error));
-  return false;
-}
-
-UpdateAgent::Installed UpdateAgent::install(std::vector<std::string> const& files,
-                                            std::vector<std::string>& details) {
-  if (!takeInstallLock(details)) return Installed::kFailed;
-  CommandOptions options;
-  options.stop = &stop_;
-  options.deadlineMs = config_.installTimeoutSeconds * 1000LL;
-  options.inherit = lock_.fd();
-  options.started = [this](pid_t pid) { lock_.handOver(pid); };
-  CommandResult const result = runCommand(config_.installCommand, files, options);
-  lock_.release();
-  Installed const installed =
-      result.exitCode == 0 ? Installed::kDone
-      : config_.rebootExitCode >= 0 && result.exitCode == config_.rebootExitCode
-          ? Installed::kReboot
-          : Installed::kFailed;
-  details.push_back(
-      std::string("install command ") + (installed == Installed::kFailed ? "failed" : "succeeded") +
-      " (" + result.describe() + (installed == Installed::kReboot ? ", reboot needed" : "") + ")");
-  for (auto const& line : result.stderrTail) details.push_back("install: " + line);
-  return installed;
-}
-
-void UpdateAgent::dropGoneAction(std::string const& actionId) {
-  dropWaiting(actionId);
-  reboot_.drop(actionId);
-}
-
-bool UpdateAgent::dropWaiting(std::string const& actionId) {
-  if (waitingAction_.empty() || actionId != waitingAction_) return false;
-  for (std::string const& file : waitingFiles_) std::remove(file.c_str());
-  for (std::string const& dir : waitingDirs_) rmdir(dir.c_str());
-  waitingAction_.clear();
-  return true;
-}
-
-UpdateAgent::Installed UpdateAgent::installStreamed(hawkbit_query_t::deployment_t::chunk_t& chunk,
-                                                    DeploymentPlan const& plan,
-                                                    std::string const& actionId) {
-  std::string const sha256 =
-      chunk.artifacts.size() == 1 ? plan.sha256(chunk.name, chunk.artifacts[0].filename) : "";
-  if (!takeInstallLock(chunk.details)) return Installed::kFailed;
-  // The lock goes with the command: it is held as long as the stream's
-  // installer runs, even past the agent.
-  StreamInstaller::Result const result = streamer_.install(chunk, sha256, actionId, lock_.fd());
-  lock_.release();
-  switch (result) {
-    case StreamInstaller::Result::kDone:
-      return Installed::kDone;
-    case StreamInstaller::Result::kReboot:
-      return Installed::kReboot;
-    default:
-      return Installed::kFailed;
-  }
+  return action_.offered(deployment, plan);
 }

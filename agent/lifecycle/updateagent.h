@@ -13,11 +13,10 @@
 #include "agent/base/watchdog.h"
 #include "agent/commands/installlock.h"
 #include "agent/commands/streaminstaller.h"
+#include "agent/lifecycle/actiondriver.h"
 #include "agent/lifecycle/consentflow.h"
 #include "agent/lifecycle/installedbase.h"
-#include "agent/lifecycle/rebootconfirmation.h"
 #include "agent/server/agenttransport.h"
-#include "agent/server/deploymentfeedback.h"
 #include "agent/server/documentreader.h"
 #include "agent/server/serverrequest.h"
 #include "agent/transfer/artifactfetcher.h"
@@ -25,16 +24,17 @@
 #include "agent/transfer/progressbar.h"
 #include "plugin/libtamrelcore.h"
 
-// The update loop of a device: poll, answer what the server asks for, fetch,
-// verify and install deployments, report back. Owns the library's client and
-// the transport it speaks through. Runs on one thread; stop() may be called
-// from another (a signal-handling thread).
+// The update loop of a device: poll, and feed what the server offers or asks
+// to cancel to the action's state machine (ActionDriver), which fetches,
+// installs and reports. Owns the library's client and the transport it
+// speaks through. Runs on one thread; stop() may be called from another (a
+// signal-handling thread).
 class UpdateAgent {
  public:
   explicit UpdateAgent(AgentConfig const& config);
 
-  // Binds the settings; false when the library refuses them. Then confirms
-  // an action left waiting for a reboot by an earlier run.
+  // Binds the settings; false when the library refuses them. Then resumes
+  // the action an earlier run recorded.
   bool connect();
   // What one poll came to: the interval to sleep and the exit status
   // (ExitCode) it would give in --once mode.
@@ -57,25 +57,8 @@ class UpdateAgent {
   ProgressBar& progress() { return fetcher_.progress(); }
 
  private:
-  bool deploy(hawkbit_query_t::deployment_t deployment);
-  // Accepts a cancel request, or rejects it for an action installed already;
-  // an accepted one drops what was downloaded for an action still waiting.
-  void answerCancel(hawkbit_query_t::cancel_action_t const& cancel);
-  enum class Installed { kDone, kReboot, kFailed };
-  // Takes the install lock, waiting up to install-timeout-s; false, with
-  // why in `details`, when it could not be had.
-  bool takeInstallLock(std::vector<std::string>& details);
-  Installed install(std::vector<std::string> const& files, std::vector<std::string>& details);
-  // Forgets what the agent keeps for an action the server no longer has
-  // (files waiting for their maintenance window, its install record).
-  void dropGoneAction(std::string const& actionId);
-  // Removes the files of the action when it is the one waiting for its
-  // maintenance window; false when it is not.
-  bool dropWaiting(std::string const& actionId);
-  // install-mode stream or url: the chunk's artifact goes to the command
-  // without being stored.
-  Installed installStreamed(hawkbit_query_t::deployment_t::chunk_t& chunk,
-                            DeploymentPlan const& plan, std::string const& actionId);
+  // The deployment a poll links: false when it failed.
+  bool deploy(hawkbit_query_t::deployment_t& deployment);
 
   AgentConfig const& config_;
   std::string address_;  // the server; configData links elsewhere are not sent to
@@ -84,17 +67,13 @@ class UpdateAgent {
   std::atomic<bool> stop_{false};
   std::vector<tamrel::value_pair_t> attributes_;  // sent as configuration data
   ArtifactFetcher fetcher_;
-  ServerRequest server_;         // every POST/PUT goes through it
-  RebootConfirmation reboot_;    // the action in flight, its record and its reboot
-  DeploymentFeedback feedback_;  // a 404/410 answer runs dropGoneAction()
+  ServerRequest server_;  // every POST/PUT goes through it
   DeploymentDownload download_;
   InstallLock lock_;          // one install at a time, across restarts
   StreamInstaller streamer_;  // install-mode stream and url
-  // An action downloaded in this run and waiting for its maintenance window.
-  std::string waitingAction_;  // downloaded, waiting for its maintenance window
-  std::vector<std::string> waitingFiles_, waitingDirs_;
-  int failedPolls_ = 0;    // in a row
-  DocumentReader reader_;  // documents the library does not read
+  ActionDriver action_;       // the action on the device, recorded in state-dir
+  int failedPolls_ = 0;       // in a row
+  DocumentReader reader_;     // documents the library does not read
   ConsentFlow consent_;
   InstalledBase installed_;
   std::string baseBody_;  // the last base poll answer's body, kept by the transport's observer

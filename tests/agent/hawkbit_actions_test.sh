@@ -38,10 +38,13 @@ check "maintenance window: waited, then installed; fetched once" \
 # kills the agent (as a reboot would) and gives the next start another boot
 # id; the next start confirms.
 reboot_settings() {  # confirm command [reboot command]
-  printf '%s\n' "${install/exit 0/exit 7}" 'reboot-exit-code = 7' "state-dir = $work/state" \
+  sed -i "s|^state-dir = .*|state-dir = $work/state|" "$conf"
+  printf '%s\n' "${install/exit 0/exit 7}" 'reboot-exit-code = 7' \
     "boot-id-file = $work/boot_id" "reboot-command = ${2:-echo \$\$ > $work/boot_id; kill -KILL \$PPID}" \
     "confirm-command = $1" >> "$conf"
 }
+# No action in flight is recorded (none, or the last one closed).
+settled() { ! grep -qvE '^(state (idle|closed)|action .*|chunk .*|result .*|detail .*|end)$' "$work/state/action"; }
 reboot_flow() {  # confirm command, expected result
   want=$2
   serve
@@ -51,11 +54,11 @@ reboot_flow() {  # confirm command, expected result
   code=$?
   check "reboot: killed after reporting proceeding, pending action recorded" \
     eval 'test $code -eq 137 && feedbacks "rebooting to confirm" >/dev/null && ! closing &&
-          grep -qx "action 1" "$work/state/pending"'
+          grep -qx "action 1" "$work/state/action"'
   "$agent" --once --config "$conf" > "$work/confirm$n.log" 2>&1
   check "after the reboot: closed $2 once, with the confirm output; state cleared" \
     eval 'test "$(feedbacks "\"closed\"")" -eq 1 && closed_with "$want" && details_have "confirm: said" &&
-          test ! -e "$work/state/pending" && fetched 1 && installed_once'
+          settled && fetched 1 && installed_once'
 }
 reboot_flow 'echo said ok >&2' success
 reboot_flow 'echo said no >&2; exit 1' failure
@@ -70,7 +73,7 @@ for run in 1 2 3; do "$agent" --once --config "$conf" > "$work/boot$run.log" 2>&
 check "reboot that never happened: not confirmed, reboot asked again, then confirmed once" \
   eval 'grep -q "still the boot that installed it" "$work/boot2.log" && ! grep -q "confirmed" "$work/boot2.log" &&
         test "$(feedbacks "rebooting to confirm")" -eq 1 && test "$(feedbacks "\"closed\"")" -eq 1 &&
-        closed_with success && test ! -e "$work/state/pending"'
+        closed_with success && settled'
 
 # Cancel requests: one for an action waiting for its window drops what was
 # downloaded; one for an action installed and not yet confirmed (the server
@@ -88,7 +91,7 @@ serve --cancel 1 --fault feedback=503
 reboot_settings true
 "$agent" --once --config "$conf" > "$work/reject.log" 2>&1
 check "cancel for an installed action waiting for confirmation: rejected, record kept" \
-  eval 'grep -qx "action 1: cancel rejected" "$log" && grep -qx "action 1" "$work/state/pending"'
-rm -f "$work/state/pending"
+  eval 'grep -qx "action 1: cancel rejected" "$log" && grep -qx "action 1" "$work/state/action"'
+rm -f "$work/state/action"
 
 finish

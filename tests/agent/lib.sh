@@ -57,6 +57,8 @@ serve() {
   printf 'address = %s\ntenant-id = DEFAULT\ncontroller-id = dev01\n' "$address" > "$conf"
   # A '#' inside a value is kept; after a blank it starts a comment.
   printf 'token = t0k#1   # comment\ndownload-dir = %s\nattribute.serial = 42\n' "$dl" >> "$conf"
+  # Each run its own state (the default is the system's).
+  printf 'state-dir = %s\n' "$work/state$n" >> "$conf"
 }
 run_agent() {  # settings lines for the config...
   printf '%s\n' "$@" >> "$conf"

@@ -41,7 +41,7 @@ address=${url%%/DEFAULT/*}
 [ "$address" != "$first" ] || fail "unexpected server line: $first"
 
 if [ -n "${BASE_CONFIG:-}" ]; then
-  grep -Ev '^[[:space:]]*(address|tenant-id|controller-id|token|token-file|download-dir|install-command)[[:space:]]*=' \
+  grep -Ev '^[[:space:]]*(address|tenant-id|controller-id|token|token-file|download-dir|state-dir|install-command)[[:space:]]*=' \
     "$BASE_CONFIG" > "$work/agent.conf" || fail "cannot read $BASE_CONFIG"
 fi
 cat >> "$work/agent.conf" <<CONF
@@ -50,6 +50,7 @@ tenant-id = DEFAULT
 controller-id = dev01
 token = secret
 download-dir = $work/downloads
+state-dir = $work/state
 install-command = $work/install.sh
 CONF
 status=0

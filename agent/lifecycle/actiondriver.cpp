@@ -1,0 +1,453 @@
+#include "agent/lifecycle/actiondriver.h"
+
+#include <dirent.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+
+#include "agent/base/log.h"
+#include "agent/commands/command.h"
+#include "agent/commands/installoutcome.h"
+
+namespace {
+
+using Stage = ActionState::Stage;
+using Result = ActionState::Result;
+using Kind = ActionMachine::Kind;
+using Exit = ActionMachine::Exit;
+using Answer = ActionMachine::Answer;
+using Event = ActionMachine::Event;
+
+// This boot's id; "" when it cannot be read.
+std::string bootId(std::string const& path) {
+  std::ifstream in(path);
+  std::string id;
+  std::getline(in, id);
+  return id;
+}
+
+Event event(Kind kind) {
+  Event e;
+  e.kind = kind;
+  return e;
+}
+
+Event exited(Kind kind, Exit exit) {
+  Event e = event(kind);
+  e.exit = exit;
+  return e;
+}
+
+}  // namespace
+
+ActionDriver::ActionDriver(libtamrelcore& client, AgentConfig const& config,
+                           AgentTransport& transport, ServerRequest const& server,
+                           DeploymentDownload& download, InstallLock& lock,
+                           StreamInstaller& streamer, std::atomic<bool> const& stop)
+    : config_(config),
+      download_(download),
+      lock_(lock),
+      streamer_(streamer),
+      stop_(stop),
+      record_(config.stateDir),
+      reports_(client, transport, server) {}
+
+void ActionDriver::start(std::string const& baseUrl) {
+  reports_.start(baseUrl);
+  if (!record_.load(state_, unreadable_)) {
+    Log::error("state record unreadable, refusing to install: %s", unreadable_.c_str());
+    return;
+  }
+  if (state_.stage != Stage::kIdle)
+    Log::info("action %s: found %s at start", state_.actionId.c_str(), state_.describe().c_str());
+  bool const newBoot = !state_.bootId.empty() && state_.bootId != bootId(config_.bootIdFile);
+  // The reboot never happened (the agent was stopped before or while it
+  // ran): nothing is confirmed before another boot.
+  if (!newBoot && (state_.stage == Stage::kAnnouncing || state_.stage == Stage::kRebooting))
+    Log::info("deployment %s: installed, but this is still the boot that installed it",
+              state_.actionId.c_str());
+  feed(event(newBoot ? Kind::kStartNewBoot : Kind::kStartSameBoot));
+}
+
+bool ActionDriver::offered(deployment_t& deployment, DeploymentPlan const& plan) {
+  if (!unreadable_.empty()) {
+    // Installing now could install an action a second time, or beside one
+    // waiting for its reboot.
+    Log::error("deployment %s: state record unreadable, refusing to install: %s",
+               deployment.id.c_str(), unreadable_.c_str());
+    return false;
+  }
+  Event e = event(Kind::kOffered);
+  e.actionId = deployment.id;
+  for (auto const& chunk : deployment.chunks) e.chunks.push_back(chunk.name);
+  bool const downloadOnly = config_.downloadOnly || plan.downloadOnly();
+  e.offer = plan.download() == DeploymentPlan::Handling::kSkip && plan.problems().empty()
+                ? ActionMachine::Offer::kSkip
+            : downloadOnly      ? ActionMachine::Offer::kDownloadOnly
+            : plan.mayInstall() ? ActionMachine::Offer::kInstall
+                                : ActionMachine::Offer::kWait;
+  if (e.offer == ActionMachine::Offer::kSkip && state_.actionId != deployment.id)
+    Log::info("deployment %s: the server asks to skip the download for now", deployment.id.c_str());
+  deployment_ = &deployment;
+  plan_ = &plan;
+  if (state_.actionId != deployment.id) files_.clear();
+  failed_ = false;
+  feed(e);
+  deployment_ = nullptr;
+  plan_ = nullptr;
+  return !failed_ && halted_.empty();
+}
+
+void ActionDriver::notOffered() {
+  if (unreadable_.empty()) feed(event(Kind::kNotOffered));
+}
+
+void ActionDriver::cancel(hawkbit_query_t::cancel_action_t const& cancel) {
+  if (!unreadable_.empty()) {
+    // Whether the action is installed cannot be told: neither answer is sent.
+    Log::error("cancel request for action %s: state record unreadable, not answered: %s",
+               cancel.stop_id.c_str(), unreadable_.c_str());
+    return;
+  }
+  Event e = event(Kind::kCancel);
+  e.actionId = cancel.stop_id;
+  cancel_ = &cancel;
+  feed(e);
+  cancel_ = nullptr;
+}
+
+void ActionDriver::feed(Event e) {
+  // Each work yields at most one event; a chain is a few steps long.
+  for (int steps = 0; steps < 64; ++steps) {
+    if (!halted_.empty()) {
+      Log::error("action %s: stopped at %s: %s; nothing more is done until the agent restarts",
+                 state_.actionId.c_str(), state_.describe().c_str(), halted_.c_str());
+      failed_ = true;
+      return;
+    }
+    ActionState const before = state_;
+    ActionMachine::Step step = ActionMachine::next(state_, e);
+    // The boot that installed it, to tell the reboot from a restart.
+    if (step.state.stage == Stage::kAnnouncing && step.state.bootId.empty())
+      step.state.bootId = bootId(config_.bootIdFile);
+    std::string error;
+    if (step.state.format() != state_.format() && !record_.save(step.state, error)) {
+      step = ActionMachine::next(state_, event(Kind::kWriteFailed));
+      halted_ = error;
+      Log::error("action %s: %s cannot be recorded (%s); the action stops at %s",
+                 (e.actionId.empty() ? state_.actionId : e.actionId).c_str(),
+                 ActionMachine::name(e.kind), error.c_str(), state_.describe().c_str());
+      failed_ = true;
+      return;
+    }
+    state_ = step.state;
+    if (before.stage != state_.stage || before.chunk != state_.chunk)
+      Log::debug("action %s: %s -> %s (%s), then %s",
+                 (state_.actionId.empty() ? before : state_).actionId.c_str(),
+                 before.describe().c_str(), state_.describe().c_str(), ActionMachine::name(e.kind),
+                 ActionMachine::name(step.work));
+    std::optional<Event> const next = perform(step.work, before);
+    if (!next) return;
+    e = *next;
+  }
+}
+
+std::optional<Event> ActionDriver::perform(Work work, ActionState const& before) {
+  switch (work) {
+    case Work::kNone:
+    case Work::kHalt:
+      return std::nullopt;
+    case Work::kProceedAndDownload: {
+      Log::info("deployment %s: %zu chunk(s)%s", state_.actionId.c_str(), state_.chunks.size(),
+                config_.downloadOnly || (plan_ && plan_->downloadOnly()) ? ", download only" : "");
+      Event e = event(Kind::kFeedback);
+      e.answer = proceed(std::string());
+      return e;
+    }
+    case Work::kDownload:
+      return download();
+    case Work::kReportWaiting: {
+      Event e = event(Kind::kFeedback);
+      e.answer = proceed("downloaded, waiting for maintenance window");
+      Log::info("deployment %s: downloaded, waiting for the maintenance window",
+                state_.actionId.c_str());
+      return e;
+    }
+    case Work::kInstall:
+      return install();
+    case Work::kRecoverInstall:
+      return recoverInstall();
+    case Work::kAnnounce: {
+      Event e = event(Kind::kFeedback);
+      e.answer = proceed("installed, rebooting to confirm");
+      Log::info("deployment %s: installed, needs a reboot, feedback %s", state_.actionId.c_str(),
+                e.answer == Answer::k2xx ? "sent" : "not taken; sent again later");
+      return e;
+    }
+    case Work::kReboot:
+      return runReboot();
+    case Work::kConfirm:
+      return confirm();
+    case Work::kReport:
+      return report();
+    case Work::kReportInterrupted:
+      proceed(state_.stage == Stage::kDownloading
+                  ? "interrupted on the device; the download resumes on the next start"
+                  : "installation interrupted on the device; it resumes on the next start");
+      Log::warning("deployment %s: %s, left open (%s)", state_.actionId.c_str(),
+                   state_.stage == Stage::kDownloading ? "interrupted" : "installation interrupted",
+                   state_.describe().c_str());
+      return std::nullopt;
+    case Work::kHold:
+      if (deployment_) reports_.hold(*deployment_, state_);
+      return std::nullopt;
+    case Work::kAcceptCancel:
+    case Work::kRejectCancel:
+      answerCancel(work == Work::kAcceptCancel, before);
+      return std::nullopt;
+    case Work::kDrop:
+      dropFiles(before);
+      Log::info(
+          "action %s no longer exists on the server (cancelled or deleted there): "
+          "what was downloaded for it is removed",
+          before.actionId.c_str());
+      return std::nullopt;
+  }
+  return std::nullopt;
+}
+
+ActionMachine::Answer ActionDriver::proceed(std::string const& detail) {
+  return reports_.proceed(current() ? *deployment_ : ActionReports::of(state_), detail);
+}
+
+std::optional<Event> ActionDriver::download() {
+  if (!current()) return std::nullopt;  // at the next offer
+  auto& chunks = deployment_->chunks;
+  if (!plan_->problems().empty()) {
+    for (auto const& line : plan_->problems()) Log::error("  refused: %s", line.c_str());
+    state_.details.insert(state_.details.end(), plan_->problems().begin(), plan_->problems().end());
+    return event(Kind::kFailed);
+  }
+  Event e = event(Kind::kDownloaded);
+  e.offer = config_.downloadOnly || plan_->downloadOnly() ? ActionMachine::Offer::kDownloadOnly
+            : plan_->mayInstall()                         ? ActionMachine::Offer::kInstall
+                                                          : ActionMachine::Offer::kWait;
+  // In install-mode stream and url nothing is stored ahead of the install.
+  if (config_.installMode != "file") {
+    if (e.offer != ActionMachine::Offer::kDownloadOnly) return e;
+    state_.details.push_back("install-mode " + config_.installMode +
+                             " stores nothing: a download-only action cannot be served");
+    return event(Kind::kFailed);
+  }
+  files_.assign(chunks.size(), {});
+  bool const success = download_.run(*deployment_, *plan_, files_);
+  if (stop_.load()) return event(Kind::kStop);
+  for (auto const& chunk : chunks)
+    state_.details.insert(state_.details.end(), chunk.details.begin(), chunk.details.end());
+  if (success) return e;
+  download_.removeEmptyDirectories(*deployment_);
+  return event(Kind::kFailed);
+}
+
+std::string ActionDriver::outcomeTag() const {
+  return state_.actionId + ":" + std::to_string(state_.chunk);
+}
+
+std::optional<Event> ActionDriver::install() {
+  std::size_t const c = state_.chunk;
+  bool const streamed = config_.installMode != "file";
+  if (config_.installCommand.empty()) return exited(Kind::kCommandExited, Exit::kOk);
+  if (!current()) {
+    Log::info("deployment %s: %s runs when the server offers the action again",
+              state_.actionId.c_str(), state_.describe().c_str());
+    return std::nullopt;
+  }
+  // Resumed in a later run: what is on disk and verifies is kept.
+  if (!streamed && files_.size() != deployment_->chunks.size()) {
+    files_.assign(deployment_->chunks.size(), {});
+    if (!download_.run(*deployment_, *plan_, files_)) {
+      if (stop_.load()) return event(Kind::kStop);
+      state_.details.push_back("the artifacts could not be fetched again to resume the install");
+      return event(Kind::kFailed);
+    }
+  }
+  if (c >= deployment_->chunks.size()) return event(Kind::kFailed);
+  if (!streamed && files_[c].empty()) return exited(Kind::kCommandExited, Exit::kOk);
+  std::string error;
+  if (!lock_.take(stop_, config_.installTimeoutSeconds * 1000LL, error)) {
+    if (error.empty()) return event(Kind::kStop);
+    state_.details.push_back("install command not run: " + error);
+    return event(Kind::kFailed);
+  }
+  std::string const outcomePath =
+      (config_.stateDir.empty() ? config_.downloadDir : config_.stateDir) + "/outcome";
+  std::string ignored;
+  InstallOutcome::remove(outcomePath, ignored);
+  Log::info("deployment %s: %s", state_.actionId.c_str(), state_.describe().c_str());
+  auto& chunk = deployment_->chunks[c];
+  chunk.details.clear();
+  Exit exit = Exit::kFailed;
+  if (streamed) {
+    std::string const sha256 =
+        chunk.artifacts.size() == 1 ? plan_->sha256(chunk.name, chunk.artifacts[0].filename) : "";
+    // The lock goes with the command: held as long as the installer runs,
+    // even past the agent.
+    StreamInstaller::Result const result =
+        streamer_.install(chunk, sha256, state_.actionId, lock_.fd(), outcomePath, outcomeTag());
+    lock_.release();
+    exit = result == StreamInstaller::Result::kDone     ? Exit::kOk
+           : result == StreamInstaller::Result::kReboot ? Exit::kReboot
+           : stop_.load()                               ? Exit::kStopped
+                                                        : Exit::kFailed;
+  } else {
+    CommandOptions options;
+    options.stop = &stop_;
+    options.deadlineMs = config_.installTimeoutSeconds * 1000LL;
+    options.inherit = lock_.fd();
+    options.outcomePath = outcomePath;
+    options.outcomeTag = outcomeTag();
+    options.started = [this](pid_t pid) { lock_.handOver(pid); };
+    CommandResult const result = runCommand(config_.installCommand, files_[c], options);
+    lock_.release();
+    exit = result.stopped         ? Exit::kStopped
+           : result.exitCode == 0 ? Exit::kOk
+           : config_.rebootExitCode >= 0 && result.exitCode == config_.rebootExitCode
+               ? Exit::kReboot
+               : Exit::kFailed;
+    chunk.details.push_back(
+        std::string("install command ") + (exit == Exit::kFailed ? "failed" : "succeeded") + " (" +
+        result.describe() + (exit == Exit::kReboot ? ", reboot needed" : "") + ")");
+    for (auto const& line : result.stderrTail) chunk.details.push_back("install: " + line);
+  }
+  if (exit != Exit::kStopped)
+    state_.details.insert(state_.details.end(), chunk.details.begin(), chunk.details.end());
+  if (exit == Exit::kFailed)
+    Log::error("deployment %s: chunk %s: install command failed", state_.actionId.c_str(),
+               chunk.name.c_str());
+  return exited(Kind::kCommandExited, exit);
+}
+
+std::optional<Event> ActionDriver::recoverInstall() {
+  // An install an earlier run left behind ends before anything else.
+  std::string error;
+  if (!lock_.take(stop_, config_.installTimeoutSeconds * 1000LL, error, false)) {
+    if (error.empty()) return std::nullopt;  // stopping
+    Log::warning("install lock: %s", error.c_str());
+  }
+  lock_.release();
+  std::string const outcomePath =
+      (config_.stateDir.empty() ? config_.downloadDir : config_.stateDir) + "/outcome";
+  CommandResult result;
+  // Ended by a signal (the agent's stop or death ended its group): run again.
+  if (!InstallOutcome::read(outcomePath, outcomeTag(), result) || result.exitCode < 0) {
+    Log::warning("deployment %s: %s was interrupted and left no outcome; it runs again",
+                 state_.actionId.c_str(), state_.describe().c_str());
+    return event(Kind::kNoOutcome);
+  }
+  Exit const exit = result.exitCode == 0 ? Exit::kOk
+                    : config_.rebootExitCode >= 0 && result.exitCode == config_.rebootExitCode
+                        ? Exit::kReboot
+                        : Exit::kFailed;
+  state_.details.push_back("install command " +
+                           std::string(exit == Exit::kFailed ? "failed" : "succeeded") + " (" +
+                           result.describe() + ", ended while the agent was down)");
+  Log::info("deployment %s: %s ended while the agent was down: %s", state_.actionId.c_str(),
+            state_.describe().c_str(), result.describe().c_str());
+  return exited(Kind::kRecovered, exit);
+}
+
+std::optional<Event> ActionDriver::runReboot() {
+  if (config_.rebootCommand.empty()) {
+    Log::info("deployment %s: no reboot-command configured; confirmed after the next boot",
+              state_.actionId.c_str());
+    return std::nullopt;
+  }
+  // Once a run, and again after a failure: 30 s, doubling up to an hour.
+  if (rebooted_ && (!rebootFailed_ || std::chrono::steady_clock::now() < nextReboot_)) {
+    Log::info("deployment %s: installed, waiting for the reboot", state_.actionId.c_str());
+    return std::nullopt;
+  }
+  if (rebooted_) {
+    Log::warning("deployment %s: the reboot command failed before; running it again",
+                 state_.actionId.c_str());
+    rebootRetries_ = std::min(rebootRetries_ + 1, 7);
+  }
+  rebooted_ = true;
+  CommandOptions options;
+  options.stop = &stop_;
+  CommandResult const result = runCommand(config_.rebootCommand, {}, options);
+  rebootFailed_ = result.exitCode != 0 && !result.stopped;
+  nextReboot_ =
+      std::chrono::steady_clock::now() + std::chrono::seconds(std::min(3600, 30 << rebootRetries_));
+  if (rebootFailed_) {
+    Log::error("reboot command: %s", result.describe().c_str());
+    for (auto const& line : result.stderrTail) Log::error("  reboot: %s", line.c_str());
+  } else {
+    Log::info("reboot command: %s", result.describe().c_str());
+  }
+  return exited(Kind::kCommandExited, rebootFailed_ ? Exit::kFailed : Exit::kOk);
+}
+
+std::optional<Event> ActionDriver::confirm() {
+  if (config_.confirmCommand.empty()) {
+    state_.details.push_back("restarted after the reboot; no confirm-command configured");
+    return exited(Kind::kCommandExited, Exit::kOk);
+  }
+  CommandOptions options;
+  options.stop = &stop_;
+  CommandResult const result = runCommand(config_.confirmCommand, {}, options);
+  // A stopped confirmation decides nothing: it runs again at the next start.
+  if (result.stopped) {
+    Log::warning("deployment %s: confirmation stopped; it runs again at the next start",
+                 state_.actionId.c_str());
+    return exited(Kind::kCommandExited, Exit::kStopped);
+  }
+  state_.details.push_back("confirm command: " + result.describe());
+  for (auto const& line : result.stderrTail) state_.details.push_back("confirm: " + line);
+  Log::info("deployment %s: confirmed after the reboot: %s", state_.actionId.c_str(),
+            result.exitCode == 0 ? "success" : result.describe().c_str());
+  return exited(Kind::kCommandExited, result.exitCode == 0 ? Exit::kOk : Exit::kFailed);
+}
+
+std::optional<Event> ActionDriver::report() {
+  Event e = event(Kind::kFeedback);
+  e.answer = reports_.result(state_);
+  if (state_.result == Result::kFailure) failed_ = true;
+  return e;
+}
+
+void ActionDriver::answerCancel(bool accept, ActionState const& before) {
+  if (!cancel_) return;
+  std::string const failure = reports_.cancel(*cancel_, accept);
+  std::string removed;
+  // Downloaded for a maintenance window that no longer matters.
+  if (accept && before.actionId == cancel_->stop_id && before.stage == Stage::kWaitingWindow) {
+    dropFiles(before);
+    removed = ", its downloaded files removed";
+  }
+  Log::info("cancel request for action %s: %s%s", cancel_->stop_id.c_str(),
+            !failure.empty() ? failure.c_str()
+            : accept         ? "feedback sent"
+                             : "rejected (installed already), feedback sent",
+            removed.c_str());
+}
+
+void ActionDriver::dropFiles(ActionState const& state) const {
+  if (state.stage != Stage::kDownloading && state.stage != Stage::kWaitingWindow) return;
+  for (auto const& name : state.chunks) {
+    if (!DeploymentDownload::safeName(name)) continue;
+    std::string const dir = config_.downloadDir + "/" + name;
+    DIR* const listing = opendir(dir.c_str());
+    if (!listing) continue;
+    std::vector<std::string> entries;
+    while (dirent const* entry = readdir(listing)) {
+      std::string const file = entry->d_name;
+      if (file != "." && file != "..") entries.push_back(dir + "/" + file);
+    }
+    closedir(listing);
+    for (auto const& file : entries) unlink(file.c_str());
+    rmdir(dir.c_str());
+  }
+}

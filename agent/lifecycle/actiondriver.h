@@ -1,0 +1,87 @@
+#ifndef TAMREL_AGENT_LIFECYCLE_ACTIONDRIVER_H_
+#define TAMREL_AGENT_LIFECYCLE_ACTIONDRIVER_H_
+
+#include <atomic>
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "agent/base/agentconfig.h"
+#include "agent/base/deploymentplan.h"
+#include "agent/commands/installlock.h"
+#include "agent/commands/streaminstaller.h"
+#include "agent/lifecycle/actionmachine.h"
+#include "agent/lifecycle/actionrecord.h"
+#include "agent/lifecycle/actionreports.h"
+#include "agent/server/agenttransport.h"
+#include "agent/server/serverrequest.h"
+#include "agent/transfer/deploymentdownload.h"
+#include "plugin/libtamrelcore.h"
+
+// Feeds what the world does to ActionMachine and does the work it names:
+// each next state is recorded (ActionRecord) before its work starts, and
+// what came of the work is fed in again. A state that cannot be recorded
+// stops the action where it is for the rest of the run. Runs on the polling
+// thread.
+class ActionDriver {
+ public:
+  using deployment_t = hawkbit_query_t::deployment_t;
+
+  ActionDriver(libtamrelcore& client, AgentConfig const& config, AgentTransport& transport,
+               ServerRequest const& server, DeploymentDownload& download, InstallLock& lock,
+               StreamInstaller& streamer, std::atomic<bool> const& stop);
+
+  // Reads the record and resumes it (`baseUrl`: the controller's resource).
+  void start(std::string const& baseUrl);
+  // A poll offers `deployment` (its id a decimal number); false when the
+  // action failed or cannot be served now.
+  bool offered(deployment_t& deployment, DeploymentPlan const& plan);
+  // A poll that got through offers no action.
+  void notOffered();
+  // The server asks to cancel `cancel.stop_id`.
+  void cancel(hawkbit_query_t::cancel_action_t const& cancel);
+  ActionState const& state() const { return state_; }
+
+ private:
+  using Event = ActionMachine::Event;
+  using Work = ActionMachine::Work;
+  void feed(Event event);
+  std::optional<Event> perform(Work work, ActionState const& before);
+  std::optional<Event> download();
+  std::optional<Event> install();
+  std::optional<Event> recoverInstall();
+  std::optional<Event> runReboot();
+  std::optional<Event> confirm();
+  std::optional<Event> report();
+  // Sends "proceeding" for the action with `detail`; the server's answer.
+  ActionMachine::Answer proceed(std::string const& detail);
+  void answerCancel(bool accept, ActionState const& before);
+  // Removes the downloaded files of the chunks of `state`.
+  void dropFiles(ActionState const& state) const;
+  bool current() const { return deployment_ && deployment_->id == state_.actionId; }
+  std::string outcomeTag() const;
+
+  AgentConfig const& config_;
+  DeploymentDownload& download_;
+  InstallLock& lock_;
+  StreamInstaller& streamer_;
+  std::atomic<bool> const& stop_;
+  ActionRecord record_;
+  ActionReports reports_;
+  ActionState state_;
+  std::string unreadable_;  // why the record cannot be read: nothing is installed
+  std::string halted_;      // why the action stopped where it is, for this run
+  bool failed_ = false;     // the action failed in this poll
+  // What the poll being answered brought; nullptr outside offered()/cancel().
+  deployment_t* deployment_ = nullptr;
+  DeploymentPlan const* plan_ = nullptr;
+  hawkbit_query_t::cancel_action_t const* cancel_ = nullptr;
+  std::vector<std::vector<std::string>> files_;  // the current action's downloaded files
+  bool rebooted_ = false;                        // reboot-command ran in this run
+  bool rebootFailed_ = false;
+  int rebootRetries_ = 0;
+  std::chrono::steady_clock::time_point nextReboot_;
+};
+
+#endif  // TAMREL_AGENT_LIFECYCLE_ACTIONDRIVER_H_
