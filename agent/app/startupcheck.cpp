@@ -116,10 +116,6 @@ std::string prepare(char const* key, std::string const& path, bool create) {
 }  // namespace
 
 std::string checkHost(AgentConfig const& config) {
-  // Where an action stands is recorded in state-dir before each step: without
-  // it a restart would install again.
-  if (config.stateDir.empty())
-    return where(config, "state-dir") + "state-dir must name a directory";
   struct Dir {
     char const* key;
     std::string const& path;
@@ -130,6 +126,14 @@ std::string checkHost(AgentConfig const& config) {
     std::string const problem = directory(dir.key, dir.path, dir.create);
     if (!problem.empty()) return where(config, dir.key) + problem;
   }
+  // Where an action stands is recorded in state-dir before each step: without
+  // it a restart would install again.
+  if (config.stateDir.empty())
+    return where(config, "state-dir") + "state-dir must name a directory";
+  // Where an action stands is recorded in state-dir before each step: without
+  // it a restart would install again.
+  if (config.stateDir.empty())
+    return where(config, "state-dir") + "state-dir must name a directory";
   // A reboot without its record would install again after it, or never
   // confirm.
   if (config.rebootExitCode >= 0 &&
