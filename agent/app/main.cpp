@@ -1,6 +1,11 @@
 // tamrel-agent: the reference host of libtamrelcore. Reads its settings,
 // checks the host and runs the update loop with the library embedded.
+#include <fcntl.h>
 #include <stdlib.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include <algorithm>
 #include <cstdio>
@@ -38,6 +43,31 @@ char const kHelp[] =
     "                     tell the server the device runs this distribution set (installed\n"
     "                     without it); exit 0 when the server accepted it, 3 when not\n"
     "  --help, --version\n\n";
+
+// One agent a state directory: an exclusive lock on a file in it, held
+// for the agent's life (and never handed to a command).
+class AgentLock {
+ public:
+  // "" when taken, else why not.
+  std::string take(std::string const& path) {
+    fd_ = open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd_ < 0) return "cannot open " + path + ": " + std::strerror(errno);
+    while (flock(fd_, LOCK_EX | LOCK_NB) != 0) {
+      if (errno == EINTR) continue;
+      if (errno == EWOULDBLOCK)
+        return "another tamrel-agent runs with this state (" + path +
+               " is locked); refusing to start a second one";
+      return "cannot lock " + path + ": " + std::strerror(errno);
+    }
+    return std::string();
+  }
+  ~AgentLock() {
+    if (fd_ >= 0) close(fd_);
+  }
+
+ private:
+  int fd_ = -1;
+};
 
 std::string exitCodesHelp() {
   std::string text = "\nexit status:\n";
@@ -105,6 +135,16 @@ int main(int argc, char** argv) {
   if (!credentials.error().empty()) {
     std::fprintf(stderr, "tamrel-agent: %s\n", credentials.error().c_str());
     return kExitConfig;
+  }
+  // Reporting a version may run beside the agent; nothing else may.
+  AgentLock lock;
+  if (installed.empty()) {
+    std::string const busy = lock.take(config.stateDir.empty() ? config.downloadDir + "/.agent.lock"
+                                                               : config.stateDir + "/agent.lock");
+    if (!busy.empty()) {
+      std::fprintf(stderr, "tamrel-agent: %s\n", busy.c_str());
+      return kExitConfig;
+    }
   }
   std::printf("tamrel-agent %s\n", TAMREL_VERSION);
 

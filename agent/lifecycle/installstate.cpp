@@ -89,7 +89,7 @@ bool InstallState::clear(std::string& error) const {
 }
 
 bool InstallState::confirm(std::string const& confirmCommand, Pending& pending, std::string& error,
-                           std::atomic<bool> const* stop) const {
+                           std::atomic<bool> const* stop, std::int64_t deadlineMs) const {
   if (!pending.result.empty()) return true;
   if (confirmCommand.empty()) {
     pending.result = "success";
@@ -97,6 +97,7 @@ bool InstallState::confirm(std::string const& confirmCommand, Pending& pending, 
   } else {
     CommandOptions options;
     options.stop = stop;
+    options.deadlineMs = deadlineMs;
     CommandResult const result = runCommand(confirmCommand, {}, options);
     // A stopped confirmation decides nothing: it runs again at the next start.
     if (result.stopped) {

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -44,9 +45,10 @@ class InstallState {
   // already, runs `confirmCommand` (exit 0: success; none configured: the
   // restart is success) and records its result before anything is
   // reported, so that the command runs again only after a crash during it.
-  // False, with nothing recorded, when a stop request ended the command.
+  // False, with nothing recorded, when a stop request ended the command;
+  // past `deadlineMs` (0: none) it is ended and the result is a failure.
   bool confirm(std::string const& confirmCommand, Pending& pending, std::string& error,
-               std::atomic<bool> const* stop = nullptr) const;
+               std::atomic<bool> const* stop = nullptr, std::int64_t deadlineMs = 0) const;
   // "" when `text` is a complete record, otherwise what is wrong with it.
   static std::string parse(std::string const& text, Pending& pending);
   // The closing feedback for a confirmed action.

@@ -102,6 +102,7 @@ bool RebootConfirmation::finish(hawkbit_query_t::deployment_t& deployment, bool 
 bool RebootConfirmation::runReboot() {
   CommandOptions options;
   options.stop = &stop_;
+  options.deadlineMs = config_.rebootTimeoutSeconds * 1000LL;
   CommandResult const result = runCommand(config_.rebootCommand, {}, options);
   Log::info("reboot command: %s", result.describe().c_str());
   for (auto const& line : result.stderrTail) Log::info("  reboot: %s", line.c_str());
@@ -158,7 +159,8 @@ bool RebootConfirmation::confirm() {
     announceAndReboot(deployment, pending);
     return true;
   }
-  if (!state_.confirm(config_.confirmCommand, pending, error, &stop_)) {
+  if (!state_.confirm(config_.confirmCommand, pending, error, &stop_,
+                      config_.confirmTimeoutSeconds * 1000LL)) {
     Log::info("deployment %s: confirmation stopped; it runs again at the next start",
               pending.actionId.c_str());
     return false;
