@@ -44,20 +44,20 @@ char const kHelp[] =
     "                     without it); exit 0 when the server accepted it, 3 when not\n"
     "  --help, --version\n\n";
 
-// One agent a state directory: an exclusive lock on a file in it, held
-// for the agent's life (and never handed to a command).
+// One agent a state directory: an exclusive lock on the directory itself
+// (no file to leave behind), held for the agent's life and never handed to
+// a command.
 class AgentLock {
  public:
   // "" when taken, else why not.
-  std::string take(std::string const& path) {
-    fd_ = open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (fd_ < 0) return "cannot open " + path + ": " + std::strerror(errno);
+  std::string take(std::string const& dir) {
+    fd_ = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd_ < 0) return "cannot open " + dir + ": " + std::strerror(errno);
     while (flock(fd_, LOCK_EX | LOCK_NB) != 0) {
       if (errno == EINTR) continue;
       if (errno == EWOULDBLOCK)
-        return "another tamrel-agent runs with this state (" + path +
-               " is locked); refusing to start a second one";
-      return "cannot lock " + path + ": " + std::strerror(errno);
+        return "another tamrel-agent runs with " + dir + "; refusing to start a second one";
+      return "cannot lock " + dir + ": " + std::strerror(errno);
     }
     return std::string();
   }
@@ -139,8 +139,8 @@ int main(int argc, char** argv) {
   // Reporting a version may run beside the agent; nothing else may.
   AgentLock lock;
   if (installed.empty()) {
-    std::string const busy = lock.take(config.stateDir.empty() ? config.downloadDir + "/.agent.lock"
-                                                               : config.stateDir + "/agent.lock");
+    std::string const busy =
+        lock.take(config.stateDir.empty() ? config.downloadDir : config.stateDir);
     if (!busy.empty()) {
       std::fprintf(stderr, "tamrel-agent: %s\n", busy.c_str());
       return kExitConfig;

@@ -90,5 +90,5 @@ printf '%s\n' "state-dir = $state" 'install-command = true' 'poll-interval-s = 6
 pids+=($!)
 wait_for 'tamrel-agent' "$work/first.log"
 once
-expect "a second agent on the same state-dir" 2 2 'another tamrel-agent runs with this state'
+expect "a second agent on the same state-dir" 2 2 'another tamrel-agent runs with .*state; refusing'
 finish

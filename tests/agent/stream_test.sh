@@ -23,8 +23,8 @@ EOF
 printf '#!/bin/sh\nhead -c 2999999 > /dev/null\n' > "$work/short"
 chmod +x "$work/standin" "$work/early" "$work/short"
 fresh() { rec=$work/rec$n; mkdir -p "$rec"; export RECORD=$rec; }
-# The locks (without a state-dir) are the only files allowed there.
-dl_empty() { [ -z "$(find "$dl" -type f ! -name .install.lock ! -name .agent.lock 2>/dev/null)" ]; }
+# The install lock (without a state-dir) is the only file allowed there.
+dl_empty() { [ -z "$(find "$dl" -type f ! -name .install.lock 2>/dev/null)" ]; }
 # Ended: no such process, or one waiting to be reaped by init.
 gone() { local s; s=$(awk '{print $3}' "/proc/$(cat "$rec/pid")/stat" 2>/dev/null); [ "${s:-Z}" = Z ]; }
 
