@@ -36,10 +36,11 @@ kill -TERM $apid; wait $apid
 code=$?
 check "SIGTERM during a deaf install: exit 0, its group gone, the lock free" \
   eval 'test $code -eq 0 && gone && lock_free "$dl/.install.lock"'
-sed -i "s|^install-command = .*|install-command = echo start >> $seq; echo end >> $seq|" "$conf"
+sed -i "s|^install-command = .*|install-command = echo start >> $seq; printf 'last words'; echo end >> $seq|" "$conf"
 once
 check "SIGTERM during a deaf install: installed again after, alone" \
   eval 'test "$(tr "\n" " " < "$seq")" = "start start end " && closed_with success'
+check "a last line without a line break is a line of its own" grep -q 'Z last words$' "$(alog)"
 
 # kill -9 mid-stream: the orphaned installer never sees the end of its input.
 rm -f "$seq"; serve --slow 100
