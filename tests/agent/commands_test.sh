@@ -63,8 +63,8 @@ check "kill -9 mid-stream: the installer is killed, the lock freed, no clean end
 
 # kill -9 during a chatty install: it writes on and finishes.
 rm -f "$seq"; serve; mkfifo "$work/go"
-printf '%s\n' "install-command = echo installing; read x < $work/go; head -c 500000 /dev/zero;"\
-" head -c 500000 /dev/zero >&2; echo end >> $seq" >> "$conf"
+printf '%s\n' "install-command = echo installing; read x < $work/go && head -c 500000 /dev/zero &&"\
+" head -c 500000 /dev/zero >&2 && echo end >> $seq" >> "$conf"
 "$agent" --once --config "$conf" > "$(alog)" 2>&1 &
 apid=$!
 wait_for installing "$(alog)"
