@@ -163,6 +163,11 @@ confirmed='confirm command: exit 0'
 device rauc good.raucb; agent
 check "rauc: slot B written, B primary once, reboot asked, nothing closed" \
   eval 'installed_once && file_is "$boot/primaries" B && test -z "$(closing)"'
+# The same bundle again before the reboot (a power loss before the agent's
+# record): already staged, nothing installed again.
+check "rauc: the same bundle again before the reboot: already staged, exit 10, no second install" \
+  eval '"$src/rauc/install" --state "$work/state" "$work/good.raucb" 2> "$work/again-rauc"; test $? -eq 10 &&
+        grep -q "already staged in rootfs.1" "$work/again-rauc" && file_is "$boot/primaries" B'
 # The agent starts before the service after this reboot: confirm waits for it.
 boot; agent 'waiting for the RAUC service' LOG 'service B'
 check "rauc: confirmed after the reboot (warnings on stderr), closed success once, B marked good" \
@@ -211,10 +216,14 @@ check "rauc url, an untrusted bundle: RAUC's reason, nothing installed" \
 device swupdate good.swu; agent
 check "swupdate: slot B written, boot_slot B on trial, reboot asked" \
   eval 'installed_once && env_is boot_slot B && env_is upgrade_available 1'
-# The reboot did not happen: still running A, a second install is refused.
-check "swupdate: a second install before the reboot is refused, slot A untouched" eval \
-  'refuses "$src/swupdate/install --key $keys/swu.pem --cmdline $dev/cmdline $work/good.swu" "waits for its trial boot" &&
-   installed_once'
+# The reboot did not happen: still running A. The same image again (a power
+# loss before the agent's record) is already staged; another is refused.
+again="$src/swupdate/install --key $keys/swu.pem --cmdline $dev/cmdline --state $work/state"
+check "swupdate: the same image again before the reboot: already staged, exit 10, slot A untouched" eval \
+  'sh -c "$again $work/good.swu" 2> "$work/again"; test $? -eq 10 && grep -q "already staged in slot B" "$work/again" &&
+   installed_once && env_is boot_slot B && env_is upgrade_available 1'
+check "swupdate: another image before the reboot is refused, slot A untouched" eval \
+  'refuses "$again $work/other.swu" "waits for its trial boot" && installed_once'
 echo "boot$((++boots))" > "$dev/boot-id"; echo 'quiet tamrel.slot=B' > "$dev/cmdline"; agent
 check "swupdate: confirmed after the reboot, closed success once, trial ended" \
   eval 'closed_once success "$confirmed" && env_is upgrade_available 0 && reboots 1'

@@ -1,6 +1,11 @@
 // tamrel-agent: the reference host of libtamrelcore. Reads its settings,
 // checks the host and runs the update loop with the library embedded.
+#include <fcntl.h>
 #include <stdlib.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include <algorithm>
 #include <cstdio>
@@ -9,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "agent/app/agentlock.h"
 #include "agent/app/signalthread.h"
 #include "agent/app/startupcheck.h"
 #include "agent/base/agentconfig.h"
@@ -111,6 +117,15 @@ int main(int argc, char** argv) {
   if (!problem.empty()) {
     Log::error("%s", problem.c_str());
     return kExitConfig;
+  }
+  // Reporting a version may run beside the agent; nothing else may.
+  AgentLock lock;
+  if (installed.empty()) {
+    std::string const busy = lock.take(config.stateDir);
+    if (!busy.empty()) {
+      Log::error("%s", busy.c_str());
+      return kExitConfig;
+    }
   }
   Log::info("tamrel-agent %s", TAMREL_VERSION);
 

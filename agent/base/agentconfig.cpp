@@ -112,9 +112,13 @@ std::vector<AgentConfig::Key> const& AgentConfig::keys() {
       {"reboot-exit-code", K::kNumber, false, "", "install exit status meaning reboot needed", 1,
        255},
       {"reboot-command", K::kText, false, "", "run for that reboot", 0, 0},
+      {"reboot-timeout-s", K::kNumber, false, "300",
+       "deadline of reboot-command; past it: ended, failed, run again later", 1, 86400},
       {"boot-id-file", K::kText, false, "/proc/sys/kernel/random/boot_id",
        "tells whether that reboot happened", 0, 0},
       {"confirm-command", K::kText, false, "", "run after that reboot; exit 0 confirms", 0, 0},
+      {"confirm-timeout-s", K::kNumber, false, "300",
+       "deadline of confirm-command; past it: ended, the update failed", 1, 86400},
       {"trusted-hosts", K::kText, false, "",
        "hosts besides address that get the credentials: host[:port], ...", 0, 0},
       {"attribute.NAME", K::kAttribute, false, "", "sent as config data (<= 128 characters)", 0, 0},
@@ -178,6 +182,8 @@ void AgentConfig::storeNumber(std::string const& key, long long value) {
       {"poll-interval-s", [](AgentConfig& c, long long v) { c.pollIntervalSeconds = v; }},
       {"max-poll-interval-s", [](AgentConfig& c, long long v) { c.maxPollIntervalSeconds = v; }},
       {"consent-timeout-s", [](AgentConfig& c, long long v) { c.consentTimeoutSeconds = int(v); }},
+      {"reboot-timeout-s", [](AgentConfig& c, long long v) { c.rebootTimeoutSeconds = int(v); }},
+      {"confirm-timeout-s", [](AgentConfig& c, long long v) { c.confirmTimeoutSeconds = int(v); }},
   };
   for (Field const& field : fields) {
     if (key == field.key) field.store(*this, value);

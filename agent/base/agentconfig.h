@@ -52,6 +52,8 @@ class AgentConfig {
   std::string installCommand;            // run by /bin/sh -c, the files as $1, $2, ...
   std::string rebootCommand;             // "reboot-command"
   std::string confirmCommand;            // "confirm-command", run at start after a reboot
+  int rebootTimeoutSeconds = 0;          // "reboot-timeout-s"
+  int confirmTimeoutSeconds = 0;         // "confirm-timeout-s"
   std::string bootIdFile;                // "boot-id-file": changes with every boot
   std::string trustedHosts;              // "trusted-hosts": host[:port], ... given credentials
   std::string gatewayToken;              // "gateway-token", else a target token or none

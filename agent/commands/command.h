@@ -17,7 +17,7 @@
 struct CommandResult {
   bool started = false;
   int exitCode = -1;      // -1: ended by a signal
-  int signal = 0;         // the signal that ended it, if one did
+  int signal = 0;         // the signal that ended it, if one did (0: not known)
   bool stopped = false;   // a stop request ended it
   bool timedOut = false;  // its deadline ended it
   std::vector<std::string> stderrTail;
@@ -28,12 +28,14 @@ struct CommandResult {
 
 struct CommandOptions {
   // Once *stop is set the command's process group gets SIGTERM, and SIGKILL
-  // kCommandKillAfterMs later; the same past the deadline.
+  // kCommandKillAfterMs later; the same past the deadline. The result comes
+  // once no process of the group is left.
   std::atomic<bool> const* stop = nullptr;
   std::int64_t deadlineMs = 0;  // 0: none
-  // A descriptor (the install lock) kept open exactly as long as the command
-  // runs, by a process between the agent and the command: it outlives the
-  // agent, and not the command; -1: none.
+  // A descriptor (the install lock) kept open until no process of the
+  // command's group is left, by the process between the agent and the
+  // command (CommandHolder): it outlives the agent, and not the group; -1:
+  // none.
   int inherit = -1;
   // Where the process between the agent and the command writes how the
   // command ended (InstallOutcome), tagged `outcomeTag`, once none of its
@@ -44,15 +46,16 @@ struct CommandOptions {
   std::function<void(pid_t)> started;
 };
 
-// The command always runs in a process group of its own. Returns once it has
-// exited; whatever it left running in the background and still holding its
-// output is not waited for beyond a short drain.
+// The command always runs in a process group of its own. Returns once no
+// process of the group is left: what the command leaves running in its group
+// when it exits is ended (SIGTERM, then SIGKILL). Output held by something
+// that left the group is not waited for beyond a short drain.
 CommandResult runCommand(std::string const& command, std::vector<std::string> const& args = {},
                          CommandOptions const& options = {});
 
 inline constexpr std::size_t kCommandTailLines = 5;    // of standard error, kept
 inline constexpr std::size_t kCommandLineBytes = 200;  // of each of them
 inline constexpr int kCommandKillAfterMs = 3000;
-inline constexpr int kCommandDrainMs = 200;  // output read after the command exited
+inline constexpr int kCommandDrainMs = 200;  // output read after the group ended
 
 #endif  // TAMREL_AGENT_COMMANDS_COMMAND_H_

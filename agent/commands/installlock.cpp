@@ -59,8 +59,8 @@ void InstallLock::handOver(pid_t pid) {
   std::string const text = std::to_string(pid);
   if (ftruncate(fd_, 0) != 0 ||
       pwrite(fd_, text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
-    Log::info("install lock %s: cannot note pid %d: %s", path_.c_str(), int(pid),
-              std::strerror(errno));
+    Log::warning("install lock %s: cannot note pid %d: %s", path_.c_str(), int(pid),
+                 std::strerror(errno));
   }
   release();
 }

@@ -98,19 +98,21 @@ StreamInstaller::StreamInstaller(AgentTransport& transport, AgentConfig const& c
                                  std::atomic<bool> const& stop)
     : transport_(transport), config_(config), stop_(stop) {}
 
-std::unique_ptr<InstallChild> StreamInstaller::start(std::string const& command,
-                                                     std::string const& argument,
-                                                     std::vector<std::string> const& environment,
-                                                     int stdinFd, int keepFd) const {
-  InstallChild::Options options;
-  options.command = command;
+std::unique_ptr<RunningCommand> StreamInstaller::start(std::string const& argument,
+                                                       std::vector<std::string> const& environment,
+                                                       int stdinFd, int heldInput,
+                                                       Hold const& hold) const {
+  RunningCommand::Options options;
+  options.command = config_.installCommand;
   options.args = {argument};
   options.environment = environment;
   options.stdinFd = stdinFd;
-  options.keepFd = keepFd;
-  options.outcomePath = outcomePath_;
-  options.outcomeTag = outcomeTag_;
-  return std::make_unique<InstallChild>(options);
+  options.heldInput = heldInput;
+  options.lockFd = hold.lockFd;
+  options.deadlineMs = config_.installTimeoutSeconds * 1000LL;
+  options.outcomePath = hold.outcomePath;
+  options.outcomeTag = hold.outcomeTag;
+  return std::make_unique<RunningCommand>(options);
 }
 
 std::string StreamInstaller::credentials(std::string const& url) const {
@@ -137,9 +139,7 @@ StreamInstaller::Result StreamInstaller::install(chunk_t& chunk, std::string con
                                                  std::string const& actionId, int keepFd,
                                                  std::string const& outcomePath,
                                                  std::string const& outcomeTag) {
-  outcomePath_ = outcomePath;
-  outcomeTag_ = outcomeTag;
-  Outcome const outcome = run(chunk, sha256, actionId, keepFd);
+  Outcome const outcome = run(chunk, sha256, actionId, {keepFd, outcomePath, outcomeTag});
   if (!outcome.command.started) return Result::kFailed;
   int const code = outcome.command.exitCode;
   Result const result = !outcome.delivered ? Result::kFailed
@@ -156,7 +156,7 @@ StreamInstaller::Result StreamInstaller::install(chunk_t& chunk, std::string con
 }
 
 StreamInstaller::Outcome StreamInstaller::run(chunk_t& chunk, std::string const& sha256,
-                                              std::string const& actionId, int keepFd) {
+                                              std::string const& actionId, Hold const& hold) {
   std::vector<std::string>& details = chunk.details;
   std::string const& mode = config_.installMode;
   if (chunk.artifacts.size() != 1) {
@@ -198,16 +198,17 @@ StreamInstaller::Outcome StreamInstaller::run(chunk_t& chunk, std::string const&
     digests.push_back({digest.kind, digest.name, hex});
     environment.push_back(std::string(digest.variable) + "=" + hex);
   }
-  if (mode == "url") return handOver(link->second, environment, keepFd, details);
+  if (mode == "url") return handOver(link->second, environment, hold, details);
   if (digests.empty()) {
     details.push_back(artifact.filename + ": refused, the server lists no digest");
     return Outcome();
   }
-  return stream(artifact, link->second, digests, environment, keepFd, details);
+  return stream(artifact, link->second, digests, environment, hold, details);
 }
 
 StreamInstaller::Outcome StreamInstaller::handOver(std::string const& url,
-                                                   std::vector<std::string> environment, int keepFd,
+                                                   std::vector<std::string> environment,
+                                                   Hold const& hold,
                                                    std::vector<std::string>& details) {
   Outcome outcome;
   // Removed as this returns, whatever the command did.
@@ -219,7 +220,7 @@ StreamInstaller::Outcome StreamInstaller::handOver(std::string const& url,
   }
   environment.push_back("TAMREL_CREDENTIALS_FILE=" + file.path());
   Log::info("url: the install command fetches %s", url.c_str());
-  auto child = start(config_.installCommand, url, environment, -1, keepFd);
+  auto child = start(url, environment, -1, -1, hold);
   if (!child->started()) {
     details.push_back("install command could not be started");
     return outcome;
@@ -235,7 +236,8 @@ StreamInstaller::Outcome StreamInstaller::handOver(std::string const& url,
 StreamInstaller::Outcome StreamInstaller::stream(artifact_t const& artifact, std::string const& url,
                                                  std::vector<PipeSink::Expected> const& digests,
                                                  std::vector<std::string> const& environment,
-                                                 int keepFd, std::vector<std::string>& details) {
+                                                 Hold const& hold,
+                                                 std::vector<std::string>& details) {
   Outcome outcome;
   std::string const& name = artifact.filename;
   if (artifact.size >= (std::uint64_t{1} << 32)) {
@@ -251,8 +253,9 @@ StreamInstaller::Outcome StreamInstaller::stream(artifact_t const& artifact, std
   // A larger pipe lets the reader and the network overlap; the default is
   // kept when the system refuses.
   fcntl(fds[1], F_SETPIPE_SZ, 1 << 20);
-  std::unique_ptr<InstallChild> child =
-      start(config_.installCommand, name, environment, fds[0], keepFd);
+  // The holder keeps a writing end too: the command sees the end of its
+  // input only once the whole verified artifact went out (inputDone()).
+  std::unique_ptr<RunningCommand> child = start(name, environment, fds[0], fds[1], hold);
   // The agent keeps a reading end too: it does not hold back the end of the
   // input (that takes the last writer), and shows what the command left
   // unread when it exits.
@@ -322,7 +325,7 @@ StreamInstaller::Outcome StreamInstaller::stream(artifact_t const& artifact, std
     why = "cut short at " + std::to_string(pipe.received()) + " of " +
           std::to_string(artifact.size) + " bytes (" + problem + ") after " +
           std::to_string(attempt) + " attempt(s)";
-    if (attempt < attempts) Log::info("stream: %s: %s, resuming", name.c_str(), why.c_str());
+    if (attempt < attempts) Log::warning("stream: %s: %s, resuming", name.c_str(), why.c_str());
   }
 
   if (stop_.load()) {
@@ -337,6 +340,7 @@ StreamInstaller::Outcome StreamInstaller::stream(artifact_t const& artifact, std
   }
   std::string problem = why;
   if (problem.empty() && pipe.finish(problem)) {
+    child->inputDone();
     outcome.command = child->wait(&stop_);
     int left = 0;
     if (unread.fd >= 0 && ioctl(unread.fd, FIONREAD, &left) == 0 && left > 0) {

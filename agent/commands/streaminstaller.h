@@ -9,7 +9,7 @@
 
 #include "agent/base/agentconfig.h"
 #include "agent/commands/command.h"
-#include "agent/commands/installchild.h"
+#include "agent/commands/runningcommand.h"
 #include "agent/server/agenttransport.h"
 #include "agent/transfer/pipesink.h"
 #include "plugin/libtamrelcore.h"
@@ -27,8 +27,11 @@
 //    the agent's user can read, named by TAMREL_CREDENTIALS_FILE and removed
 //    after the run. The agent checks none of the bytes.
 // Both put the artifact's size, digests and the action id in the command's
-// environment. The command starts in one place, start(), which hands on
-// one descriptor the caller wants the command to hold (an install lock).
+// environment, and run it under install-timeout-s. The command starts in one
+// place, start(), whose holder keeps the install lock until no process of
+// the command's group is left and writes how it ended (InstallOutcome). A
+// stream's input ends for the command only once the whole verified artifact
+// was handed over: an agent that dies before takes the command with it.
 class StreamInstaller {
  public:
   using chunk_t = hawkbit_query_t::deployment_t::chunk_t;
@@ -42,12 +45,12 @@ class StreamInstaller {
   // what happened to chunk.details: done on exit 0, reboot on
   // reboot-exit-code, only when the stream came whole and verified (url
   // mode: when the command ran). `sha256` is the digest the deployment
-  // lists ("" when none); `keepFd` is handed on to the command (-1: none).
-  // `outcomePath`/`outcomeTag`: where and under which tag the command's end
-  // is kept for a later start (InstallOutcome; "": nowhere).
+  // lists ("" when none); `keepFd` (the install lock) is kept until no
+  // process of the command's group is left (-1: none); the command's outcome
+  // goes to `outcomePath` tagged `outcomeTag` ("": nowhere).
   Result install(chunk_t& chunk, std::string const& sha256, std::string const& actionId,
-                 int keepFd = -1, std::string const& outcomePath = std::string(),
-                 std::string const& outcomeTag = std::string());
+                 int keepFd = -1, std::string const& outcomePath = "",
+                 std::string const& outcomeTag = "");
 
   // The credentials file's content for `url` (curl's config format: curl -K
   // reads it): the authorization header for the server and trusted hosts,
@@ -60,22 +63,28 @@ class StreamInstaller {
     bool delivered = false;
     CommandResult command;
   };
-  Outcome run(chunk_t& chunk, std::string const& sha256, std::string const& actionId, int keepFd);
+  // What the command is handed besides its input.
+  struct Hold {
+    int lockFd;
+    std::string const& outcomePath;
+    std::string const& outcomeTag;
+  };
+  Outcome run(chunk_t& chunk, std::string const& sha256, std::string const& actionId,
+              Hold const& hold);
   Outcome stream(artifact_t const& artifact, std::string const& url,
                  std::vector<PipeSink::Expected> const& digests,
-                 std::vector<std::string> const& environment, int keepFd,
+                 std::vector<std::string> const& environment, Hold const& hold,
                  std::vector<std::string>& details);
-  Outcome handOver(std::string const& url, std::vector<std::string> environment, int keepFd,
+  Outcome handOver(std::string const& url, std::vector<std::string> environment, Hold const& hold,
                    std::vector<std::string>& details);
   // Starts the install command: the one place it is started.
-  std::unique_ptr<InstallChild> start(std::string const& command, std::string const& argument,
-                                      std::vector<std::string> const& environment, int stdinFd,
-                                      int keepFd) const;
+  std::unique_ptr<RunningCommand> start(std::string const& argument,
+                                        std::vector<std::string> const& environment, int stdinFd,
+                                        int heldInput, Hold const& hold) const;
 
   AgentTransport& transport_;
   AgentConfig const& config_;
   std::atomic<bool> const& stop_;
-  std::string outcomePath_, outcomeTag_;  // of the install running
 };
 
 #endif  // TAMREL_AGENT_COMMANDS_STREAMINSTALLER_H_

@@ -377,6 +377,7 @@ std::optional<Event> ActionDriver::runReboot() {
   rebooted_ = true;
   CommandOptions options;
   options.stop = &stop_;
+  options.deadlineMs = config_.rebootTimeoutSeconds * 1000LL;
   CommandResult const result = runCommand(config_.rebootCommand, {}, options);
   rebootFailed_ = result.exitCode != 0 && !result.stopped;
   nextReboot_ =
@@ -397,6 +398,8 @@ std::optional<Event> ActionDriver::confirm() {
   }
   CommandOptions options;
   options.stop = &stop_;
+  // Past its deadline the confirmation is a failure, never a wait for good.
+  options.deadlineMs = config_.confirmTimeoutSeconds * 1000LL;
   CommandResult const result = runCommand(config_.confirmCommand, {}, options);
   // A stopped confirmation decides nothing: it runs again at the next start.
   if (result.stopped) {

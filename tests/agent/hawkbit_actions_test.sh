@@ -35,12 +35,13 @@ check "maintenance window: waited, then installed; fetched once" \
   eval 'window_order && closed_with success && installed_once && fetched 1'
 
 # Reboot flow: the install command asks for a reboot, the reboot command
-# kills the agent (as a reboot would) and gives the next start another boot
+# kills the agent (as a reboot would; its parent is the process between the
+# agent and it) and gives the next start another boot
 # id; the next start confirms.
 reboot_settings() {  # confirm command [reboot command]
   sed -i "s|^state-dir = .*|state-dir = $work/state|" "$conf"
   printf '%s\n' "${install/exit 0/exit 7}" 'reboot-exit-code = 7' \
-    "boot-id-file = $work/boot_id" "reboot-command = ${2:-echo \$\$ > $work/boot_id; kill -KILL \$PPID}" \
+    "boot-id-file = $work/boot_id" "reboot-command = ${2:-echo \$\$ > $work/boot_id; kill -KILL \$(ps -o ppid= -p \$PPID)}" \
     "confirm-command = $1" >> "$conf"
 }
 # No action in flight is recorded (none, or the last one closed).
@@ -68,7 +69,7 @@ reboot_flow 'echo said no >&2; exit 1' failure
 # asks for the reboot again; the start after that reboot confirms.
 rm -f "$work/first"
 serve
-reboot_settings 'echo said ok >&2' "test -e $work/first && echo \$\$ > $work/boot_id; touch $work/first; kill -KILL \$PPID"
+reboot_settings 'echo said ok >&2' "test -e $work/first && echo \$\$ > $work/boot_id; touch $work/first; kill -KILL \$(ps -o ppid= -p \$PPID)"
 for run in 1 2 3; do "$agent" --once --config "$conf" > "$work/boot$run.log" 2>&1; done
 check "reboot that never happened: not confirmed, reboot asked again, then confirmed once" \
   eval 'grep -q "still the boot that installed it" "$work/boot2.log" && ! grep -q "confirmed" "$work/boot2.log" &&

@@ -9,8 +9,9 @@ set -uo pipefail
 . "$(dirname "$0")/lib.sh"
 artifact 300000
 inst=$work/installed
-# A background child keeps the command's standard error open: the agent must
-# not wait for it (it is still running when the agent has finished).
+# A background child keeps the command's standard error open: it is ended
+# with the command's group once the command exits (gone when the agent has
+# finished).
 children=$work/children
 trap 'xargs -r kill < "$children" 2>/dev/null; cleanup' EXIT
 install='install-command = sleep 300 & echo $! >> '"$children"'; printf "%s\n" "$#" "$@" > '"$inst"'; echo "last words" >&2; exit 0'
@@ -25,9 +26,9 @@ row() {  # description, expectation, server options, agent settings (shell words
   eval "run_agent ${4:-}"
   check "$1" eval "$2"
 }
-row 'installs through sh -c with the files as $1..; its background child not waited for' \
+row 'installs through sh -c with the files as $1..; its background child ended with it' \
   'closed_with success && installed_once && details_have "install command succeeded (exit 0)" &&
-   kill -0 "$(tail -1 "$children")"' \
+   ! kill -0 "$(tail -1 "$children")"' \
   '' '"$install"'
 row 'install failure: exit status and stderr tail in the details' \
   'closed_with failure && details_have "(exit 3)" && details_have "install: last words"' \

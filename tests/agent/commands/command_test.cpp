@@ -1,20 +1,24 @@
 // The command runner and the install lock: how a command ended, what of its
 // standard error reaches the feedback, a stop or deadline that ends its whole
-// process group, output it leaves behind, and a lock that lives exactly as
-// long as the command. (Its standard output in the log: lifecycle_test.sh.)
+// process group before the result, and a lock (and the outcome written
+// before it goes) that lives as long as anything of the group, also past the
+// agent's death. (Its standard output in the log: lifecycle_test.sh.)
 #include "agent/commands/command.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <thread>
 
-#include "agent/commands/installchild.h"
 #include "agent/commands/installlock.h"
+#include "agent/commands/installoutcome.h"
+#include "agent/commands/runningcommand.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -27,17 +31,8 @@ long long secondsSince(Clock::time_point start) {
   return std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start).count();
 }
 
-// True once process `pid` has ended (checked for up to 5 s); a zombie waiting
-// for its new parent to reap it has ended.
-bool gone(pid_t pid) {
-  for (int i = 0; i < 500; ++i) {
-    std::string const stat = readFile("/proc/" + std::to_string(pid) + "/stat");
-    std::size_t const end = stat.rfind(')');
-    if (end == std::string::npos || stat.compare(end, 3, ") Z") == 0) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return false;
-}
+// No such process (the holder reaps what the command leaves).
+bool gone(pid_t pid) { return pid > 0 && kill(pid, 0) != 0; }
 
 pid_t pidIn(std::string const& path) {
   std::string const text = readFile(path);
@@ -62,18 +57,16 @@ TEST(Command, HowItEndedAndItsStandardError) {
     CommandResult const result = runCommand(c.command);
     EXPECT_EQ(result.describe(), c.described) << c.command;
     EXPECT_EQ(result.stderrTail, c.tail) << c.command;
-    // A stream's or url's install command ends as described alike.
-    InstallChild::Options options;
-    options.command = c.command;
-    EXPECT_EQ(InstallChild(options).wait(nullptr, false).describe(), c.described) << c.command;
   }
   EXPECT_EQ(runCommand("test \"$2\" = 'b c'", {"a", "b c"}).exitCode, 0);
 }
 
-TEST(Command, AStopOrTheDeadlineEndsTheWholeGroup) {
+TEST(Command, AStopOrTheDeadlineEndsTheWholeGroupBeforeTheResult) {
   TempDir dir;
   std::string const pidFile = dir.path() + "/child";
   std::string const spawn = "sleep 60 & echo $! > " + pidFile + "; ";
+  std::string const deaf =
+      "(trap '' TERM; while :; do sleep 1; done) & echo $! > " + pidFile + "; ";
   struct Case {
     std::string command;
     bool stop;
@@ -82,9 +75,11 @@ TEST(Command, AStopOrTheDeadlineEndsTheWholeGroup) {
   } const cases[] = {
       {spawn + "wait", true, "killed by signal 15, the agent was stopping", 2},
       {spawn + "wait", false, "killed by signal 15, past its deadline", 2},
-      // A command that ignores SIGTERM gets SIGKILL.
-      {"trap '' TERM; " + spawn + "wait; wait", true, "killed by signal 9, the agent was stopping",
+      // A group that ignores SIGTERM gets SIGKILL, its left-behind child too.
+      {"trap '' TERM; " + deaf + "wait; wait", false, "killed by signal 9, past its deadline",
        2 + kCommandKillAfterMs / 1000},
+      // What a command leaves in its group when it exits goes with it.
+      {deaf + "exit 4", false, "exit 4", 2 + kCommandKillAfterMs / 1000},
   };
   for (Case const& c : cases) {
     std::atomic<bool> stop{false};
@@ -113,11 +108,10 @@ TEST(Command, AStopOrTheDeadlineEndsTheWholeGroup) {
   }
 }
 
-TEST(Command, WhatItLeavesRunningIsNotWaitedFor) {
+TEST(Command, OutputHeldByWhatLeftTheGroupIsNotWaitedFor) {
   TempDir dir;
   std::string const pidFile = dir.path() + "/child";
-  // A background child holding the pipes, silent or writing without end.
-  for (char const* child : {"sleep 60", "yes >&2"}) {
+  for (char const* child : {"setsid sleep 60", "setsid yes >&2"}) {
     auto const start = Clock::now();
     CommandResult const result =
         runCommand(std::string(child) + " & echo $! > " + pidFile + "; exit 4");
@@ -127,9 +121,11 @@ TEST(Command, WhatItLeavesRunningIsNotWaitedFor) {
   }
 }
 
-TEST(InstallLock, HeldAsLongAsTheCommandNotItsBackgroundChildren) {
+TEST(InstallLock, HeldUntilNothingOfTheGroupIsLeftTheOutcomeWrittenBefore) {
   TempDir dir;
   std::string const path = dir.path() + "/install.lock", pidFile = dir.path() + "/child";
+  std::string const fifo = dir.path() + "/go", outcome = dir.path() + "/outcome";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   std::atomic<bool> stop{false};
   std::string error;
   InstallLock lock(path), other(path);
@@ -138,28 +134,108 @@ TEST(InstallLock, HeldAsLongAsTheCommandNotItsBackgroundChildren) {
   ASSERT_TRUE(lock.take(stop, 0, error)) << error;
   CommandOptions options;
   options.inherit = lock.fd();
+  options.outcomePath = outcome;
+  options.outcomeTag = "action 7 chunk 1";
   pid_t installer = 0;
   options.started = [&](pid_t pid) {
     installer = pid;
     lock.handOver(pid);
   };
-  // While it runs, the lock is held, and the file names the install.
-  CommandResult const result =
-      runCommand("sleep 60 & echo $! > " + pidFile + "; ! flock -n \"$1\" true", {path}, options);
-  EXPECT_EQ(result.describe(), "exit 0");
+  // The command exits at once, its child (deaf to SIGTERM) lives on until
+  // told; whoever takes the lock next finds the outcome.
+  CommandResult result;
+  std::thread run([&] {
+    result = runCommand("(trap '' TERM; read x < \"$1\") & echo $! > \"$2\"; exit 3",
+                        {fifo, pidFile}, options);
+  });
+  while (pidIn(pidFile) == 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
   EXPECT_EQ(pidIn(path), installer);
-  // Once it ended the lock is free, its background child still running.
-  EXPECT_EQ(kill(pidIn(pidFile), 0), 0);
-  EXPECT_TRUE(other.take(stop, 0, error)) << error;
-  kill(pidIn(pidFile), SIGKILL);
-
-  // Held: waited for up to the limit, or until a stop.
-  EXPECT_FALSE(lock.take(stop, 300, error));
+  EXPECT_FALSE(other.take(stop, 300, error));
   EXPECT_NE(error.find("still runs after"), std::string::npos) << error;
   error.clear();
+  // Whoever gets the lock next finds the outcome.
+  std::thread next([&] {
+    EXPECT_EQ(
+        std::system(("flock " + path + " cat " + outcome + " > " + dir.path() + "/seen").c_str()),
+        0);
+  });
+  tamrel::testing::writeFile(fifo, "go\n");
+  run.join();
+  next.join();
+  EXPECT_EQ(result.describe(), "exit 3");
+  EXPECT_TRUE(gone(pidIn(pidFile)));
+  EXPECT_EQ(readFile(dir.path() + "/seen"), "action 7 chunk 1\nexit 3\n");
+  CommandResult read;
+  EXPECT_TRUE(InstallOutcome::read(outcome, "action 7 chunk 1", read));
+  EXPECT_EQ(read.exitCode, 3);
+
+  // Held: waited for up to the limit, or until a stop.
+  ASSERT_TRUE(lock.take(stop, 0, error)) << error;
+  EXPECT_FALSE(other.take(stop, 300, error));
+  error.clear();
   stop = true;
-  EXPECT_FALSE(lock.take(stop, 0, error));
+  EXPECT_FALSE(other.take(stop, 0, error));
   EXPECT_EQ(error, "");
+}
+
+// An agent killed while its command runs: the holder keeps the lock until
+// the group is gone and records how it ended; a stream the agent did not
+// finish never ends for the command (its group is killed), one it finished
+// does; a chatty command is not killed by its first write.
+TEST(InstallLock, TheHolderOutlivesTheAgent) {
+  struct Case {
+    char const* what;
+    char const* command;  // $1: a FIFO written once the agent is dead
+    bool stream, inputDone;
+    char const* outcome;
+  } const cases[] = {
+      {"stream cut", "cat > /dev/null; echo end > \"$1.end\"", true, false, "signal 9"},
+      {"stream whole", "cat > /dev/null; echo end > \"$1.end\"", true, true, "exit 0"},
+      {"chatty", "read x < \"$1\"; head -c 300000 /dev/zero; head -c 300000 /dev/zero >&2", false,
+       false, "exit 0"},
+  };
+  for (Case const& c : cases) {
+    TempDir dir;
+    std::string const lockPath = dir.path() + "/install.lock", fifo = dir.path() + "/go";
+    std::string const outcome = dir.path() + "/outcome";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    pid_t const agent = fork();
+    if (agent == 0) {
+      std::atomic<bool> stop{false};
+      std::string error;
+      InstallLock lock(lockPath);
+      if (!lock.take(stop, 0, error)) _exit(1);
+      int input[2] = {-1, -1};
+      if (c.stream && pipe2(input, O_CLOEXEC) != 0) _exit(1);
+      RunningCommand::Options options;
+      options.command = c.command;
+      options.args = {fifo};
+      options.stdinFd = input[0];
+      options.heldInput = input[1];
+      options.lockFd = lock.fd();
+      options.outcomePath = outcome;
+      options.outcomeTag = "t";
+      RunningCommand command(options);
+      if (c.stream) {
+        close(input[0]);
+        if (write(input[1], "part", 4) != 4) _exit(1);
+        close(input[1]);
+        if (c.inputDone) command.inputDone();
+      }
+      raise(SIGKILL);
+    }
+    int status = 0;
+    waitpid(agent, &status, 0);
+    ASSERT_TRUE(WIFSIGNALED(status)) << c.what;
+    if (!c.stream) tamrel::testing::writeFile(fifo, "go\n");
+    std::atomic<bool> stop{false};
+    std::string error;
+    InstallLock after(lockPath);
+    ASSERT_TRUE(after.take(stop, 10000, error)) << c.what << ": " << error;
+    std::string const recorded = readFile(outcome);
+    EXPECT_EQ(recorded, "t\n" + std::string(c.outcome) + "\n") << c.what;
+    EXPECT_EQ(readFile(fifo + ".end").empty(), !c.inputDone) << c.what;
+  }
 }
 
 }  // namespace
