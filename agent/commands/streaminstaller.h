@@ -22,10 +22,11 @@
 //    every listed digest matches (PipeSink); a connection cut is resumed by
 //    a range request into the same pipe; a mismatch, a server that ignores
 //    the range, or a stop ends the command's process group.
-//  - url: the command gets the artifact's URL as $1 and fetches it itself;
-//    the credentials the agent would send to that host are in a file only
-//    the agent's user can read, named by TAMREL_CREDENTIALS_FILE and removed
-//    after the run. The agent checks none of the bytes.
+//  - url: the command gets the artifact's name as $1 and fetches it itself:
+//    the URL, and the credentials the agent would send to that host, are in
+//    a file only the agent's user can read (never on a command line), named
+//    by TAMREL_CREDENTIALS_FILE and removed after the run. The agent checks
+//    none of the bytes.
 // Both put the artifact's size, digests and the action id in the command's
 // environment. The command starts in one place, start(), which hands on
 // one descriptor the caller wants the command to hold (an install lock).
@@ -47,9 +48,12 @@ class StreamInstaller {
                  int keepFd = -1);
 
   // The credentials file's content for `url` (curl's config format: curl -K
-  // reads it): the authorization header for the server and trusted hosts,
-  // the client certificate and key for them, the CA when configured.
+  // reads it): the URL, the authorization header for the server and trusted
+  // hosts, the client certificate and key for them, the CA when configured.
   std::string credentials(std::string const& url) const;
+  // Removes the credentials files a run that was killed left in
+  // download-dir; call it only while no install runs.
+  void removeStaleCredentials() const;
 
  private:
   struct Outcome {
@@ -62,8 +66,8 @@ class StreamInstaller {
                  std::vector<PipeSink::Expected> const& digests,
                  std::vector<std::string> const& environment, int keepFd,
                  std::vector<std::string>& details);
-  Outcome handOver(std::string const& url, std::vector<std::string> environment, int keepFd,
-                   std::vector<std::string>& details);
+  Outcome handOver(std::string const& link, std::vector<std::string> environment,
+                   std::string const& name, int keepFd, std::vector<std::string>& details);
   // Starts the install command: the one place it is started.
   static std::unique_ptr<InstallChild> start(std::string const& command,
                                              std::string const& argument,

@@ -50,10 +50,12 @@ bool UpdateAgent::connect() {
   });
   // An install an earlier run left behind ends before anything else happens.
   std::string error;
-  if (!lock_.take(stop_, config_.installTimeoutSeconds * 1000LL, error, false) && !error.empty())
-    Log::info("install lock: %s", error.c_str());
+  bool const idle = lock_.take(stop_, config_.installTimeoutSeconds * 1000LL, error, false);
+  if (!idle && !error.empty()) Log::info("install lock: %s", error.c_str());
   lock_.release();
   if (stopping()) return true;
+  // No install runs now: a credentials file in download-dir is a killed run's.
+  if (idle) streamer_.removeStaleCredentials();
   consent_.start(client_.buildQueryUrl());
   reboot_.confirm();
   return true;
@@ -226,6 +228,14 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t deployment) {
   if (feedback_.gone(deployment.id)) return true;
 
   DeploymentPlan const plan = DeploymentPlan::read(deployment);
+  // The library logs the links it fetches: it gets them with their query
+  // (a signed URL's signature) hidden, the transport knows the rest.
+  transport_.forgetConcealed();
+  for (auto& chunk : deployment.chunks) {
+    for (auto& artifact : chunk.artifacts) {
+      for (auto& link : artifact.links) link.second = transport_.concealed(link.second);
+    }
+  }
   if (plan.download() == DeploymentPlan::Handling::kSkip && plan.problems().empty()) {
     Log::info("deployment %s: the server asks to skip the download for now", deployment.id.c_str());
     return true;

@@ -18,6 +18,8 @@ TEST(LinkOrigin, OnlyTheServerAndTrustedHosts) {
       {"https://hawkbit.example.com:8443/x", "", false, "hawkbit.example.com:8443"},
       {"https://cdn.example.com/a.img", "", false, "cdn.example.com:443"},
       {"https://cdn.example.com/a.img", " cdn.example.com , x", true, "cdn.example.com:443"},
+      {"http://cdn.example.com/a.img", "cdn.example.com", false,
+       "cdn.example.com:80"},  // https server
       {"https://cdn.example.com:8443/a", "cdn.example.com", false, "cdn.example.com:8443"},
       {"https://cdn.example.com:8443/a", "cdn.example.com:8443", true, "cdn.example.com:8443"},
       {"https://hawkbit.example.com.evil.net/x", "", false, "hawkbit.example.com.evil.net:443"},
@@ -31,6 +33,20 @@ TEST(LinkOrigin, OnlyTheServerAndTrustedHosts) {
         << c.url << " with " << c.trusted;
     EXPECT_EQ(host, c.host) << c.url;
   }
+}
+
+// A link as log lines show it: no query, fragment or password.
+TEST(LinkOrigin, ShownWithoutItsSecrets) {
+  struct Case {
+    char const *url, *shown;
+  } const cases[] = {
+      {"https://s3.example.com/b/a.img?X-Amz-Signature=abc&X-Amz-Date=1",
+       "https://s3.example.com/b/a.img?\u2026"},
+      {"https://cdn.example.com/a.img", "https://cdn.example.com/a.img"},
+      {"https://cdn.example.com/a.img#part", "https://cdn.example.com/a.img"},
+      {"https://user:pw@cdn.example.com/a?x@y", "https://\u2026@cdn.example.com/a?\u2026"},
+  };
+  for (Case const& c : cases) EXPECT_EQ(shownLink(c.url), c.shown) << c.url;
 }
 
 }  // namespace
