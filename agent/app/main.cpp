@@ -14,6 +14,7 @@
 #include "agent/base/agentconfig.h"
 #include "agent/base/console.h"
 #include "agent/base/exitcode.h"
+#include "agent/base/log.h"
 #include "agent/base/memorybudget.h"
 #include "agent/lifecycle/updateagent.h"
 #include "agent/server/credentialcheck.h"
@@ -102,6 +103,7 @@ int main(int argc, char** argv) {
   for (std::string const& warning : credentials.warnings()) {
     std::fprintf(stderr, "tamrel-agent: warning: %s\n", warning.c_str());
   }
+  if (!credentials.expired().empty()) Log::error("%s", credentials.expired().c_str());
   if (!credentials.error().empty()) {
     std::fprintf(stderr, "tamrel-agent: %s\n", credentials.error().c_str());
     return kExitConfig;

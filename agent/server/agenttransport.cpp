@@ -74,7 +74,9 @@ std::string handshakeProblem(std::string const& text) {
             "unsupported certificate", "certificate revoked", "access denied"})) {
     return "the server refused the client certificate: " + text;
   }
-  return "TLS handshake failed: " + text;
+  // Closed without a reason: most often a client certificate the server
+  // wants and did not get.
+  return "TLS handshake refused by the server: " + text;
 }
 
 }  // namespace
