@@ -12,7 +12,7 @@ std::string DeploymentFeedback::send(std::string const& actionId,
                                      std::function<bool()> const& request) {
   ServerRequest::Result const result = server_.submit(request);
   if (result.gone && gone_.insert(actionId).second) {
-    Log::info(
+    Log::warning(
         "action %s no longer exists on the server (cancelled or deleted there): its "
         "state is dropped, nothing more is started or sent for it",
         actionId.c_str());
@@ -31,7 +31,8 @@ void DeploymentFeedback::proceed(hawkbit_query_t::deployment_t& deployment,
   deployment.execution = execution_t::proceeding;
   deployment.finished = finished_t::none;
   std::string const outcome = update(deployment);
-  Log::info("deployment %s: %s, feedback %s", deployment.id.c_str(), what, outcome.c_str());
+  (outcome == "sent" ? Log::info : Log::warning)("deployment %s: %s, feedback %s",
+                                                 deployment.id.c_str(), what, outcome.c_str());
 }
 
 void DeploymentFeedback::close(hawkbit_query_t::deployment_t& deployment, bool success) {
@@ -39,8 +40,11 @@ void DeploymentFeedback::close(hawkbit_query_t::deployment_t& deployment, bool s
   deployment.execution = execution_t::closed;
   deployment.finished = success ? finished_t::success : finished_t::failure;
   std::string const outcome = update(deployment);
-  Log::info("deployment %s: %s, feedback %s", deployment.id.c_str(),
-            success ? "success" : "failure", outcome.c_str());
+  // A failed deployment is for the device maker's eyes; so is feedback
+  // the server did not get.
+  auto const log = !success ? Log::error : outcome == "sent" ? Log::info : Log::warning;
+  log("deployment %s: %s, feedback %s", deployment.id.c_str(), success ? "success" : "failure",
+      outcome.c_str());
 }
 
 void DeploymentFeedback::closeDownloaded(hawkbit_query_t::deployment_t const& deployment) {
@@ -54,5 +58,6 @@ void DeploymentFeedback::closeDownloaded(hawkbit_query_t::deployment_t const& de
   std::string const outcome = send(deployment.id, [&] {
     return client_.sendCancelActionFeedback(url, deployment.id, "downloaded", "none", details);
   });
-  Log::info("deployment %s: downloaded, feedback %s", deployment.id.c_str(), outcome.c_str());
+  (outcome == "sent" ? Log::info : Log::warning)("deployment %s: downloaded, feedback %s",
+                                                 deployment.id.c_str(), outcome.c_str());
 }
