@@ -124,6 +124,22 @@ std::vector<Row> const& contract() {
                 last.body;
        },
        "true POST /moved {}", "true POST /moved {}"},
+      // By design: what the device sends goes only to the host it was meant for.
+      {"a POST redirected (307) to another host",
+       [](CurlManager& t, DdiServer& s) {
+         tamrel::testing::RawCaptureServer raw;
+         raw.setResponse("HTTP/1.1 307 Moved\r\nLocation: " + s.baseUrl() +
+                         "/post?sig=1\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
+         bool const ok = t.post(raw.baseUrl() + "/post", memory("{}"));
+         auto* const agent = dynamic_cast<AgentTransport*>(&t);
+         std::string said = agent ? " " + agent->lastAnswer().problem() : "";
+         if (std::size_t const at = said.find(s.baseUrl()); at != std::string::npos)
+           said.replace(at, s.baseUrl().size(), "SERVER");
+         return std::string(ok ? "sent " : "not sent ") + std::to_string(s.requests().size()) +
+                said;
+       },
+       "sent 1",
+       "not sent 0 a redirect to another host (SERVER/post?\u2026), not followed with a POST"},
       {"file:// is never spoken, not even after a redirect",
        [](CurlManager& t, DdiServer& s) {
          Fault toFile;
@@ -252,29 +268,6 @@ TEST(AgentTransport, CredentialsStayWithTheServer) {
   }
 }
 
-// What the device sends goes to the host it was meant for: a POST or PUT
-// redirected to another host is not followed (to the same host it is, see
-// the contract).
-TEST(AgentTransport, SendsNothingToAnotherHostOnARedirect) {
-  for (bool const put : {false, true}) {
-    tamrel::testing::RawCaptureServer raw;
-    DdiServer other;
-    raw.setResponse("HTTP/1.1 307 Temporary Redirect\r\nLocation: " + other.baseUrl() +
-                    "/feedback?sig=1\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
-    AgentTransport::Settings settings;
-    settings.address = raw.baseUrl();
-    settings.trustedHosts = "127.0.0.1:" + std::to_string(other.port());
-    AgentTransport transport(settings);
-    std::string const url = raw.baseUrl() + "/feedback";
-    EXPECT_FALSE(put ? transport.put(url, memory("{}")) : transport.post(url, memory("{}")));
-    EXPECT_EQ(raw.requests().size(), 1u);
-    EXPECT_TRUE(other.requests().empty());
-    EXPECT_EQ(transport.lastAnswer().problem(), "a redirect to another host (" + other.baseUrl() +
-                                                    "/feedback?\u2026), not followed with a " +
-                                                    (put ? "PUT" : "POST"));
-  }
-}
-
 // The library logs the link it downloads: it gets a stand-in with the query
 // hidden, the transport fetches the link itself; links that differ only in
 // their query keep stand-ins of their own.
@@ -282,18 +275,15 @@ TEST(AgentTransport, FetchesTheLinkBehindAStandIn) {
   DdiServer server;
   server.serve("/get", "file");
   AgentTransport transport(settingsFor(server));
-  std::string const a = transport.concealed(server.baseUrl() + "/get?name=a&sig=s3cret");
-  std::string const b = transport.concealed(server.baseUrl() + "/get?name=b&sig=s3cret");
-  EXPECT_EQ(a, server.baseUrl() + "/get?\u2026");
-  EXPECT_EQ(b, server.baseUrl() + "/get?\u2026#2");
-  EXPECT_EQ(transport.concealed(server.baseUrl() + "/get?name=b&sig=s3cret"), b);
-  EXPECT_EQ(transport.concealed(server.baseUrl() + "/plain"), server.baseUrl() + "/plain");
-  auto buffer = memory();
-  EXPECT_TRUE(transport.download(b, buffer));
-  EXPECT_EQ(server.requests().back().path, "/get");
-  EXPECT_EQ(server.requests().back().query, "name=b&sig=s3cret");
+  std::string const url = "http://u:pw@" + server.baseUrl().substr(7) + "/get?name=";
+  EXPECT_EQ(transport.concealed(url + "a"),
+            "http://\u2026@" + server.baseUrl().substr(7) + "/get?\u2026");
+  std::string const b = transport.concealed(url + "b#x");
+  EXPECT_EQ(b, transport.concealed(url + "a") + "#2");
+  EXPECT_TRUE(transport.download(b, memory()));
+  EXPECT_EQ(server.requests().back().query, "name=b");
   transport.forgetConcealed();
-  EXPECT_EQ(transport.revealed(a), a);
+  EXPECT_EQ(transport.revealed(b), b);
 }
 
 // What the server asks of the agent is kept: the status and Retry-After
