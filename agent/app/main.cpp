@@ -127,6 +127,7 @@ int main(int argc, char** argv) {
       return kExitConfig;
     }
   }
+  if (!credentials.expired().empty()) Log::error("%s", credentials.expired().c_str());
   Log::info("tamrel-agent %s", TAMREL_VERSION);
 
   UpdateAgent agent(config);

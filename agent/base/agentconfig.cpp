@@ -124,7 +124,7 @@ std::vector<AgentConfig::Key> const& AgentConfig::keys() {
       {"attribute.NAME", K::kAttribute, false, "", "sent as config data (<= 128 characters)", 0, 0},
       {"download-retries", K::kNumber, false, "3", "further attempts per artifact", 0, 100},
       {"download-timeout-s", K::kNumber, false, "60",
-       "window in which download-min-rate must arrive; 0: off", 0, 86400},
+       "window in which download-min-rate must arrive (at least 1 s)", 1, 86400},
       {"download-min-rate", K::kNumber, false, "1024", "bytes/s; below it a download is cancelled",
        0, 999999999},
       {"poll-timeout-s", K::kNumber, false, "60", "deadline of one poll", 1, 86400},

@@ -1,16 +1,20 @@
 #include "agent/commands/streaminstaller.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "agent/base/log.h"
 #include "agent/base/watchdog.h"
+#include "agent/server/linkorigin.h"
 #include "transport/curlbuffer.h"
 
 namespace {
@@ -47,11 +51,16 @@ struct Descriptor {
   Descriptor& operator=(Descriptor const&) = delete;
 };
 
+// The credentials files' names in download-dir: the prefix, then mkstemp's
+// six characters.
+char const kCredentialsPrefix[] = ".credentials-";
+std::size_t const kCredentialsName = sizeof kCredentialsPrefix - 1 + 6;
+
 // A file in `dir` that only the agent's user can read, removed with this.
 class PrivateFile {
  public:
   PrivateFile(std::string const& dir, std::string const& content) {
-    std::string name = dir + "/.credentials-XXXXXX";
+    std::string name = dir + "/" + kCredentialsPrefix + "XXXXXX";
     int const fd = mkstemp(&name[0]);  // mode 0600
     if (fd < 0) return;
     bool const written = fchmod(fd, 0600) == 0 && ::write(fd, content.data(), content.size()) ==
@@ -117,7 +126,8 @@ std::unique_ptr<RunningCommand> StreamInstaller::start(std::string const& argume
 
 std::string StreamInstaller::credentials(std::string const& url) const {
   AgentTransport::Settings const& settings = transport_.settings();
-  std::string text;
+  // The link, a signed one's signature included, stays off command lines.
+  std::string text = "url = " + quoted(url) + "\n";
   if (transport_.credentialsFor(url, true)) {
     if (settings.token != AgentTransport::Token::kNone && !transport_.targetToken.empty()) {
       char const* const kind =
@@ -198,7 +208,7 @@ StreamInstaller::Outcome StreamInstaller::run(chunk_t& chunk, std::string const&
     digests.push_back({digest.kind, digest.name, hex});
     environment.push_back(std::string(digest.variable) + "=" + hex);
   }
-  if (mode == "url") return handOver(link->second, environment, hold, details);
+  if (mode == "url") return handOver(link->second, environment, artifact.filename, hold, details);
   if (digests.empty()) {
     details.push_back(artifact.filename + ": refused, the server lists no digest");
     return Outcome();
@@ -206,11 +216,39 @@ StreamInstaller::Outcome StreamInstaller::run(chunk_t& chunk, std::string const&
   return stream(artifact, link->second, digests, environment, hold, details);
 }
 
-StreamInstaller::Outcome StreamInstaller::handOver(std::string const& url,
+void StreamInstaller::removeStaleCredentials() const {
+  std::unique_ptr<DIR, int (*)(DIR*)> const dir(opendir(config_.downloadDir.c_str()), closedir);
+  if (!dir) return;
+  while (dirent const* entry = readdir(dir.get())) {
+    std::string const name = entry->d_name;
+    if (name.size() != kCredentialsName ||
+        name.compare(0, sizeof kCredentialsPrefix - 1, kCredentialsPrefix) != 0) {
+      continue;
+    }
+    std::string const path = config_.downloadDir + "/" + name;
+    struct stat info {};
+    if (lstat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) continue;
+    if (unlink(path.c_str()) == 0) {
+      Log::warning("url: removed %s, a credentials file left by a run that did not end",
+                   path.c_str());
+    } else {
+      Log::error("url: cannot remove %s, a credentials file left by a run that did not end: %s",
+                 path.c_str(), std::strerror(errno));
+    }
+  }
+}
+
+StreamInstaller::Outcome StreamInstaller::handOver(std::string const& link,
                                                    std::vector<std::string> environment,
-                                                   Hold const& hold,
+                                                   std::string const& name, Hold const& hold,
                                                    std::vector<std::string>& details) {
   Outcome outcome;
+  std::string const url = transport_.revealed(link);
+  std::string const shown = shownLink(url);
+  if (transport_.settings().address.rfind("https:", 0) == 0 && url.rfind("http:", 0) == 0) {
+    details.push_back(name + ": refused, a plain http link (" + shown + ") while address is https");
+    return outcome;
+  }
   // Removed as this returns, whatever the command did.
   mkdir(config_.downloadDir.c_str(), 0700);
   PrivateFile const file(config_.downloadDir, credentials(url));
@@ -219,8 +257,8 @@ StreamInstaller::Outcome StreamInstaller::handOver(std::string const& url,
     return outcome;
   }
   environment.push_back("TAMREL_CREDENTIALS_FILE=" + file.path());
-  Log::info("url: the install command fetches %s", url.c_str());
-  auto child = start(url, environment, -1, -1, hold);
+  Log::info("url: the install command fetches %s", shown.c_str());
+  auto child = start(name, environment, -1, -1, hold);
   if (!child->started()) {
     details.push_back("install command could not be started");
     return outcome;

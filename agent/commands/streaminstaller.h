@@ -22,10 +22,11 @@
 //    every listed digest matches (PipeSink); a connection cut is resumed by
 //    a range request into the same pipe; a mismatch, a server that ignores
 //    the range, or a stop ends the command's process group.
-//  - url: the command gets the artifact's URL as $1 and fetches it itself;
-//    the credentials the agent would send to that host are in a file only
-//    the agent's user can read, named by TAMREL_CREDENTIALS_FILE and removed
-//    after the run. The agent checks none of the bytes.
+//  - url: the command gets the artifact's name as $1 and fetches it itself:
+//    the URL, and the credentials the agent would send to that host, are in
+//    a file only the agent's user can read (never on a command line), named
+//    by TAMREL_CREDENTIALS_FILE and removed after the run. The agent checks
+//    none of the bytes.
 // Both put the artifact's size, digests and the action id in the command's
 // environment, and run it under install-timeout-s. The command starts in one
 // place, start(), whose holder keeps the install lock until no process of
@@ -53,9 +54,12 @@ class StreamInstaller {
                  std::string const& outcomeTag = "");
 
   // The credentials file's content for `url` (curl's config format: curl -K
-  // reads it): the authorization header for the server and trusted hosts,
-  // the client certificate and key for them, the CA when configured.
+  // reads it): the URL, the authorization header for the server and trusted
+  // hosts, the client certificate and key for them, the CA when configured.
   std::string credentials(std::string const& url) const;
+  // Removes the credentials files a run that was killed left in
+  // download-dir; call it only while no install runs.
+  void removeStaleCredentials() const;
 
  private:
   struct Outcome {
@@ -75,8 +79,8 @@ class StreamInstaller {
                  std::vector<PipeSink::Expected> const& digests,
                  std::vector<std::string> const& environment, Hold const& hold,
                  std::vector<std::string>& details);
-  Outcome handOver(std::string const& url, std::vector<std::string> environment, Hold const& hold,
-                   std::vector<std::string>& details);
+  Outcome handOver(std::string const& link, std::vector<std::string> environment,
+                   std::string const& name, Hold const& hold, std::vector<std::string>& details);
   // Starts the install command: the one place it is started.
   std::unique_ptr<RunningCommand> start(std::string const& argument,
                                         std::vector<std::string> const& environment, int stdinFd,

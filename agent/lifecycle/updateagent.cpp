@@ -46,10 +46,12 @@ bool UpdateAgent::connect() {
   });
   // An install an earlier run left behind ends before anything else happens.
   std::string error;
-  if (!lock_.take(stop_, config_.installTimeoutSeconds * 1000LL, error, false) && !error.empty())
-    Log::warning("install lock: %s", error.c_str());
+  bool const idle = lock_.take(stop_, config_.installTimeoutSeconds * 1000LL, error, false);
+  if (!idle && !error.empty()) Log::warning("install lock: %s", error.c_str());
   lock_.release();
   if (stopping()) return true;
+  // No install runs now: a credentials file in download-dir is a killed run's.
+  if (idle) streamer_.removeStaleCredentials();
   consent_.start(client_.buildQueryUrl());
   action_.start(client_.buildQueryUrl());
   return true;
@@ -206,5 +208,13 @@ bool UpdateAgent::deploy(hawkbit_query_t::deployment_t& deployment) {
     return false;
   }
   DeploymentPlan const plan = DeploymentPlan::read(deployment);
+  // The library logs the links it fetches: it gets them with their query
+  // (a signed URL's signature) hidden, the transport knows the rest.
+  transport_.forgetConcealed();
+  for (auto& chunk : deployment.chunks) {
+    for (auto& artifact : chunk.artifacts) {
+      for (auto& link : artifact.links) link.second = transport_.concealed(link.second);
+    }
+  }
   return action_.offered(deployment, plan);
 }

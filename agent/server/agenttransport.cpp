@@ -6,8 +6,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstring>
 #include <ctime>
+#include <initializer_list>
 
 #include "agent/server/linkorigin.h"
 #include "io/fileio.h"
@@ -15,6 +17,9 @@
 namespace {
 
 int const kMaxRedirects = 10;
+// The code of a hop the agent refuses to make itself (its answer's error
+// says why).
+CURLcode const kRefusedHop = CURLE_UNSUPPORTED_PROTOCOL;
 
 // The request header list of one hop, freed on every way out.
 struct HeaderList {
@@ -46,6 +51,34 @@ long retryAfterSeconds(std::string value) {
   return when > now ? static_cast<long>(when - now) : 0;
 }
 
+// What a failed TLS handshake (or, over TLS 1.3, the first read after it)
+// came to, told from OpenSSL's words in libcurl's text.
+std::string handshakeProblem(std::string const& text) {
+  std::string lower = text;
+  std::transform(lower.begin(), lower.end(), lower.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  auto const says = [&lower](std::initializer_list<char const*> words) {
+    for (char const* word : words) {
+      if (lower.find(word) != std::string::npos) return true;
+    }
+    return false;
+  };
+  if (says({"protocol version", "unsupported protocol", "wrong version number",
+            "no protocols available", "version too low"})) {
+    return "TLS protocol version refused (the agent speaks TLS 1.2 and later): " + text;
+  }
+  if (says({"alert certificate expired"})) {
+    return "the server refused the client certificate, it has expired: " + text;
+  }
+  if (says({"certificate required", "bad certificate", "unknown ca", "certificate unknown",
+            "unsupported certificate", "certificate revoked", "access denied"})) {
+    return "the server refused the client certificate: " + text;
+  }
+  // Closed without a reason: most often a client certificate the server
+  // wants and did not get.
+  return "TLS handshake refused by the server: " + text;
+}
+
 }  // namespace
 
 std::string AgentTransport::Answer::problem() const {
@@ -54,6 +87,10 @@ std::string AgentTransport::Answer::problem() const {
     return status == 0 ? "no HTTP answer" : "HTTP " + std::to_string(status);
   }
   std::string const text = error.empty() ? curl_easy_strerror(static_cast<CURLcode>(code)) : error;
+  if (proxyStatus == 407) return "proxy refused authentication (HTTP 407): " + text;
+  if (proxyStatus >= 300) {
+    return "the proxy refused the tunnel (HTTP " + std::to_string(proxyStatus) + "): " + text;
+  }
   switch (code) {
     case CURLE_PEER_FAILED_VERIFICATION:
     case CURLE_SSL_CACERT_BADFILE:
@@ -64,14 +101,12 @@ std::string AgentTransport::Answer::problem() const {
     case CURLE_SSL_ENGINE_INITFAILED:
       return "client certificate or key not usable: " + text;
     case CURLE_SSL_CONNECT_ERROR:
-      return "TLS handshake refused by the server: " + text;
+      return handshakeProblem(text);
     case CURLE_RECV_ERROR:
     case CURLE_SEND_ERROR:
       // Over TLS 1.3 a server refuses a client certificate after the
       // handshake: the request meets an alert or a closed connection.
-      if (status == 0 && url.rfind("https:", 0) == 0) {
-        return "TLS handshake refused by the server: " + text;
-      }
+      if (status == 0 && url.rfind("https:", 0) == 0) return handshakeProblem(text);
       return text;
     case CURLE_OPERATION_TIMEDOUT:
       return "deadline passed: " + text;
@@ -147,6 +182,33 @@ bool AgentTransport::credentialsFor(std::string const& url, bool artifact) const
   if (artifact && !settings_.downloadAuthentication) return false;
   std::string host;
   return linkAllowed(url, settings_.address, settings_.trustedHosts, host);
+}
+
+std::string AgentTransport::concealed(std::string const& url) {
+  if (url.find('?') == std::string::npos) return url;
+  std::string const shown = shownLink(url);
+  std::lock_guard<std::mutex> guard(answerLock_);
+  // Links that differ only in their query get stand-ins of their own.
+  std::string standIn = shown;
+  for (int n = 2;; ++n) {
+    auto const known = concealed_.find(standIn);
+    if (known == concealed_.end()) break;
+    if (known->second == url) return standIn;
+    standIn = shown + "#" + std::to_string(n);
+  }
+  concealed_[standIn] = url;
+  return standIn;
+}
+
+std::string AgentTransport::revealed(std::string const& link) const {
+  std::lock_guard<std::mutex> guard(answerLock_);
+  auto const known = concealed_.find(link);
+  return known != concealed_.end() ? known->second : link;
+}
+
+void AgentTransport::forgetConcealed() {
+  std::lock_guard<std::mutex> guard(answerLock_);
+  concealed_.clear();
 }
 
 bool AgentTransport::download(std::string const& url, std::shared_ptr<curlbuffer> buffer) {
@@ -295,6 +357,10 @@ void AgentTransport::configure(Method method, std::string const& url, curlbuffer
 
   curl_easy_setopt(h, CURLOPT_SSL_VERIFYPEER, 1L);
   curl_easy_setopt(h, CURLOPT_SSL_VERIFYHOST, 2L);
+  // An OpenSSL configuration that still allows TLS 1.0 or 1.1 does not
+  // carry the credentials over them: to the server, nor to an https proxy.
+  curl_easy_setopt(h, CURLOPT_SSLVERSION, CURL_SSLVERSION_TLSv1_2);
+  curl_easy_setopt(h, CURLOPT_PROXY_SSLVERSION, CURL_SSLVERSION_TLSv1_2);
   if (!settings_.caFile.empty() || !settings_.caPath.empty()) {
     curl_easy_setopt(h, CURLOPT_CAINFO,
                      settings_.caFile.empty() ? nullptr : settings_.caFile.c_str());
@@ -345,7 +411,8 @@ bool AgentTransport::exchange(Method method, std::string const& url,
   current_ = method == Method::kGet ? buffer.get() : nullptr;
   Answer answer;
   CURLcode code = CURLE_OK;
-  std::string hop = url;
+  std::string hop = revealed(url);
+  std::string const origin = linkOrigin(hop);
   long connections = 0;
   for (int hops = 0;; ++hops) {
     answer = Answer();
@@ -355,10 +422,18 @@ bool AgentTransport::exchange(Method method, std::string const& url,
     reply_.clear();
     bool const credentials = credentialsFor(hop, artifact);
     std::string const scheme = linkOrigin(hop).substr(0, 5);
-    if (!credentials && startsWith(settings_.address, "https:") && scheme == "http:") {
+    if (startsWith(settings_.address, "https:") && scheme == "http:") {
       // A server reached over TLS does not send the device to plain HTTP.
-      code = CURLE_UNSUPPORTED_PROTOCOL;
-      answer.error = "plain http to another host, while address is https";
+      code = kRefusedHop;
+      answer.error = "a plain http link while address is https, not followed";
+      break;
+    }
+    if (method != Method::kGet && hops > 0 && linkOrigin(hop) != origin) {
+      // What a device sends (its attributes, an installer's output) goes
+      // to the host it was meant for only.
+      code = kRefusedHop;
+      answer.error = "a redirect to another host (" + shownLink(hop) + "), not followed with a " +
+                     (method == Method::kPost ? "POST" : "PUT");
       break;
     }
     HeaderList headers;
@@ -378,6 +453,7 @@ bool AgentTransport::exchange(Method method, std::string const& url,
     configure(method, hop, *buffer, artifact, body, headers.list);
     code = curl_easy_perform(easy_);
     curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &answer.status);
+    curl_easy_getinfo(easy_, CURLINFO_HTTP_CONNECTCODE, &answer.proxyStatus);
     answer.retryAfterS = retryAfter_;
     long opened = 0;
     curl_easy_getinfo(easy_, CURLINFO_NUM_CONNECTS, &opened);

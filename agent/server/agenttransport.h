@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -23,6 +24,8 @@
 //  - credentials (target or gateway token, client certificate) presented only
 //    to the server's own origin and to trusted hosts, redirects followed hop
 //    by hop so that none carries them elsewhere;
+//  - TLS 1.2 at least, whatever the system's OpenSSL would accept;
+//  - a POST or PUT never follows a redirect to another origin;
 //  - deadlines on every request, and a cancel that cuts a POST or PUT too;
 //  - the HTTP status, Retry-After and libcurl's error text of the last
 //    exchange, and of the last answer to the controller's base resource.
@@ -52,6 +55,7 @@ class AgentTransport : public CurlManager {
     std::string url;           // the last hop's
     int code = 0;              // libcurl's result
     long status = 0;           // HTTP status, 0 without an answer
+    long proxyStatus = 0;      // the proxy's answer to CONNECT, 0 without one
     long retryAfterS = -1;     // Retry-After in seconds, -1 when not given
     std::string error;         // libcurl's error text when code != 0
     std::string reply;         // a POST's or PUT's answer, its first kMaxReply bytes
@@ -59,7 +63,8 @@ class AgentTransport : public CurlManager {
     long connections = 0;      // new connections it had to open
     bool sent() const { return code == 0 && status >= 200 && status < 300; }
     // "" when sent, else what went wrong, worded for the log: the HTTP
-    // status, or which side of a TLS handshake refused, with libcurl's text.
+    // status, a proxy that refused, or what a TLS handshake failed on (the
+    // protocol version, either side's certificate), with libcurl's text.
     std::string problem() const;
   };
   using BaseObserver = std::function<void(long status, std::string const& body)>;
@@ -95,8 +100,19 @@ class AgentTransport : public CurlManager {
   Settings const& settings() const { return settings_; }
 
   // True when `url` may be given the credentials (the server's origin or a
-  // trusted host; for an artifact download only with download-authentication).
+  // trusted host, never plain http while the server is https; for an
+  // artifact download only with download-authentication).
   bool credentialsFor(std::string const& url, bool artifact) const;
+
+  // The library logs every link it downloads. It is handed a stand-in
+  // instead, the link with its query (a signed URL's signature) shown as
+  // "?…", and the transport fetches the link the stand-in names.
+  // concealed() returns the stand-in for `url` (`url` itself when it has no
+  // query); revealed() the link behind one (anything else as it is);
+  // forgetConcealed() drops them all (each deployment brings its own).
+  std::string concealed(std::string const& url);
+  std::string revealed(std::string const& link) const;
+  void forgetConcealed();
 
  private:
   enum class Method { kGet, kPost, kPut };
@@ -130,6 +146,7 @@ class AgentTransport : public CurlManager {
   std::atomic<std::uint64_t> exchanges_{0};
   std::string baseUrl_;
   BaseObserver observer_;
+  std::map<std::string, std::string> concealed_;  // stand-in -> link
 };
 
 #endif  // TAMREL_AGENT_SERVER_AGENTTRANSPORT_H_

@@ -90,10 +90,17 @@ void CredentialCheck::check() {
   ASN1_TIME const* const notAfter = X509_get0_notAfter(certificate.get());
   int days = 0, seconds = 0;
   if (X509_cmp_current_time(notAfter) <= 0) {
-    error_ = where("client-cert") + config_.clientCert + " has expired";
-    return;
-  }
-  if (ASN1_TIME_diff(&days, &seconds, nullptr, notAfter) && days < kWarnDays) {
+    // Not a reason to stop: the agent stays to pick up a renewed one.
+    bool const token = config_.targetToken || !config_.gatewayToken.empty();
+    std::string const text = where("client-cert") + config_.clientCert + " has expired";
+    if (token) {
+      warnings_.push_back(text + "; the token still authenticates where the server accepts it");
+    } else {
+      expired_ = text +
+                 "; every request fails until it is renewed; polling on, backing off, to pick up "
+                 "a renewed one";
+    }
+  } else if (ASN1_TIME_diff(&days, &seconds, nullptr, notAfter) && days < kWarnDays) {
     warnings_.push_back(where("client-cert") + config_.clientCert + " expires in " +
                         std::to_string(days) + " day(s)");
   }

@@ -18,16 +18,20 @@ class CredentialCheck {
 
   // "FILE:LINE: message" of the first problem, "" when the files are usable.
   std::string const& error() const { return error_; }
-  // Usable but worth a look: a certificate expiring within 30 days. Each
-  // "FILE:LINE: message".
+  // Usable but worth a look: a certificate expiring within 30 days, or
+  // expired while a token is configured too. Each "FILE:LINE: message".
   std::vector<std::string> const& warnings() const { return warnings_; }
+  // "FILE:LINE: message" when the client certificate has expired and no
+  // token is configured: every request fails, yet the agent goes on (a
+  // stopped agent would never see a renewed certificate). "" otherwise.
+  std::string const& expired() const { return expired_; }
 
  private:
   std::string where(char const* key) const;
   void check();
 
   AgentConfig const& config_;
-  std::string error_;
+  std::string error_, expired_;
   std::vector<std::string> warnings_;
 };
 

@@ -46,13 +46,30 @@ bool linkAllowed(std::string const& url, std::string const& address,
   std::string const origin = linkOrigin(url);
   host = origin.empty() ? url : origin.substr(origin.find("://") + 3);
   if (origin.empty()) return false;
+  std::string const scheme = origin.substr(0, origin.find("://"));
+  // A server reached over TLS: no credential goes over plain HTTP, not even
+  // to a trusted host.
+  if (scheme == "http" && linkOrigin(address).rfind("https:", 0) == 0) return false;
   if (origin == linkOrigin(address)) return true;
   // An entry without a port stands for the default port of the link's scheme.
-  std::string const scheme = origin.substr(0, origin.find("://"));
   std::istringstream list(trustedHosts);
   for (std::string entry; std::getline(list, entry, ',');) {
     entry = trim(entry);
     if (!entry.empty() && linkOrigin(scheme + "://" + entry) == origin) return true;
   }
   return false;
+}
+
+std::string shownLink(std::string const& url) {
+  std::string shown = url.substr(0, url.find('#'));
+  std::size_t const query = shown.find('?');
+  if (query != std::string::npos) shown.replace(query, std::string::npos, "?\u2026");
+  // A password before '@' is no more for the log than a signature.
+  std::size_t const colon = shown.find("://");
+  std::size_t const start = colon == std::string::npos ? 0 : colon + 3;
+  std::size_t const at = shown.find('@', start);
+  if (at != std::string::npos && at < shown.find_first_of("/?", start)) {
+    shown.replace(start, at - start, "\u2026");
+  }
+  return shown;
 }

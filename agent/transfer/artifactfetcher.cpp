@@ -78,13 +78,13 @@ bool ArtifactFetcher::watched(bool transfer, std::function<bool()> const& work) 
   watchdog_ = nullptr;
   if (watchdog.verdict() == Watchdog::Verdict::kTooSlow) {
     stalled_ = true;
-    Log::info("  download: fewer than %lld bytes in %lld s (download-min-rate), cancelled",
-              static_cast<long long>(limits.windowBytes), static_cast<long long>(window));
+    Log::warning("  download: fewer than %lld bytes in %lld s (download-min-rate), cancelled",
+                 static_cast<long long>(limits.windowBytes), static_cast<long long>(window));
   }
   if (transfer && oversize_) {
     std::remove(artifactFile_.c_str());
-    Log::info("  %s: more bytes than the announced %llu, cancelled and removed",
-              artifactFile_.c_str(), static_cast<unsigned long long>(expected_));
+    Log::warning("  %s: more bytes than the announced %llu, cancelled and removed",
+                 artifactFile_.c_str(), static_cast<unsigned long long>(expected_));
   }
   return result;
 }
@@ -152,8 +152,8 @@ bool ArtifactFetcher::fetch(std::string const& label, artifact_t& artifact,
     // The library measures a partial file in 32 bits: from 4 GiB on it
     // would resume at the wrong place, so such a file starts over.
     if (onDisk >= (std::uint64_t{1} << 32)) {
-      Log::info("%s: partial file of 4 GiB or more cannot be resumed, starting over",
-                artifact.filename.c_str());
+      Log::warning("%s: partial file of 4 GiB or more cannot be resumed, starting over",
+                   artifact.filename.c_str());
       std::remove(path.c_str());
       onDisk = 0;
     }

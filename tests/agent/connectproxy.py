@@ -1,9 +1,13 @@
 #!/usr/bin/env python3
 """A proxy for the agent's end-to-end tests: tunnels CONNECT requests on an
 ephemeral port of 127.0.0.1, which it prints first ("listening on PORT"),
-then one line per tunnel ("CONNECT host:port")."""
+then one line per tunnel ("CONNECT host:port"). With --ask-auth it answers
+every CONNECT with 407 instead."""
 import socket
+import sys
 import threading
+
+ASK_AUTH = "--ask-auth" in sys.argv[1:]
 
 
 def pipe(a, b):
@@ -46,6 +50,11 @@ def tunnel(conn):
         return
     host, port = words[1].decode().rsplit(":", 1)
     say("CONNECT %s:%s" % (host, port))
+    if ASK_AUTH:
+        conn.sendall(b"HTTP/1.1 407 Proxy Authentication Required\r\n"
+                     b"Proxy-Authenticate: Basic realm=\"proxy\"\r\nContent-Length: 0\r\n\r\n")
+        conn.close()
+        return
     upstream = socket.create_connection((host, int(port)))
     conn.sendall(b"HTTP/1.1 200 Connection established\r\n\r\n")
     join(conn, upstream)

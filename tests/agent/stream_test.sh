@@ -74,22 +74,29 @@ left_open() { ! closing > /dev/null; }
 check "SIGTERM: action left open" left_open
 check "SIGTERM: reported interrupted" grep -q "stream interrupted at" "$log"
 
-# url mode: the command fetches with the credentials file, which only the
-# agent's user may read and which is gone after the run.
+# url mode: the command fetches the URL named in the credentials file,
+# which only the agent's user may read and which is gone after the run; the
+# URL is on no command line ($1 is the artifact's name). One a killed run
+# left is removed at start.
 cat > "$work/fetcher" <<'EOF'
 #!/bin/sh
 r=$RECORD
 stat -c %a "$TAMREL_CREDENTIALS_FILE" > "$r/mode"; cp "$TAMREL_CREDENTIALS_FILE" "$r/creds"
-echo "$TAMREL_CREDENTIALS_FILE" > "$r/path"
-curl -sfS -K "$TAMREL_CREDENTIALS_FILE" -o "$r/got" "$1"
+echo "$TAMREL_CREDENTIALS_FILE" > "$r/path"; echo "$*" > "$r/arg"
+curl -sfS -K "$TAMREL_CREDENTIALS_FILE" -o "$r/got"
 EOF
 chmod +x "$work/fetcher"
 serve && fresh
+mkdir -p "$dl" && echo 'header = "Authorization: TargetToken old"' > "$dl/.credentials-Ab12Cd"
 run_agent 'install-mode = url' "install-command = $work/fetcher \"\$@\""
 check "url: success" closed_with success
 check "url: fetched with the credentials" cmp -s "$rec/got" "$work/art/image.bin"
 check "url: credentials file mode 600" grep -qx 600 "$rec/mode"
-check "url: the token header in it" grep -q '^header = "Authorization: TargetToken t0k#1"' "$rec/creds"
+check "url: the URL and the token header in it" eval \
+  'grep -q "^url = \"$address/.*/image.bin\"" "$rec/creds" && grep -q "^header = \"Authorization: TargetToken t0k#1\"" "$rec/creds"'
+check "url: only the artifact's name as argument" grep -qx image.bin "$rec/arg"
 check "url: credentials file removed" test ! -e "$(cat "$rec/path")"
+check "url: a killed run's credentials file removed at start" eval \
+  'test ! -e "$dl/.credentials-Ab12Cd" && grep -q "removed .*credentials-Ab12Cd" "$(alog)"'
 check "url: nothing else in download-dir" dl_empty
 finish

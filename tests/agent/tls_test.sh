@@ -3,10 +3,12 @@
 # vouches for 127.0.0.1 and localhost and a given certificate (--tls-cert/
 # --tls-key) is served as is; the agent trusting that CA through ca-file
 # completes a deployment, directly and through a CONNECT proxy
-# (connectproxy.py, which counts the tunnels). Against a server requiring
+# (connectproxy.py, which counts the tunnels); a server of TLS 1.1 only and a
+# proxy asking for authentication each named. Against a server requiring
 # client certificates (--client-cert-out): its pair accepted, none or
 # another CA's refused in the handshake, an untrusted server certificate
-# named; the start-up checks of certificate, key and password; a gateway
+# named; the start-up checks of certificate, key and password; an expired
+# certificate, with a token or without, polled on; a gateway
 # token accepted and a wrong one refused.
 # usage: tls_test.sh BUILD_DIR   (KEEP=1 keeps the work directory)
 set -uo pipefail
@@ -17,8 +19,8 @@ c=/DEFAULT/controller/v1/dev01
 trusted() {  # CA-FILE URL: the poll answered over a verified connection
   curl -s -f -o /dev/null --cacert "$1" -H 'Authorization: TargetToken t0k#1' "$2"
 }
-proxy_start() {  # LOG: starts connectproxy.py, sets $port
-  python3 "$proxy" > "$1" 2>&1 &
+proxy_start() {  # LOG [OPTION]: starts connectproxy.py, sets $port
+  python3 "$proxy" "${@:2}" > "$1" 2>&1 &
   pids+=($!)
   wait_for 'listening on' "$1" || return 1
   port=$(sed -n 's/^listening on //p' "$1")
@@ -43,6 +45,29 @@ openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=given -addext subjec
   -keyout "$work/given.key" -out "$work/given.pem" 2> /dev/null
 serve --tls-cert "$work/given.pem" --tls-key "$work/given.key"
 check "--tls-cert: the given certificate is served" trusted "$work/given.pem" "$address$c"
+
+# TLS below 1.2 is refused even where the system's OpenSSL allows it (an
+# OPENSSL_CONF down to TLS 1.0): a server offering only TLS 1.1 gets no
+# request, and the poll says why.
+timeout 120 openssl s_server -accept 127.0.0.1:0 -tls1_1 -cipher DEFAULT@SECLEVEL=0 -www \
+  -cert "$work/given.pem" -key "$work/given.key" > "$work/tls11.log" 2>&1 &
+pids+=($!)
+wait_for '^ACCEPT' "$work/tls11.log"
+printf 'openssl_conf = c\n[c]\nssl_conf = s\n[s]\nsystem_default = d\n[d]\nMinProtocol = TLSv1\nCipherString = DEFAULT@SECLEVEL=0\n' \
+  > "$work/legacy.cnf"
+sed -i "s|^address = .*|address = https://$(sed -n 's/^ACCEPT //p' "$work/tls11.log")|" "$conf"
+OPENSSL_CONF=$work/legacy.cnf run_agent "ca-file = $work/given.pem"
+code=$?
+check "a server of TLS 1.1 only: exit 3, says 'TLS protocol version refused'" eval \
+  'test $code -eq 3 && grep -q "poll: TLS protocol version refused" "$(alog)"'
+
+# A proxy that asks for authentication is named as such.
+proxy_start "$work/proxy407.log" --ask-auth
+serve --https --ca-out "$work/ca3.pem"
+run_agent "ca-file = $work/ca3.pem" "proxy = http://127.0.0.1:$port"
+code=$?
+check "a proxy answering 407: exit 3, says 'proxy refused authentication (HTTP 407)'" eval \
+  'test $code -eq 3 && grep -q "poll: proxy refused authentication (HTTP 407)" "$(alog)"'
 
 # Client certificates: the server requires a pair of its own client CA
 # (--client-cert-out). Of our own CA: a device pair valid 2 days, one
@@ -69,6 +94,9 @@ mtls=$work/mtls
   chmod 600 dev.key other.key old.key locked.key "$mtls/client.key"
   cp dev.key open.key && chmod 644 open.key
 ) > "$work/certs.log" 2>&1 || { cat "$work/certs.log"; exit 1; }
+# A server that closes the handshake gives no reason: named by OpenSSL's
+# alert when there is one.
+refused='poll: \(the server refused the client certificate\|TLS handshake refused by the server\): '
 while IFS='|' read -r what settings status says; do
   sed -i '/^\(client-\|ca-file\)/d' "$conf"
   run_agent $settings
@@ -79,16 +107,24 @@ while IFS='|' read -r what settings status says; do
 done <<EOF
 client certificate accepted|ca-file=$mtls/ca.pem client-cert=$mtls/client.pem client-key=$mtls/client.key|0|deployment 1: success
 encrypted key with its password|ca-file=$mtls/ca.pem client-cert=$mtls/client.pem client-key=$work/locked.key client-key-password-file=$work/password|0|config data: 1 attributes sent
-no client certificate: refused|ca-file=$mtls/ca.pem|3|TLS handshake refused by the server: 
-a certificate of another CA: refused|ca-file=$mtls/ca.pem client-cert=$work/dev.pem client-key=$work/dev.key|3|TLS handshake refused by the server: 
+no client certificate: refused|ca-file=$mtls/ca.pem|3|$refused
+a certificate of another CA: refused|ca-file=$mtls/ca.pem client-cert=$work/dev.pem client-key=$work/dev.key|3|$refused
 server CA not trusted|ca-file=$work/cca.pem client-cert=$mtls/client.pem client-key=$mtls/client.key|3|server certificate not trusted: 
 certificate missing|client-cert=$work/none.pem|2|cannot read $work/none.pem
 key of another pair|client-cert=$work/dev.pem client-key=$work/other.key|2|does not match
-expired certificate|client-cert=$work/old.pem client-key=$work/old.key|2|old.pem has expired
+expired certificate, with a token: a warning, polls|ca-file=$mtls/ca.pem client-cert=$work/old.pem client-key=$work/old.key|3|old.pem has expired; the token still authenticates
 wrong password|client-cert=$mtls/client.pem client-key=$work/locked.key client-key-password-file=$work/wrong-password|2|or the password is wrong
 CA file missing|ca-file=$work/none.pem|2|cannot read $work/none.pem
 a key others may read: refused|client-cert=$work/dev.pem client-key=$work/open.key|2|:[0-9]*: client-key: $work/open.key holds a secret but has mode 0644
 EOF
+# Expired without a token: every poll fails, but the agent goes on (3, not
+# 2) to pick up a renewed certificate.
+sed -i '/^\(client-\|ca-file\|token\)/d' "$conf"
+run_agent "ca-file = $mtls/ca.pem" "client-cert = $work/old.pem" "client-key = $work/old.key"
+code=$?
+check "expired certificate, no token: exit 3, an error line, the poll refused" eval \
+  'test $code -eq 3 && grep -q "old.pem has expired; every request fails until it is renewed" "$(alog)" &&
+   grep -q "$refused" "$(alog)"'
 check "a certificate expiring within 30 days: a warning naming its line" grep -q \
   "agent$n.conf:[0-9]*: $work/dev.pem expires in [0-9]* day" "$work/a-certificate-of-another-CA:-refused.log"
 

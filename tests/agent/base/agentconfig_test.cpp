@@ -120,6 +120,7 @@ TEST(AgentConfig, RefusalsNameTheLine) {
       {"token-file = /nonexistent\n", "cannot read '/nonexistent' for token-file"},
       {"token = t\nbogus = 1\n", ":6: unknown key 'bogus'"},
       {"token = t\ndownload-retries = 101\n", "download-retries must be a whole number from 0"},
+      {"token = t\ndownload-timeout-s = 0\n", "download-timeout-s must be a whole number from 1"},
       {"token = t\nmax-document-mib = 1e3\n", "max-document-mib must be a whole number"},
       {"token = t\nattribute.x = " + std::string(129, 'v') + "\n", "limited to 128 characters"},
       {"token = t\nconsent = ask\n", ":6: consent must be one of auto|command"},

@@ -10,8 +10,9 @@
 
 namespace {
 
-// url mode: the credentials file carries the token to the server's origin
-// and trusted hosts only; the CA goes to every host.
+// url mode: the credentials file names the URL, carries the token to the
+// server's origin and trusted hosts only, never to plain http while the
+// server is https; the CA goes to every host.
 TEST(StreamInstaller, CredentialsOnlyForHome) {
   AgentTransport::Settings settings;
   settings.address = "https://hawkbit.example.com";
@@ -24,9 +25,20 @@ TEST(StreamInstaller, CredentialsOnlyForHome) {
   StreamInstaller const installer(transport, config, stop);
   std::string const header = "header = \"Authorization: TargetToken s3cr\\\"t\"\n";
   std::string const ca = "cacert = \"/etc/ca.pem\"\n";
-  EXPECT_EQ(installer.credentials("https://hawkbit.example.com/a"), header + ca);
-  EXPECT_EQ(installer.credentials("https://cdn.example.com/a"), header + ca);
-  EXPECT_EQ(installer.credentials("https://objects.example.net/a?sig=1"), ca);
+  struct Case {
+    char const* url;
+    bool token;
+  } const cases[] = {
+      {"https://hawkbit.example.com/a", true},
+      {"https://cdn.example.com/a", true},
+      {"http://cdn.example.com/a", false},
+      {"https://objects.example.net/a?sig=1", false},
+  };
+  for (Case const& c : cases) {
+    EXPECT_EQ(installer.credentials(c.url),
+              "url = \"" + std::string(c.url) + "\"\n" + (c.token ? header : "") + ca)
+        << c.url;
+  }
 }
 
 }  // namespace

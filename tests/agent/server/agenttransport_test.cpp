@@ -124,6 +124,22 @@ std::vector<Row> const& contract() {
                 last.body;
        },
        "true POST /moved {}", "true POST /moved {}"},
+      // By design: what the device sends goes only to the host it was meant for.
+      {"a POST redirected (307) to another host",
+       [](CurlManager& t, DdiServer& s) {
+         tamrel::testing::RawCaptureServer raw;
+         raw.setResponse("HTTP/1.1 307 Moved\r\nLocation: " + s.baseUrl() +
+                         "/post?sig=1\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
+         bool const ok = t.post(raw.baseUrl() + "/post", memory("{}"));
+         auto* const agent = dynamic_cast<AgentTransport*>(&t);
+         std::string said = agent ? " " + agent->lastAnswer().problem() : "";
+         if (std::size_t const at = said.find(s.baseUrl()); at != std::string::npos)
+           said.replace(at, s.baseUrl().size(), "SERVER");
+         return std::string(ok ? "sent " : "not sent ") + std::to_string(s.requests().size()) +
+                said;
+       },
+       "sent 1",
+       "not sent 0 a redirect to another host (SERVER/post?\u2026), not followed with a POST"},
       {"file:// is never spoken, not even after a redirect",
        [](CurlManager& t, DdiServer& s) {
          Fault toFile;
@@ -181,70 +197,93 @@ TEST(TransportContract, LibraryAndAgentAgreeRowByRow) {
 
 // Which credentials go where: the server's origin and trusted hosts get the
 // token (of either kind), other hosts, redirect hops to them and, with
-// download-authentication off, artifact downloads get none; plain http to
-// another host is refused when the server is reached over https.
+// download-authentication off, artifact downloads get none; while the server
+// is https nothing goes over plain http, not even to a trusted host.
 TEST(AgentTransport, CredentialsStayWithTheServer) {
+  using T = AgentTransport::Token;
   struct Case {
     char const* what;
-    AgentTransport::Token token;
-    char const* address;  // "" for the server's own; "localhost" makes it another host
-    char const* trusted;
-    bool artifact, downloadAuthentication, redirected;
-    char const* seen;  // Authorization as the server got it, "-" when it got nothing
+    T token;
+    bool tls;        // the server (address) is https; the other host is plain http
+    bool trusted;    // the other host is in trusted-hosts
+    char const* to;  // "server", "other", or "redirect" (from the server to the other)
+    bool artifact, downloadAuthentication;
+    char const* seen;  // Authorization as the target got it, "-" when it got nothing
   } const cases[] = {
-      {"target token at the server", AgentTransport::Token::kTarget, "", "", false, true, false,
+      {"target token at the server", T::kTarget, false, false, "server", false, true,
        "TargetToken tok"},
-      {"gateway token at the server", AgentTransport::Token::kGateway, "", "", false, true, false,
+      {"gateway token at the server", T::kGateway, false, false, "server", false, true,
        "GatewayToken gw"},
-      {"no token (client certificate only)", AgentTransport::Token::kNone, "", "", false, true,
-       false, ""},
-      {"another host", AgentTransport::Token::kTarget, "localhost", "", false, true, false, ""},
-      {"a trusted host", AgentTransport::Token::kTarget, "localhost", "127.0.0.1", false, true,
-       false, "TargetToken tok"},
-      {"artifact, download-authentication no", AgentTransport::Token::kTarget, "", "", true, false,
-       false, ""},
-      {"document, download-authentication no", AgentTransport::Token::kTarget, "", "", false, false,
-       false, "TargetToken tok"},
-      {"redirect from the server to another host", AgentTransport::Token::kGateway, "", "", false,
-       true, true, ""},
-      {"https server, plain http link elsewhere", AgentTransport::Token::kTarget, "https", "",
-       false, true, false, "-"},
+      {"no token (client certificate only)", T::kNone, false, false, "server", false, true, ""},
+      {"another host", T::kTarget, false, false, "other", false, true, ""},
+      {"a trusted host", T::kTarget, false, true, "other", false, true, "TargetToken tok"},
+      {"artifact, download-authentication no", T::kTarget, false, false, "server", true, false, ""},
+      {"document, download-authentication no", T::kTarget, false, false, "server", false, false,
+       "TargetToken tok"},
+      {"redirect from the server to another host", T::kGateway, false, false, "redirect", false,
+       true, ""},
+      {"https server, plain http link elsewhere", T::kTarget, true, false, "other", false, true,
+       "-"},
+      {"https server, plain http link to a trusted host", T::kGateway, true, true, "other", true,
+       true, "-"},
+      {"https server, redirect to plain http on a trusted host", T::kTarget, true, true, "redirect",
+       true, true, "-"},
   };
   tamrel::testing::TempDir const tmp;
+  DdiServer::Options tls;
+  tls.https = true;
   for (Case const& c : cases) {
-    DdiServer server, other;
-    std::string const port = std::to_string(server.port());
+    DdiServer server(c.tls ? tls : DdiServer::Options()), other;
     AgentTransport::Settings settings = settingsFor(server);
-    std::string const address = c.address;
-    if (address == "localhost") settings.address = "http://localhost:" + port;
-    if (address == "https") settings.address = "https://localhost:" + port;
-    if (*c.trusted != '\0') settings.trustedHosts = std::string(c.trusted) + ":" + port;
+    settings.caFile = server.caFile();
+    if (c.trusted) settings.trustedHosts = "localhost:" + std::to_string(other.port());
     settings.token = c.token;
     settings.gatewayToken = "gw";
     settings.downloadAuthentication = c.downloadAuthentication;
     AgentTransport transport(settings);
     transport.setTargetToken("tok");
-    std::string const url = server.addArtifact("/a", "artifact");
+    std::string url = server.addArtifact("/a", "artifact");
+    std::string const elsewhere = "http://localhost:" + std::to_string(other.port()) + "/a";
     other.addArtifact("/a", "artifact");
-    if (c.redirected) {
+    std::string const to = c.to;
+    if (to == "other") url = elsewhere;
+    if (to == "redirect") {
       Fault moved;
-      moved.redirectTo = other.baseUrl() + "/a";
+      moved.redirectTo = elsewhere;
       server.setFault("/a", moved);
     }
     auto buffer = c.artifact
                       ? std::make_shared<curlbuffer>(std::make_unique<fileio>(tmp.path() + "/a"))
                       : memory();
     bool const ok = transport.download(url, buffer);
-    DdiServer const& got = c.redirected ? other : server;
+    DdiServer const& got = to == "server" ? server : other;
     std::string const seen =
         got.requests().empty() ? "-" : got.requests().back().header("Authorization");
     EXPECT_EQ(seen, c.seen) << c.what;
     EXPECT_EQ(ok, seen != "-") << c.what;
-    if (c.redirected) {
+    if (to == "redirect" && !c.artifact) {
       EXPECT_EQ(server.requests().back().header("Authorization"), "GatewayToken gw") << c.what;
     }
     std::remove((tmp.path() + "/a").c_str());
   }
+}
+
+// The library logs the link it downloads: it gets a stand-in with the query
+// hidden, the transport fetches the link itself; links that differ only in
+// their query keep stand-ins of their own.
+TEST(AgentTransport, FetchesTheLinkBehindAStandIn) {
+  DdiServer server;
+  server.serve("/get", "file");
+  AgentTransport transport(settingsFor(server));
+  std::string const url = "http://u:pw@" + server.baseUrl().substr(7) + "/get?name=";
+  EXPECT_EQ(transport.concealed(url + "a"),
+            "http://\u2026@" + server.baseUrl().substr(7) + "/get?\u2026");
+  std::string const b = transport.concealed(url + "b#x");
+  EXPECT_EQ(b, transport.concealed(url + "a") + "#2");
+  EXPECT_TRUE(transport.download(b, memory()));
+  EXPECT_EQ(server.requests().back().query, "name=b");
+  transport.forgetConcealed();
+  EXPECT_EQ(transport.revealed(b), b);
 }
 
 // What the server asks of the agent is kept: the status and Retry-After

@@ -18,6 +18,8 @@ TEST(LinkOrigin, OnlyTheServerAndTrustedHosts) {
       {"https://hawkbit.example.com:8443/x", "", false, "hawkbit.example.com:8443"},
       {"https://cdn.example.com/a.img", "", false, "cdn.example.com:443"},
       {"https://cdn.example.com/a.img", " cdn.example.com , x", true, "cdn.example.com:443"},
+      {"http://cdn.example.com/a.img", "cdn.example.com", false,
+       "cdn.example.com:80"},  // https server
       {"https://cdn.example.com:8443/a", "cdn.example.com", false, "cdn.example.com:8443"},
       {"https://cdn.example.com:8443/a", "cdn.example.com:8443", true, "cdn.example.com:8443"},
       {"https://hawkbit.example.com.evil.net/x", "", false, "hawkbit.example.com.evil.net:443"},
