@@ -1,5 +1,6 @@
 #include "agent/commands/command.h"
 
+#include "agent/base/heartbeat.h"
 #include "agent/commands/processgroup.h"
 #include "agent/commands/stderrtail.h"
 
@@ -107,7 +108,10 @@ CommandResult runCommand(std::string const& command, std::vector<std::string> co
     bool const stop = options.stop != nullptr && options.stop->load();
     bool const late = options.deadlineMs > 0 &&
                       Clock::now() - start >= std::chrono::milliseconds(options.deadlineMs);
-    if (!stop && !late) return;
+    if (!stop && !late) {
+      Heartbeat::beat();  // a command within its deadline is progress
+      return;
+    }
     if (group.sent() == 0) {
       result.stopped = stop;
       result.timedOut = !stop;

@@ -1,5 +1,7 @@
 #include "agent/commands/installchild.h"
 
+#include "agent/base/heartbeat.h"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -68,6 +70,7 @@ CommandResult InstallChild::wait(std::atomic<bool> const* stop, bool end) {
   if (!started()) return result;
   for (int pause = 1; !exited(); pause = std::min(pause * 2, 50)) {
     if (end || (stop != nullptr && stop->load())) group_.end();
+    Heartbeat::beat();  // waiting for a running install is progress
     poll(nullptr, 0, pause);
   }
   // What it left behind in its group goes with it.
