@@ -36,8 +36,26 @@ check "the unit is installed but not enabled" \
   sh -c '! systemctl is-enabled -q tamrel-agent.service'
 check "the package made /var/lib/tamrel/downloads and state" \
   test -d /var/lib/tamrel/downloads -a -d /var/lib/tamrel/state
-check "agent.conf is a conffile" \
-  sh -c 'dpkg-query -W -f="\${Conffiles}" tamrel-agent | grep -q /etc/tamrel/agent.conf'
+check "agent.conf is a conffile, readable by root alone" sh -c '
+  dpkg-query -W -f="\${Conffiles}" tamrel-agent | grep -q /etc/tamrel/agent.conf &&
+  test "$(stat -c %a:%U /etc/tamrel/agent.conf)" = 600:root'
+check "every file the unit's Documentation= names is installed" sh -c '
+  for doc in $(sed -n "s/^Documentation=//p" /lib/systemd/system/tamrel-agent.service); do
+    case $doc in file:*) test -f "${doc#file:}" || { echo "missing: $doc"; exit 1; } ;; esac
+  done'
+check "every command agent.conf names (its RAUC and SWUpdate blocks) is installed" sh -c '
+  paths=$(sed -n "s|^#\?[a-z]*-command = \(/usr/share/[^ ]*\).*|\1|p" /etc/tamrel/agent.conf)
+  [ "$(echo "$paths" | wc -l)" -eq 4 ] && for p in $paths; do test -x "$p" || { echo "missing: $p"; exit 1; }; done'
+# An upgrade under systemd (its run directory stands for it here) restarts
+# the service once the new agent is configured, and stops nothing before;
+# deb-systemd-invoke, which does either, is recorded instead.
+mkdir -p /srv/fake /run/systemd/system
+printf '#!/bin/sh\necho "$@" >> /srv/fake/invoked\n' > /srv/fake/deb-systemd-invoke
+chmod +x /srv/fake/deb-systemd-invoke
+check "an upgrade restarts the service and stops it at no other point" sh -c '
+  PATH=/srv/fake:$PATH dpkg -i /srv/debs/tamrel-agent_*.deb > /dev/null &&
+  test "$(cat /srv/fake/invoked)" = "restart tamrel-agent.service"'
+rm -rf /run/systemd/system
 check "every script the RAUC and SWUpdate fragments name is installed and executable" sh -c '
   paths=$(sed -n "s|^[a-z]*-command = \(/usr/share/[^ ]*\).*|\1|p" /usr/share/tamrel-agent/installers/*/agent.conf)
   [ "$(echo "$paths" | wc -l)" -eq 4 ] && for p in $paths; do test -x "$p" || { echo "missing: $p"; exit 1; }; done'
