@@ -80,6 +80,7 @@ void SystemdNotify::ready() {
 }
 
 bool SystemdNotify::feed() {
+  if (fd_ < 0 || settings_.watchdogUs <= 0) return false;
   std::int64_t const age = heartbeatAgeMs_();
   bool const fresh = age < settings_.watchdogUs / 1000;
   bool const wasStarving = starving_.exchange(!fresh);
