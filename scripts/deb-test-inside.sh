@@ -51,16 +51,6 @@ check "every file the unit's Documentation= names is installed" sh -c '
 check "every command agent.conf names (its RAUC and SWUpdate blocks) is installed" sh -c '
   paths=$(sed -n "s|^#\?[a-z]*-command = \(/usr/share/[^ ]*\).*|\1|p" /etc/tamrel/agent.conf)
   [ "$(echo "$paths" | wc -l)" -eq 4 ] && for p in $paths; do test -x "$p" || { echo "missing: $p"; exit 1; }; done'
-# An upgrade under systemd (its run directory stands for it here) restarts
-# the service once the new agent is configured, and stops nothing before;
-# deb-systemd-invoke, which does either, is recorded instead.
-mkdir -p /srv/fake /run/systemd/system
-printf '#!/bin/sh\necho "$@" >> /srv/fake/invoked\n' > /srv/fake/deb-systemd-invoke
-chmod +x /srv/fake/deb-systemd-invoke
-check "an upgrade restarts the service and stops it at no other point" sh -c '
-  PATH=/srv/fake:$PATH dpkg -i /srv/debs/tamrel-agent_*.deb > /dev/null &&
-  test "$(cat /srv/fake/invoked)" = "restart tamrel-agent.service"'
-rm -rf /run/systemd/system
 check "every script the RAUC and SWUpdate fragments name is installed and executable" sh -c '
   paths=$(sed -n "s|^[a-z]*-command = \(/usr/share/[^ ]*\).*|\1|p" /usr/share/tamrel-agent/installers/*/agent.conf)
   [ "$(echo "$paths" | wc -l)" -eq 4 ] && for p in $paths; do test -x "$p" || { echo "missing: $p"; exit 1; }; done'
@@ -72,6 +62,62 @@ check "tamrel-agent --once (shipped configuration) completes a deployment" \
   env BASE_CONFIG=/etc/tamrel/agent.conf /srv/tests/consumer/agent_once.sh /usr/bin
 check "tamrel-agent does not need the library's package" \
   sh -c '! dpkg-query -W -f="\${Depends}" tamrel-agent | grep -q libtamrelcore1'
+# The agent installing a newer tamrel-agent through the shipped install-deb
+# (docs/agent.md, "Updating the agent itself"), under stand-ins for systemd:
+# its run directory; systemd-run giving the command a session of its own,
+# "active" while it runs; a restart that stops the agent (recorded, with
+# every other start or stop the package asks for). The first run is stopped
+# by the upgrade it started, dpkg completes all the same, the second run
+# closes the action.
+mkdir -p /srv/fake /srv/self/art /run/systemd/system
+cat > /srv/fake/systemd-run <<'FAKE'
+#!/bin/sh
+while [ "${1#-}" != "$1" ]; do case $1 in --unit=*) unit=${1#--unit=} ;; esac; shift; done
+setsid "$@" & echo $! > "/srv/fake/$unit.pid"
+wait $!
+FAKE
+cat > /srv/fake/systemctl <<'FAKE'
+#!/bin/sh
+[ "$1 $2" = "-q is-active" ] || exit 0
+kill -0 "$(cat "/srv/fake/$3.pid" 2> /dev/null)" 2> /dev/null
+FAKE
+cat > /srv/fake/deb-systemd-invoke <<'FAKE'
+#!/bin/sh
+echo "$@" >> /srv/fake/invoked
+pid=$(cat /srv/self/agent.pid 2> /dev/null) || exit 0
+kill -TERM "$pid" && while kill -0 "$pid" 2> /dev/null; do sleep 0.1; done
+FAKE
+chmod +x /srv/fake/*
+dpkg-deb -R /srv/debs/tamrel-agent_*_amd64.deb /srv/self/pkg
+sed -i 's/^Version: .*/&+self1/' /srv/self/pkg/DEBIAN/control
+dpkg-deb -b /srv/self/pkg /srv/self/art/tamrel-agent.deb > /dev/null
+self_update() {
+  local server address
+  tamrel-ddi-server --port 0 --token secret --artifacts /srv/self/art > /srv/self/server.log 2>&1 &
+  server=$!
+  until address=$(sed -n '1s|^DDI server on \(http://[0-9.:]*\)/.*|\1|p' /srv/self/server.log) &&
+    [ -n "$address" ]; do kill -0 $server || return 1; sleep 0.1; done
+  printf '%s\n' "address = $address" "tenant-id = DEFAULT" "controller-id = dev01" "token = secret" \
+    "download-dir = /srv/self/dl" "state-dir = /srv/self/state" \
+    'install-command = /bin/sh /usr/share/doc/tamrel-agent/examples/install-deb "$@"' \
+    > /srv/self/agent.conf
+  for run in 1 2; do
+    PATH=/srv/fake:$PATH tamrel-agent --once --config /srv/self/agent.conf > /srv/self/agent$run.log 2>&1 &
+    echo $! > /srv/self/agent.pid
+    wait $! || { kill $server; return 1; }
+    rm /srv/self/agent.pid
+    [ $run = 2 ] || grep -q "interrupted" /srv/self/server.log || { kill $server; return 1; }
+  done
+  kill $server
+  test "$(dpkg-query -W -f '${Status} ${Version}' tamrel-agent)" = "install ok installed 1.0.0+self1" &&
+    test "$(cat /srv/fake/invoked)" = "restart tamrel-agent.service" &&
+    grep -q "^action 1 closed: success" /srv/self/server.log
+}
+shown() { "$@" || { tail -n 8 /srv/self/*.log /srv/fake/invoked; return 1; }; }
+check "the agent updates its own package: restarted once, dpkg completes, the action succeeds" \
+  shown self_update
+rm -rf /run/systemd/system
+
 # What an agent leaves in its directories must go with the package.
 mkdir -p /var/lib/tamrel/downloads/firmware && touch /var/lib/tamrel/downloads/firmware/image.bin
 
