@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
+#include <system_error>
 
 namespace tamrel::ddiserver {
 namespace {
@@ -84,8 +85,18 @@ DdiServer::DdiServer(Options const& options)
   server_->Patch(".*", handler);
   server_->Delete(".*", handler);
 
+  // SO_REUSEADDR only: httplib's default SO_REUSEPORT lets a second server
+  // bind a port in use, and the two then split the requests between them.
+  server_->set_socket_options([](socket_t sock) {
+    int yes = 1;
+    setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+  });
   if (options.port > 0) {
     port_ = server_->bind_to_port("127.0.0.1", options.port) ? options.port : -1;
+    if (port_ < 0) {
+      throw std::system_error(std::make_error_code(std::errc::address_in_use),
+                              "port " + std::to_string(options.port) + " on 127.0.0.1");
+    }
   } else {
     port_ = server_->bind_to_any_port("127.0.0.1");
   }

@@ -20,6 +20,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "ddiserver/ddidocument.h"
@@ -75,9 +76,11 @@ bool digests(std::string const& path, std::map<std::string, std::string>& hashes
 
 int main(int argc, char** argv) {
   ddiserver::ServerOptions settings;
-  if (argc == 2 && std::string(argv[1]) == "--help") {
-    std::fputs(ddiserver::ServerOptions::help().c_str(), stdout);
-    return 0;
+  for (int i = 1; i < argc; ++i) {
+    if (std::string(argv[i]) == "--help") {
+      std::fputs(ddiserver::ServerOptions::help().c_str(), stdout);
+      return 0;
+    }
   }
   if (!settings.parse(argc, argv)) {
     std::fprintf(stderr, "tamrel-ddi-server: %s (--help lists the options)\n",
@@ -164,6 +167,10 @@ int main(int argc, char** argv) {
   std::unique_ptr<ddiserver::DdiServer> made;
   try {
     made = std::make_unique<ddiserver::DdiServer>(options);
+  } catch (std::system_error const& error) {
+    // A port given with --port that another program holds: a usage error.
+    std::fprintf(stderr, "tamrel-ddi-server: %s\n", error.what());
+    return error.code() == std::errc::address_in_use ? 2 : 1;
   } catch (std::exception const& error) {
     std::fprintf(stderr, "tamrel-ddi-server: %s\n", error.what());
     return 1;

@@ -161,7 +161,7 @@ bool consent(std::string const& dir) {
     if (!agent.connect()) return false;
     agent.cycle();
   }
-  std::printf("\n== what the server received\n");
+  std::printf("== what the server received\n");
   std::string const controller = server.controllerPath();
   bool confirmed = false, closed = false;
   for (auto const& request : server.requests()) {
@@ -182,7 +182,7 @@ bool consent(std::string const& dir) {
     std::printf("  %-4s %s%s%s\n", request.method.c_str(), path.c_str(), note.empty() ? "" : "  ",
                 note.c_str());
   }
-  std::printf("\nsummary: action 3 %s by the consent command, %s\n",
+  std::printf("summary: action 3 %s by the consent command, %s\n",
               confirmed ? "confirmed" : "NOT confirmed",
               closed ? "then closed/success" : "NOT closed/success");
   return confirmed && closed;
@@ -232,7 +232,7 @@ int main(int argc, char** argv) {
     }
   }
   if (ok) {
-    std::printf("\n== an update waiting for the device's consent\n");
+    std::printf("== an update waiting for the device's consent\n");
     ok = consent(std::string(dir) + "/consent");
   }
   removeTree(dir);

@@ -8,6 +8,7 @@
 #include <cerrno>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -17,9 +18,11 @@
 #include "agent/app/agentlock.h"
 #include "agent/app/signalthread.h"
 #include "agent/app/startupcheck.h"
+#include "agent/app/systemdnotify.h"
 #include "agent/base/agentconfig.h"
 #include "agent/base/console.h"
 #include "agent/base/exitcode.h"
+#include "agent/base/heartbeat.h"
 #include "agent/base/log.h"
 #include "agent/base/memorybudget.h"
 #include "agent/lifecycle/updateagent.h"
@@ -62,6 +65,7 @@ std::string exitCodesHelp() {
 int main(int argc, char** argv) {
   SignalThread::blockStopSignals();
   MemoryBudget::install();
+  SystemdNotify notify(SystemdNotify::fromEnvironment(), &Heartbeat::ageMs);
   std::string configPath;
   bool once = false, downloadOnly = false;
   std::vector<std::string> installed;  // --report-installed NAME VERSION
@@ -137,15 +141,25 @@ int main(int argc, char** argv) {
     Log::error("%s: the library refused the settings", configPath.c_str());
     return kExitConfig;
   }
+  notify.ready();
   int status = kExitOk;
   while (!agent.stopping()) {
+    Heartbeat::beat();
     UpdateAgent::Cycle const cycle = agent.cycle();
     if (once) {
       status = cycle.status;
       break;
     }
-    // Failures (1, 3) are reported and the next poll tries again.
-    agent.sleep(cycle.sleepSeconds);
+    // Failures (1, 3) are reported and the next poll tries again. The wait
+    // goes in short rounds, each a beat of the loop's heartbeat.
+    std::int64_t left = cycle.sleepSeconds;
+    do {
+      Heartbeat::beat();
+      std::int64_t const round = std::min<std::int64_t>(left, 10);
+      agent.sleep(round);
+      left -= round;
+    } while (left > 0 && !agent.stopping());
   }
+  notify.stopping();
   return agent.stopping() ? kExitOk : status;
 }

@@ -196,7 +196,13 @@ std::string AgentConfig::keysHelp() {
     std::string name = key.name;
     if (key.required) name += " (required)";
     if (*key.defaultValue != '\0') name += std::string(" [") + key.defaultValue + "]";
-    name.resize(name.size() < 34 ? 34 : name.size() + 1, ' ');
+    // A name too long for its column gets a line of its own: help2man reads
+    // a name and its text only when two blanks at least part them.
+    if (name.size() < 33) {
+      name.resize(34, ' ');
+    } else {
+      name += "\n" + std::string(36, ' ');
+    }
     text += "  " + name + key.help + "\n";
   }
   text +=

@@ -4,6 +4,7 @@
 #include <optional>
 #include <thread>
 
+#include "agent/base/heartbeat.h"
 #include "agent/base/memorybudget.h"
 
 namespace {
@@ -76,6 +77,9 @@ void Watchdog::watch() {
       }
       if (verdict != Verdict::kNone) decide(verdict);
       verdict = verdict_.load();
+      // Work within its limits is progress; work past them that does not
+      // return to its cancel is not.
+      if (verdict == Verdict::kNone) Heartbeat::beat();
     }
     if (verdict != Verdict::kNone) {
       guard.unlock();

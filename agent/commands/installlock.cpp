@@ -1,4 +1,5 @@
 #include "agent/commands/installlock.h"
+#include "agent/base/heartbeat.h"
 #include "agent/base/log.h"
 
 #include <fcntl.h>
@@ -47,6 +48,7 @@ bool InstallLock::take(std::atomic<bool> const& stop, std::int64_t limitMs, std:
       close(fd);
       return false;
     }
+    Heartbeat::beat();  // waiting within install-timeout-s is progress
     poll(nullptr, 0, 100);
   }
   if (told) Log::info("the earlier install has ended");

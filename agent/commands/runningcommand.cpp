@@ -1,5 +1,7 @@
 #include "agent/commands/runningcommand.h"
 
+#include "agent/base/heartbeat.h"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -155,6 +157,8 @@ CommandResult RunningCommand::wait(std::atomic<bool> const* stop, bool end) {
         endedForStop_ = stopping;
         tell(CommandHolder::kEnd);
       }
+      // The holder ends the command at its deadline: waiting is progress.
+      Heartbeat::beat();
       receive(50);
     }
   }

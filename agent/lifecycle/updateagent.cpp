@@ -33,8 +33,12 @@ UpdateAgent::UpdateAgent(AgentConfig const& config)
       reader_(config, address_, transport_, [this] { return stopping(); }),
       consent_(config, transport_, server_, reader_, stop_),
       installed_(transport_, server_, reader_) {
-  // hawkBit refuses configuration data without attributes.
-  if (attributes_.empty()) attributes_.push_back({"tamrel-agent.version", TAMREL_VERSION});
+  // The agent's version goes with the configured attributes, unless one of
+  // them is named so (hawkBit refuses configuration data without any).
+  bool const named = std::any_of(attributes_.begin(), attributes_.end(), [](auto const& pair) {
+    return pair.key == "tamrel-agent.version";
+  });
+  if (!named) attributes_.push_back({"tamrel-agent.version", TAMREL_VERSION});
 }
 
 bool UpdateAgent::connect() {
@@ -175,8 +179,8 @@ UpdateAgent::Cycle UpdateAgent::cycle() {
                  host.c_str());
   } else if (!answer.config_data.url.empty()) {
     std::string const failure = server_.send([&] { return client_.sendConfigData(attributes_); });
-    Log::info("config data: %zu attributes %s", attributes_.size(),
-              failure.empty() ? "sent" : failure.c_str());
+    Log::info("config data: %zu attribute%s %s", attributes_.size(),
+              attributes_.size() == 1 ? "" : "s", failure.empty() ? "sent" : failure.c_str());
   }
   auto const& cancel = answer.cancel_action;
   if (!cancel.url.empty() && !cancel.stop_id.empty() &&

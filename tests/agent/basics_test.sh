@@ -13,6 +13,17 @@ check "demo: deployment and cancel closed/success, consent confirmed by the comm
    grep -q "action 3 confirmed by the consent command, then closed/success" "$work/demo.log"'
 check "demo: download dir removed" \
   test ! -e "$(sed -n 's/.*downloads into \([^ ]*\)$/\1/p' "$work/demo.log")"
+check "demo: no escaped line breaks, counts in agreement" \
+  eval '! grep -q "\\\\n\|[^0-9]1 attributes" "$work/demo.log"'
+# Every configuration key is an item of its own in the manual page.
+man_items() {
+  local k items
+  items=$(grep -A1 '^\.TP' "$build/man/tamrel-agent.1" | sed 's/\\-/-/g')
+  for k in $("$agent" --help | sed -n '/^configuration keys/,/^$/s/^  \([a-z][a-zA-Z.-]*\).*/\1/p'); do
+    grep -q "^$k\( \|$\)" <<<"$items" || { echo "not an item of the man page: $k"; return 1; }
+  done
+}
+[ ! -f "$build/man/tamrel-agent.1" ] || check "man page: every configuration key an item" man_items
 
 artifact 640000
 same() { cmp -s "$work/art/image.bin" "$dl/firmware/image.bin"; }

@@ -5,8 +5,8 @@
 # feedback read as JSON whatever its layout, the links it offers as the
 # action runs, is canceled or closes, installedBase and actionHistory,
 # client certificates (--client-cert-out, --client-ca), --gateway-token,
-# --confirm-required, percent-encoded artifact URLs, and one-shot faults
-# that HEAD requests neither meet nor spend.
+# --confirm-required, percent-encoded artifact URLs, one-shot faults that
+# HEAD requests neither meet nor spend, --help and a port in use.
 # usage: ddiserver_test.sh BUILD_DIR   (KEEP=1 keeps the work directory)
 set -uo pipefail
 . "$(dirname "$0")/lib.sh"
@@ -170,4 +170,19 @@ truncate -s 256M "$work/big/big.img"
 pids+=($!)
 address_of $! "$work/big.log" && first=$(curl -s --max-time 60 "$address$c")
 check "first answered poll links the deployment" grep -q '"deploymentBase":{"href"' <<< "${first:-}"
+
+# The command line: --help wherever it stands, and a port in use refused
+# (the port of the server still running above).
+port=${address##*:}
+while IFS='|' read -r what options status says; do
+  # shellcheck disable=SC2086
+  timeout 30 "$server" $options > "$work/cli.log" 2>&1
+  code=$?
+  check "$what: exit $status, says '$says'" eval \
+    'test $code -eq $status && grep -q -- "$says" "$work/cli.log"'
+done <<EOF
+--help after another option|--port 0 --help|0|--artifacts DIR
+--help alone|--help|0|--artifacts DIR
+a port in use|--port $port --artifacts $work/art|2|port $port on 127.0.0.1: Address already in use
+EOF
 finish

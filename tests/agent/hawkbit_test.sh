@@ -63,11 +63,15 @@ sed -i 's|^address = http://127.0.0.1|address = http://localhost|' "$conf"
 run_agent 'trusted-hosts = example.org, 127.0.0.1:'"$(sed -n 's|^DDI server on http://127.0.0.1:\([0-9]*\).*|\1|p' "$log")"
 check "link to a trusted host: fetched, success" 'closed_with' success
 
-# hawkBit refuses configData without attributes: the agent adds its version.
-serve
-sed -i '/^attribute/d' "$conf"
-run_agent
-check "no attribute configured: the agent's version is sent" \
-  eval 'grep -A1 "PUT .*/configData" "$log" | grep -q "\"tamrel-agent.version\""'
+# The agent's version goes with the configured attributes, and alone
+# without any (hawkBit refuses configData without attributes).
+for attributes in 'attribute.serial = 42' ''; do
+  serve
+  sed -i '/^attribute/d' "$conf"
+  run_agent "$attributes"
+  check "attributes '$attributes': the agent's version is sent with them" \
+    eval 'grep -A1 "PUT .*/configData" "$log" | grep -q "\"tamrel-agent.version\"" &&
+      { [ -z "$attributes" ] || grep -A1 "PUT .*/configData" "$log" | grep -q "\"serial\":\"42\""; }'
+done
 
 finish

@@ -106,7 +106,7 @@ while IFS='|' read -r what settings status says; do
     'test $code -eq "$status" && grep -q -- "$says" "$work/agent$n.log"'
 done <<EOF
 client certificate accepted|ca-file=$mtls/ca.pem client-cert=$mtls/client.pem client-key=$mtls/client.key|0|deployment 1: success
-encrypted key with its password|ca-file=$mtls/ca.pem client-cert=$mtls/client.pem client-key=$work/locked.key client-key-password-file=$work/password|0|config data: 1 attributes sent
+encrypted key with its password|ca-file=$mtls/ca.pem client-cert=$mtls/client.pem client-key=$work/locked.key client-key-password-file=$work/password|0|config data: 2 attributes sent
 no client certificate: refused|ca-file=$mtls/ca.pem|3|$refused
 a certificate of another CA: refused|ca-file=$mtls/ca.pem client-cert=$work/dev.pem client-key=$work/dev.key|3|$refused
 server CA not trusted|ca-file=$work/cca.pem client-cert=$mtls/client.pem client-key=$mtls/client.key|3|server certificate not trusted: 

@@ -4,7 +4,8 @@
 # that compares it with the original. Passes when the agent exits 0, the
 # command saw the right file and the server got closed/success feedback.
 # With BASE_CONFIG set (the shipped agent.conf), the agent reads that file
-# with its server, identity, directories and install command replaced.
+# with its server, identity, directories and installer (install, reboot and
+# confirm commands) replaced.
 # usage: [BASE_CONFIG=FILE] agent_once.sh BINDIR [AGENT_OPTION...]
 set -euo pipefail
 bindir=$1; shift
@@ -18,7 +19,7 @@ cleanup() {
 trap cleanup EXIT
 fail() { echo "FAILED: $*"; for f in server.log agent.log; do [ -f "$work/$f" ] && sed "s/^/  $f: /" "$work/$f"; done; exit 1; }
 
-mkdir "$work/artifacts" "$work/downloads"
+mkdir -m 700 "$work/artifacts" "$work/downloads" "$work/state"
 head -c 300000 /dev/urandom > "$work/artifacts/image.bin"
 cat > "$work/install.sh" <<SCRIPT
 #!/bin/sh
@@ -41,7 +42,7 @@ address=${url%%/DEFAULT/*}
 [ "$address" != "$first" ] || fail "unexpected server line: $first"
 
 if [ -n "${BASE_CONFIG:-}" ]; then
-  grep -Ev '^[[:space:]]*(address|tenant-id|controller-id|token|token-file|download-dir|state-dir|install-command)[[:space:]]*=' \
+  grep -Ev '^[[:space:]]*(address|tenant-id|controller-id|token|token-file|download-dir|state-dir|install-command|reboot-exit-code|reboot-command|confirm-command)[[:space:]]*=' \
     "$BASE_CONFIG" > "$work/agent.conf" || fail "cannot read $BASE_CONFIG"
 fi
 cat >> "$work/agent.conf" <<CONF
