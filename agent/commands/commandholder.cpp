@@ -95,6 +95,18 @@ void CommandHolder::run(ProcessGroup& group, Setup const& given) {
     }
     int const step = group.nextStepMs();
     if (step >= 0) timeout = std::min(timeout, step);
+    // The agent is gone (its end closed, or a message to it failed). An
+    // input it did not finish never ends for the command: its group is
+    // killed instead.
+    if (agent && setup.control < 0) {
+      agent = false;
+      if (setup.heldInput >= 0 && !exited) {
+        group.kill(SIGKILL);
+        flags |= kInputCut;
+      }
+      closeFd(setup.heldInput);
+      continue;
+    }
     // While the agent lives it reads the output; after, this one drains it.
     pollfd ready[3];
     nfds_t count = 0;
@@ -115,15 +127,7 @@ void CommandHolder::run(ProcessGroup& group, Setup const& given) {
         continue;
       }
       if (n <= 0) {
-        // The agent is gone. An input it did not finish never ends for
-        // the command: its group is killed instead.
-        agent = false;
         closeFd(setup.control);
-        if (setup.heldInput >= 0 && !exited) {
-          group.kill(SIGKILL);
-          flags |= kInputCut;
-        }
-        closeFd(setup.heldInput);
         continue;
       }
       for (ssize_t k = 0; k < n; ++k) {
