@@ -120,13 +120,14 @@ service() {
 device() {
   local extra=''; [ "$1" = rauc ] || extra="--cmdline $dev/cmdline "
   [ -z "$server_pid" ] || kill "$server_pid"
-  rm -rf "$boot" "$work/art" "$work/state" "$dev/reboots" "$dev/rauc.status"
+  rm -rf "$boot" "$work/art" "$work/state" "$work/agent-state" "$dev/reboots" "$dev/rauc.status"
   head -c 4096 /dev/zero > "$dev/uboot.env"
   mkdir -p "$boot" "$work/art" && cp "$work/$2" "$work/art/"
   for s in A B; do cp "$work/zeros" "$dev/slot$s"; echo good > "$boot/state.$s"; done
   echo A > "$boot/primary"; echo 'quiet tamrel.slot=A' > "$dev/cmdline"
   boot A && serve "${@:3}" || return 1
   server_pid=${pids[-1]}
+  sed -i '/^state-dir = /d' "$conf"
   sed -e "s|/usr/share/tamrel-agent/installers|$src|; s|\(/install\) |\1 $extra--state $work/state |" \
     -e "s|/confirm$|& $extra--state $work/state|; s|^state-dir = .*|state-dir = $work/agent-state|" \
     -e "s|--key [^ ]*|--key $keys/swu.pem --swupdate-args '-H board:1.0'|" \
@@ -198,7 +199,7 @@ check "rauc SIGTERM during install: installed again after the first, closed succ
 # service's result.
 printf '#!/bin/sh\necho "$*" >> %s/busctl.args\nexec %s "$@"\n' "$dev" "$(command -v busctl)" > "$dev/bin/busctl"
 chmod +x "$dev/bin/busctl"
-device rauc good.raucb; rm -rf "$work/agent-state"; echo 'install-mode = url' >> "$conf"; agent
+device rauc good.raucb; echo 'install-mode = url' >> "$conf"; agent
 check "rauc url with a token: refused naming why, the token on no command line, nothing installed" \
   eval 'closed_once failure "install-mode url with a token: RAUC takes the authorization header only on a command line" &&
         untouched && ! grep -q "t0k#1" "$dev/busctl.args" 2> /dev/null'

@@ -20,7 +20,7 @@ deaf="install-command = $work/deaf"
 gone() { ! kill -0 "$(cat "$child")" 2> /dev/null; }
 lock_free() { test -e "$1" && flock -n "$1" true; }
 
-serve; once "$deaf" 'install-timeout-s = 2'
+serve; once "$deaf" 'install-timeout-s = 1'
 expect "deaf installer past install-timeout-s" 1 8 installing
 check "deaf installer past install-timeout-s: its group is gone, never ended its work" \
   eval 'gone && ! grep -q end "$seq" && closed_with failure && grep -q "past its deadline" "$log"'
