@@ -140,15 +140,8 @@ void CommandHolder::run(ProcessGroup& group, Setup const& given) {
     }
   }
   closeFd(setup.heldInput);
-  if (setup.outcomePath != nullptr && !setup.outcomePath->empty()) {
-    CommandResult result;
-    result.started = true;
-    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    result.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
-    std::string error;
-    if (!InstallOutcome::write(*setup.outcomePath, *setup.outcomeTag, result, error))
-      flags |= kOutcomeUnwritten;
-  }
+  if (setup.outcome != nullptr && !InstallOutcome::writeNow(*setup.outcome, status))
+    flags |= kOutcomeUnwritten;
   closeFd(setup.lock);
   send(setup.control, {kDone, status, flags});
   _exit(0);

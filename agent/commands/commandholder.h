@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 
+#include "agent/commands/installoutcome.h"
 #include "agent/commands/processgroup.h"
 
 // The process between the agent and a command: forked from the agent, it
@@ -16,8 +17,8 @@
 // chatty command never dies of SIGPIPE) and, for a stream, a writing end of
 // the command's input, so that the command never sees the end of an input
 // the agent did not finish: when the agent dies before that, the group is
-// killed. Runs only async-signal-safe calls (and the outcome's write, which
-// allocates), as a process forked from a threaded one must.
+// killed. Runs only async-signal-safe calls, as a process forked from a
+// threaded one must.
 class CommandHolder {
  public:
   // To the agent, on the control socket.
@@ -40,8 +41,7 @@ class CommandHolder {
     int err[2] = {-1, -1};
     int lock = -1;  // the install lock, released last; -1: none
     std::int64_t deadlineMs = 0;
-    std::string const* outcomePath = nullptr;  // "": no outcome written
-    std::string const* outcomeTag = nullptr;
+    InstallOutcome::Prepared const* outcome = nullptr;  // nullptr: none written
   };
   [[noreturn]] static void run(ProcessGroup& group, Setup const& setup);
 };

@@ -19,6 +19,16 @@ class InstallOutcome {
   // of `tag`; false when there is none, it is of another tag, or unreadable.
   static bool read(std::string const& path, std::string const& tag, CommandResult& result);
   static bool remove(std::string const& path, std::string& error);
+
+  // The same write for a process forked from a threaded one (the lock's
+  // holder), which must not allocate: prepare() does all that allocates
+  // beforehand, writeNow() then makes system calls only.
+  struct Prepared {
+    std::string path, temporary, directory, tag;
+  };
+  static Prepared prepare(std::string const& path, std::string const& tag);
+  // `waitStatus` as waitpid() gives it.
+  static bool writeNow(Prepared const& prepared, int waitStatus);
 };
 
 #endif  // TAMREL_AGENT_COMMANDS_INSTALLOUTCOME_H_

@@ -53,6 +53,9 @@ RunningCommand::RunningCommand(Options options) : options_(std::move(options)) {
     return;
   }
   ProcessGroup group(options_.command, options_.args, options_.environment);
+  // Made here: the holder must not allocate.
+  InstallOutcome::Prepared const outcome =
+      InstallOutcome::prepare(options_.outcomePath, options_.outcomeTag);
   std::fflush(stdout);
   pid_t const holder = fork();
   if (holder == 0) {
@@ -66,8 +69,7 @@ RunningCommand::RunningCommand(Options options) : options_(std::move(options)) {
     setup.err[1] = err.fds[1];
     setup.lock = options_.lockFd;
     setup.deadlineMs = options_.deadlineMs;
-    setup.outcomePath = &options_.outcomePath;
-    setup.outcomeTag = &options_.outcomeTag;
+    if (!options_.outcomePath.empty()) setup.outcome = &outcome;
     CommandHolder::run(group, setup);
   }
   close(control[1]);

@@ -31,7 +31,7 @@ rm -f "$seq"; serve
 printf '%s\n' "$deaf" 'install-timeout-s = 60' >> "$conf"
 "$agent" --once --config "$conf" > "$(alog)" 2>&1 &
 apid=$!
-wait_for installing "$(alog)"
+wait_for "Z installing$" "$(alog)"
 kill -TERM $apid; wait $apid
 code=$?
 check "SIGTERM during a deaf install: exit 0, its group gone, the lock free" \
@@ -67,7 +67,7 @@ printf '%s\n' "install-command = echo installing; read x < $work/go && head -c 5
 " head -c 500000 /dev/zero >&2 && echo end >> $seq" >> "$conf"
 "$agent" --once --config "$conf" > "$(alog)" 2>&1 &
 apid=$!
-wait_for installing "$(alog)"
+wait_for "Z installing$" "$(alog)"
 kill -KILL $apid; wait $apid 2> /dev/null
 echo go > "$work/go"
 check "kill -9 during a chatty install: it finishes" \

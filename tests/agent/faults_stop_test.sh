@@ -33,7 +33,7 @@ serve
 echo "install-command = echo installing; sleep 60; touch $work/finished" >> "$conf"
 "$agent" --config "$conf" > "$(alog)" 2>&1 &
 pid=$!
-wait_for installing "$(alog)"
+wait_for "Z installing$" "$(alog)"
 kill -HUP $pid
 check "SIGHUP during the install command: ignored" wait_for 'SIGHUP ignored' "$(alog)" 1 $pid
 start=$(date +%s); kill -TERM $pid; wait $pid

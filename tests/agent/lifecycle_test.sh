@@ -81,7 +81,7 @@ rm -f "$seq"; serve; use_state
 echo "install-command = echo start >> $seq; echo installing; while [ ! -e $work/go ]; do sleep 0.1; done; echo end >> $seq; printf '1:0\nexit 0\n' > $state/outcome" >> "$conf"
 "$agent" --once --config "$conf" > "$work/first.log" 2>&1 &
 first=$!
-wait_for installing "$work/first.log"
+wait_for "Z installing$" "$work/first.log"
 check "install running: recorded as installing chunk 1 of 1 before it ran" \
   eval 'at installing && grep -qx "at 0" "$state/action"'
 kill -KILL $first; wait $first 2>/dev/null
