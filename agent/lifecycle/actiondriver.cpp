@@ -3,9 +3,7 @@
 #include <dirent.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
-#include <fstream>
 
 #include "agent/base/log.h"
 #include "agent/commands/command.h"
@@ -19,14 +17,6 @@ using Kind = ActionMachine::Kind;
 using Exit = ActionMachine::Exit;
 using Answer = ActionMachine::Answer;
 using Event = ActionMachine::Event;
-
-// This boot's id; "" when it cannot be read.
-std::string bootId(std::string const& path) {
-  std::ifstream in(path);
-  std::string id;
-  std::getline(in, id);
-  return id;
-}
 
 Event event(Kind kind) {
   Event e;
@@ -52,7 +42,8 @@ ActionDriver::ActionDriver(libtamrelcore& client, AgentConfig const& config,
       streamer_(streamer),
       stop_(stop),
       record_(config.stateDir),
-      reports_(client, transport, server) {}
+      reports_(client, transport, server),
+      reboot_(config, stop) {}
 
 void ActionDriver::start(std::string const& baseUrl) {
   reports_.start(baseUrl);
@@ -62,7 +53,7 @@ void ActionDriver::start(std::string const& baseUrl) {
   }
   if (state_.stage != Stage::kIdle)
     Log::info("action %s: found %s at start", state_.actionId.c_str(), state_.describe().c_str());
-  bool const newBoot = !state_.bootId.empty() && state_.bootId != bootId(config_.bootIdFile);
+  bool const newBoot = !state_.bootId.empty() && state_.bootId != reboot_.bootId();
   // The reboot never happened (the agent was stopped before or while it
   // ran): nothing is confirmed before another boot.
   if (!newBoot && (state_.stage == Stage::kAnnouncing || state_.stage == Stage::kRebooting))
@@ -131,7 +122,7 @@ void ActionDriver::feed(Event e) {
     ActionMachine::Step step = ActionMachine::next(state_, e);
     // The boot that installed it, to tell the reboot from a restart.
     if (step.state.stage == Stage::kAnnouncing && step.state.bootId.empty())
-      step.state.bootId = bootId(config_.bootIdFile);
+      step.state.bootId = reboot_.bootId();
     std::string error;
     if (step.state.format() != state_.format() && !record_.save(step.state, error)) {
       step = ActionMachine::next(state_, event(Kind::kWriteFailed));
@@ -187,9 +178,11 @@ std::optional<Event> ActionDriver::perform(Work work, ActionState const& before)
       return e;
     }
     case Work::kReboot:
-      return runReboot();
+      if (std::optional<Exit> const exit = reboot_.reboot(state_.actionId))
+        return exited(Kind::kCommandExited, *exit);
+      return std::nullopt;
     case Work::kConfirm:
-      return confirm();
+      return exited(Kind::kCommandExited, reboot_.confirm(state_));
     case Work::kReport:
       return report();
     case Work::kReportInterrupted:
@@ -356,62 +349,6 @@ std::optional<Event> ActionDriver::recoverInstall() {
   Log::info("deployment %s: %s ended while the agent was down: %s", state_.actionId.c_str(),
             state_.describe().c_str(), result.describe().c_str());
   return exited(Kind::kRecovered, exit);
-}
-
-std::optional<Event> ActionDriver::runReboot() {
-  if (config_.rebootCommand.empty()) {
-    Log::info("deployment %s: no reboot-command configured; confirmed after the next boot",
-              state_.actionId.c_str());
-    return std::nullopt;
-  }
-  // Once a run, and again after a failure: 30 s, doubling up to an hour.
-  if (rebooted_ && (!rebootFailed_ || std::chrono::steady_clock::now() < nextReboot_)) {
-    Log::info("deployment %s: installed, waiting for the reboot", state_.actionId.c_str());
-    return std::nullopt;
-  }
-  if (rebooted_) {
-    Log::warning("deployment %s: the reboot command failed before; running it again",
-                 state_.actionId.c_str());
-    rebootRetries_ = std::min(rebootRetries_ + 1, 7);
-  }
-  rebooted_ = true;
-  CommandOptions options;
-  options.stop = &stop_;
-  options.deadlineMs = config_.rebootTimeoutSeconds * 1000LL;
-  CommandResult const result = runCommand(config_.rebootCommand, {}, options);
-  rebootFailed_ = result.exitCode != 0 && !result.stopped;
-  nextReboot_ =
-      std::chrono::steady_clock::now() + std::chrono::seconds(std::min(3600, 30 << rebootRetries_));
-  if (rebootFailed_) {
-    Log::error("reboot command: %s", result.describe().c_str());
-    for (auto const& line : result.stderrTail) Log::error("  reboot: %s", line.c_str());
-  } else {
-    Log::info("reboot command: %s", result.describe().c_str());
-  }
-  return exited(Kind::kCommandExited, rebootFailed_ ? Exit::kFailed : Exit::kOk);
-}
-
-std::optional<Event> ActionDriver::confirm() {
-  if (config_.confirmCommand.empty()) {
-    state_.details.push_back("restarted after the reboot; no confirm-command configured");
-    return exited(Kind::kCommandExited, Exit::kOk);
-  }
-  CommandOptions options;
-  options.stop = &stop_;
-  // Past its deadline the confirmation is a failure, never a wait for good.
-  options.deadlineMs = config_.confirmTimeoutSeconds * 1000LL;
-  CommandResult const result = runCommand(config_.confirmCommand, {}, options);
-  // A stopped confirmation decides nothing: it runs again at the next start.
-  if (result.stopped) {
-    Log::warning("deployment %s: confirmation stopped; it runs again at the next start",
-                 state_.actionId.c_str());
-    return exited(Kind::kCommandExited, Exit::kStopped);
-  }
-  state_.details.push_back("confirm command: " + result.describe());
-  for (auto const& line : result.stderrTail) state_.details.push_back("confirm: " + line);
-  Log::info("deployment %s: confirmed after the reboot: %s", state_.actionId.c_str(),
-            result.exitCode == 0 ? "success" : result.describe().c_str());
-  return exited(Kind::kCommandExited, result.exitCode == 0 ? Exit::kOk : Exit::kFailed);
 }
 
 std::optional<Event> ActionDriver::report() {

@@ -2,7 +2,6 @@
 #define TAMREL_AGENT_LIFECYCLE_ACTIONDRIVER_H_
 
 #include <atomic>
-#include <chrono>
 #include <optional>
 #include <string>
 #include <vector>
@@ -14,6 +13,7 @@
 #include "agent/lifecycle/actionmachine.h"
 #include "agent/lifecycle/actionrecord.h"
 #include "agent/lifecycle/actionreports.h"
+#include "agent/lifecycle/rebootflow.h"
 #include "agent/server/agenttransport.h"
 #include "agent/server/serverrequest.h"
 #include "agent/transfer/deploymentdownload.h"
@@ -51,8 +51,6 @@ class ActionDriver {
   std::optional<Event> download();
   std::optional<Event> install();
   std::optional<Event> recoverInstall();
-  std::optional<Event> runReboot();
-  std::optional<Event> confirm();
   std::optional<Event> report();
   // Sends "proceeding" for the action with `detail`; the server's answer.
   ActionMachine::Answer proceed(std::string const& detail);
@@ -69,6 +67,7 @@ class ActionDriver {
   std::atomic<bool> const& stop_;
   ActionRecord record_;
   ActionReports reports_;
+  RebootFlow reboot_;
   ActionState state_;
   std::string unreadable_;  // why the record cannot be read: nothing is installed
   std::string halted_;      // why the action stopped where it is, for this run
@@ -78,10 +77,6 @@ class ActionDriver {
   DeploymentPlan const* plan_ = nullptr;
   hawkbit_query_t::cancel_action_t const* cancel_ = nullptr;
   std::vector<std::vector<std::string>> files_;  // the current action's downloaded files
-  bool rebooted_ = false;                        // reboot-command ran in this run
-  bool rebootFailed_ = false;
-  int rebootRetries_ = 0;
-  std::chrono::steady_clock::time_point nextReboot_;
 };
 
 #endif  // TAMREL_AGENT_LIFECYCLE_ACTIONDRIVER_H_

@@ -6,10 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cstring>
-#include <ctime>
-#include <initializer_list>
 
 #include "agent/server/linkorigin.h"
 #include "io/fileio.h"
@@ -37,85 +34,7 @@ bool startsWith(std::string const& text, char const* prefix) {
   return text.compare(0, std::strlen(prefix), prefix) == 0;
 }
 
-// A Retry-After value: seconds, or an HTTP date; -1 when neither.
-long retryAfterSeconds(std::string value) {
-  while (!value.empty() && (value.back() == '\r' || value.back() == '\n' || value.back() == ' '))
-    value.pop_back();
-  if (value.empty()) return -1;
-  if (value.find_first_not_of("0123456789") == std::string::npos) {
-    return value.size() > 9 ? 999999999L : std::stol(value);
-  }
-  time_t const when = curl_getdate(value.c_str(), nullptr);
-  if (when < 0) return -1;
-  time_t const now = std::time(nullptr);
-  return when > now ? static_cast<long>(when - now) : 0;
-}
-
-// What a failed TLS handshake (or, over TLS 1.3, the first read after it)
-// came to, told from OpenSSL's words in libcurl's text.
-std::string handshakeProblem(std::string const& text) {
-  std::string lower = text;
-  std::transform(lower.begin(), lower.end(), lower.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  auto const says = [&lower](std::initializer_list<char const*> words) {
-    for (char const* word : words) {
-      if (lower.find(word) != std::string::npos) return true;
-    }
-    return false;
-  };
-  if (says({"protocol version", "unsupported protocol", "wrong version number",
-            "no protocols available", "version too low"})) {
-    return "TLS protocol version refused (the agent speaks TLS 1.2 and later): " + text;
-  }
-  if (says({"alert certificate expired"})) {
-    return "the server refused the client certificate, it has expired: " + text;
-  }
-  if (says({"certificate required", "bad certificate", "unknown ca", "certificate unknown",
-            "unsupported certificate", "certificate revoked", "access denied"})) {
-    return "the server refused the client certificate: " + text;
-  }
-  // Closed without a reason: most often a client certificate the server
-  // wants and did not get.
-  return "TLS handshake refused by the server: " + text;
-}
-
 }  // namespace
-
-std::string AgentTransport::Answer::problem() const {
-  if (code == CURLE_OK) {
-    if (status >= 200 && status < 300) return std::string();
-    return status == 0 ? "no HTTP answer" : "HTTP " + std::to_string(status);
-  }
-  std::string const text = error.empty() ? curl_easy_strerror(static_cast<CURLcode>(code)) : error;
-  if (proxyStatus == 407) return "proxy refused authentication (HTTP 407): " + text;
-  if (proxyStatus >= 300) {
-    return "the proxy refused the tunnel (HTTP " + std::to_string(proxyStatus) + "): " + text;
-  }
-  switch (code) {
-    case CURLE_PEER_FAILED_VERIFICATION:
-    case CURLE_SSL_CACERT_BADFILE:
-      return "server certificate not trusted: " + text;
-    case CURLE_SSL_CERTPROBLEM:
-    case CURLE_SSL_ENGINE_NOTFOUND:
-    case CURLE_SSL_ENGINE_SETFAILED:
-    case CURLE_SSL_ENGINE_INITFAILED:
-      return "client certificate or key not usable: " + text;
-    case CURLE_SSL_CONNECT_ERROR:
-      return handshakeProblem(text);
-    case CURLE_RECV_ERROR:
-    case CURLE_SEND_ERROR:
-      // Over TLS 1.3 a server refuses a client certificate after the
-      // handshake: the request meets an alert or a closed connection.
-      if (status == 0 && url.rfind("https:", 0) == 0) return handshakeProblem(text);
-      return text;
-    case CURLE_OPERATION_TIMEDOUT:
-      return "deadline passed: " + text;
-    case CURLE_ABORTED_BY_CALLBACK:
-      return "cancelled";
-    default:
-      return text;
-  }
-}
 
 AgentTransport::Settings AgentTransport::settingsFor(AgentConfig const& config) {
   Settings settings;
@@ -182,33 +101,6 @@ bool AgentTransport::credentialsFor(std::string const& url, bool artifact) const
   if (artifact && !settings_.downloadAuthentication) return false;
   std::string host;
   return linkAllowed(url, settings_.address, settings_.trustedHosts, host);
-}
-
-std::string AgentTransport::concealed(std::string const& url) {
-  if (url.find('?') == std::string::npos) return url;
-  std::string const shown = shownLink(url);
-  std::lock_guard<std::mutex> guard(answerLock_);
-  // Links that differ only in their query get stand-ins of their own.
-  std::string standIn = shown;
-  for (int n = 2;; ++n) {
-    auto const known = concealed_.find(standIn);
-    if (known == concealed_.end()) break;
-    if (known->second == url) return standIn;
-    standIn = shown + "#" + std::to_string(n);
-  }
-  concealed_[standIn] = url;
-  return standIn;
-}
-
-std::string AgentTransport::revealed(std::string const& link) const {
-  std::lock_guard<std::mutex> guard(answerLock_);
-  auto const known = concealed_.find(link);
-  return known != concealed_.end() ? known->second : link;
-}
-
-void AgentTransport::forgetConcealed() {
-  std::lock_guard<std::mutex> guard(answerLock_);
-  concealed_.clear();
 }
 
 bool AgentTransport::download(std::string const& url, std::shared_ptr<curlbuffer> buffer) {
@@ -279,7 +171,8 @@ std::size_t AgentTransport::readHeader(char* data, std::size_t size, std::size_t
     transport->acknowledgeNow();
   } else if (line.size() > 12 && strncasecmp(line.c_str(), "retry-after:", 12) == 0) {
     std::size_t const value = line.find_first_not_of(" \t", 12);
-    if (value != std::string::npos) transport->retryAfter_ = retryAfterSeconds(line.substr(value));
+    if (value != std::string::npos)
+      transport->retryAfter_ = TransportAnswer::retryAfterSeconds(line.substr(value));
   }
   return size * count;
 }
@@ -411,7 +304,7 @@ bool AgentTransport::exchange(Method method, std::string const& url,
   current_ = method == Method::kGet ? buffer.get() : nullptr;
   Answer answer;
   CURLcode code = CURLE_OK;
-  std::string hop = revealed(url);
+  std::string hop = links_.revealed(url);
   std::string const origin = linkOrigin(hop);
   long connections = 0;
   for (int hops = 0;; ++hops) {

@@ -4,7 +4,6 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -13,6 +12,8 @@
 #include <curl/curl.h>
 
 #include "agent/base/agentconfig.h"
+#include "agent/server/linkconcealer.h"
+#include "agent/server/transportanswer.h"
 #include "transport/curlmanager.h"
 
 // The agent's HTTP client, handed to the library in place of its own. It
@@ -50,23 +51,7 @@ class AgentTransport : public CurlManager {
     long receiveBufferBytes = 1 << 20;
     bool reuseConnections = true;  // off: a new connection and TLS session each time
   };
-  // What one exchange came to.
-  struct Answer {
-    std::string url;           // the last hop's
-    int code = 0;              // libcurl's result
-    long status = 0;           // HTTP status, 0 without an answer
-    long proxyStatus = 0;      // the proxy's answer to CONNECT, 0 without one
-    long retryAfterS = -1;     // Retry-After in seconds, -1 when not given
-    std::string error;         // libcurl's error text when code != 0
-    std::string reply;         // a POST's or PUT's answer, its first kMaxReply bytes
-    std::uint64_t serial = 0;  // exchanges() once it ended
-    long connections = 0;      // new connections it had to open
-    bool sent() const { return code == 0 && status >= 200 && status < 300; }
-    // "" when sent, else what went wrong, worded for the log: the HTTP
-    // status, a proxy that refused, or what a TLS handshake failed on (the
-    // protocol version, either side's certificate), with libcurl's text.
-    std::string problem() const;
-  };
+  using Answer = TransportAnswer;
   using BaseObserver = std::function<void(long status, std::string const& body)>;
   static constexpr std::size_t kMaxObservedBody = 1 << 20;
   static constexpr std::size_t kMaxReply = 4096;
@@ -104,15 +89,11 @@ class AgentTransport : public CurlManager {
   // artifact download only with download-authentication).
   bool credentialsFor(std::string const& url, bool artifact) const;
 
-  // The library logs every link it downloads. It is handed a stand-in
-  // instead, the link with its query (a signed URL's signature) shown as
-  // "?…", and the transport fetches the link the stand-in names.
-  // concealed() returns the stand-in for `url` (`url` itself when it has no
-  // query); revealed() the link behind one (anything else as it is);
-  // forgetConcealed() drops them all (each deployment brings its own).
-  std::string concealed(std::string const& url);
-  std::string revealed(std::string const& link) const;
-  void forgetConcealed();
+  // Stand-ins for the links handed to the library, which logs them: see
+  // LinkConcealer. The transport fetches the link a stand-in names.
+  std::string concealed(std::string const& url) { return links_.concealed(url); }
+  std::string revealed(std::string const& link) const { return links_.revealed(link); }
+  void forgetConcealed() { links_.forget(); }
 
  private:
   enum class Method { kGet, kPost, kPut };
@@ -146,7 +127,7 @@ class AgentTransport : public CurlManager {
   std::atomic<std::uint64_t> exchanges_{0};
   std::string baseUrl_;
   BaseObserver observer_;
-  std::map<std::string, std::string> concealed_;  // stand-in -> link
+  LinkConcealer links_;
 };
 
 #endif  // TAMREL_AGENT_SERVER_AGENTTRANSPORT_H_
