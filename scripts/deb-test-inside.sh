@@ -101,6 +101,7 @@ self_update() {
     "download-dir = /srv/self/dl" "state-dir = /srv/self/state" \
     'install-command = /bin/sh /usr/share/doc/tamrel-agent/examples/install-deb "$@"' \
     > /srv/self/agent.conf
+  chmod 600 /srv/self/agent.conf
   for run in 1 2; do
     PATH=/srv/fake:$PATH tamrel-agent --once --config /srv/self/agent.conf > /srv/self/agent$run.log 2>&1 &
     echo $! > /srv/self/agent.pid
