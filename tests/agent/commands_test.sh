@@ -13,7 +13,7 @@ seq=$work/seq; child=$work/child
 cat > "$work/deaf" <<EOF
 #!/bin/sh
 trap '' TERM; echo start >> $seq; echo installing
-(trap '' TERM; while :; do sleep 1; done) & echo \$! > $child; wait; echo end >> $seq
+(trap '' TERM; exec tail -f /dev/null) & echo \$! > $child; wait; echo end >> $seq
 EOF
 chmod +x "$work/deaf"
 deaf="install-command = $work/deaf"

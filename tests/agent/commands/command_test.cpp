@@ -66,7 +66,7 @@ TEST(Command, AStopOrTheDeadlineEndsTheWholeGroupBeforeTheResult) {
   std::string const pidFile = dir.path() + "/child";
   std::string const spawn = "sleep 60 & echo $! > " + pidFile + "; ";
   std::string const deaf =
-      "(trap '' TERM; while :; do sleep 1; done) & echo $! > " + pidFile + "; ";
+      "(trap '' TERM; exec tail -f /dev/null) & echo $! > " + pidFile + "; ";
   struct Case {
     std::string command;
     bool stop;
