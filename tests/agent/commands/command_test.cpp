@@ -136,10 +136,10 @@ TEST(InstallLock, HeldUntilNothingOfTheGroupIsLeftTheOutcomeWrittenBefore) {
   options.inherit = lock.fd();
   options.outcomePath = outcome;
   options.outcomeTag = "action 7 chunk 1";
-  pid_t installer = 0;
+  std::atomic<pid_t> installer{0};
   options.started = [&](pid_t pid) {
-    installer = pid;
     lock.handOver(pid);
+    installer = pid;
   };
   // The command exits at once, its child (deaf to SIGTERM) lives on until
   // told; whoever takes the lock next finds the outcome.
@@ -148,12 +148,13 @@ TEST(InstallLock, HeldUntilNothingOfTheGroupIsLeftTheOutcomeWrittenBefore) {
     result = runCommand("(trap '' TERM; read x < \"$1\") & echo $! > \"$2\"; exit 3",
                         {fifo, pidFile}, options);
   });
-  // The holder notes the installer's pid in the lock file as it starts it
-  // (an emulated run may see the child's file first).
+  // The holder notes the installer's pid in the lock file as it starts it,
+  // which may be before the runner's callback or the child's own file.
   for (auto const until = Clock::now() + std::chrono::seconds(30);
-       (pidIn(pidFile) == 0 || pidIn(path) == 0 || pidIn(path) == 99999) && Clock::now() < until;)
+       (installer == 0 || pidIn(pidFile) == 0 || pidIn(path) != installer) &&
+       Clock::now() < until;)
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  EXPECT_EQ(pidIn(path), installer);
+  EXPECT_EQ(pidIn(path), installer.load());
   EXPECT_FALSE(other.take(stop, 300, error));
   EXPECT_NE(error.find("still runs after"), std::string::npos) << error;
   error.clear();
