@@ -32,6 +32,13 @@ code=$?
 check "without an agent: exit 3, naming the socket" eval \
   '[ $code -eq 3 ] && grep -q "no agent at $sock (not running?)" "$work/ctl.out"'
 
+# Each exit status once in tamrel-ctl's code: --help and docs/control.md agree.
+in_help=$("$ctl" --help | sed -n '/^exit status:/,$s/^  \([0-9]\)  .*/\1/p' | tr '\n' ' ')
+in_docs=$(sed -n '/^## .tamrel-ctl./,$s/^| \([0-9]\) | .*/\1/p' "$(dirname "$0")/../../docs/control.md" |
+  tr '\n' ' ')
+check "tamrel-ctl's exit statuses ($in_help) are the ones docs/control.md lists" \
+  test "$in_help" = "$in_docs"
+
 once "control-group = no-such-group-$$"
 expect "an unknown control-group" 2 30 "control-group: no group 'no-such-group-$$'"
 finish
