@@ -37,6 +37,10 @@ class AgentConfig {
     long long min, max;        // kNumber only
   };
   static std::vector<Key> const& keys();
+  // The longest attribute name and value: hawkBit refuses longer ones.
+  static constexpr std::size_t kMaxAttribute = 128;
+  // The attribute the agent's version is always sent as.
+  static constexpr char const* kVersionAttribute = "tamrel-agent.version";
 
   AgentConfig();
   static AgentConfig fromFile(std::string const& path);  // throws ConfigError
@@ -87,6 +91,9 @@ class AgentConfig {
   std::string logLevel;                  // "log-level": error | warning | info | debug
   bool downloadOnly = false;             // --download-only: close with "downloaded"
   bool demo = false;                     // the demo installs nothing
+
+  std::string attributesDir;         // "attributes-dir": scripts printing attributes
+  int attributesTimeoutSeconds = 0;  // "attributes-timeout-s"
 
  private:
   // Stores a number key's value in its field.
