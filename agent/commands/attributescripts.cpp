@@ -22,6 +22,7 @@ std::vector<tamrel::value_pair_t> const& AttributeScripts::gather() {
     if (dir == nullptr) {
       problem("", "attributes-dir " + settings_.dir + " cannot be read");
     } else {
+      problem("", "");
       while (dirent const* entry = readdir(dir)) {
         if (entry->d_name[0] != '.') names.push_back(entry->d_name);
       }
@@ -42,7 +43,8 @@ std::vector<tamrel::value_pair_t> const& AttributeScripts::gather() {
   for (auto const& pair : settings_.fixed) fixed.insert(pair.key);
   for (auto const& [key, value] : gathered) {
     if (fixed.count(key))
-      Log::debug("attributes: %s from a script ignored, the configuration sets it", key.c_str());
+      Log::debug("attributes: %s from a script ignored, the agent or its configuration sets it",
+                 key.c_str());
     else
       current_.push_back({key, value});
   }
@@ -56,9 +58,10 @@ bool AttributeScripts::run(std::string const& name, std::map<std::string, std::s
     Log::debug("attributes: %s skipped, not an executable file", path.c_str());
     return false;
   }
-  // What the agent runs as root must be no one else's to change.
-  if ((info.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-    problem(name, path + " skipped: writable by group or others; chmod go-w it");
+  // What the agent runs (as root) must be no one else's to change.
+  if ((info.st_mode & (S_IWGRP | S_IWOTH)) != 0 || (info.st_uid != 0 && info.st_uid != geteuid())) {
+    problem(name, path + " skipped: writable by group or others, or owned by uid " +
+                      std::to_string(info.st_uid));
     return false;
   }
   CommandOptions options;

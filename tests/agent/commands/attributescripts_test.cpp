@@ -58,7 +58,7 @@ TEST(AttributeScripts, WhatEachScriptPrintedOrWhyItWasLeftOut) {
       {{{"a", "printf 'x=\\377\\n'"}}, "", "/a:1: control characters or invalid UTF-8"},
       {{{"a", "yes x=1 | head -c 70000"}, {"b", good}}, "good=1 ", "/a: more than 65536 bytes"},
       {{{"a", "echo x=1", 0600}, {"b", good}}, "good=1 ", ""},  // not executable: skipped
-      {{{"a", "echo x=1", 0702}}, "", "/a skipped: writable by group or others"},
+      {{{"a", "echo x=1", 0702}}, "", "/a skipped: writable by group or others, or owned by uid"},
       // Name order: the later one wins, the fixed one always.
       {{{"20-b", "echo k=2; echo fixed=b"}, {"10-a", "echo k=1; echo only=a"}}, "k=2 only=a ", ""},
   };
