@@ -122,7 +122,7 @@ std::vector<AgentConfig::Key> const& AgentConfig::keys() {
        "hosts besides address that get the credentials: host[:port], ...", 0, 0},
       {"attribute.NAME", K::kAttribute, false, "", "sent as config data (<= 128 characters)", 0, 0},
       {"attributes-dir", K::kText, false, "",
-       "its executables, in name order, print name=value lines sent as config data", 0, 0},
+       "its executables print name=value lines, sent as config data", 0, 0},
       {"attributes-timeout-s", K::kNumber, false, "10",
        "deadline of one of them; past it: ended, its lines left out", 1, 600},
       {"download-retries", K::kNumber, false, "3", "further attempts per artifact", 0, 100},
