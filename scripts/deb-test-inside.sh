@@ -54,6 +54,9 @@ check "every command agent.conf names (its RAUC and SWUpdate blocks) is installe
 check "every script the RAUC and SWUpdate fragments name is installed and executable" sh -c '
   paths=$(sed -n "s|^[a-z]*-command = \(/usr/share/[^ ]*\).*|\1|p" /usr/share/tamrel-agent/installers/*/agent.conf)
   [ "$(echo "$paths" | wc -l)" -eq 4 ] && for p in $paths; do test -x "$p" || { echo "missing: $p"; exit 1; }; done'
+check "the example attribute scripts are installed and run" sh -c '
+  test -x /usr/share/tamrel-agent/attributes/rauc-slot &&
+  /usr/share/tamrel-agent/attributes/os-release | grep -q "^os.name=."'
 check "the agent carries no test server (links no cpp-httplib)" \
   sh -c '! readelf -d /usr/bin/tamrel-agent | grep "NEEDED.*httplib"'
 # With the shipped configuration, as the unit starts it; the agent embeds

@@ -134,6 +134,14 @@ std::string checkHost(AgentConfig const& config) {
   // it a restart would install again.
   if (config.stateDir.empty())
     return where(config, "state-dir") + "state-dir must name a directory";
+  // Its scripts run as the agent: they must be there, and no one else's.
+  if (!config.attributesDir.empty()) {
+    bool missing = false;
+    std::string problem = directory("attributes-dir", config.attributesDir, missing);
+    if (problem.empty() && missing)
+      problem = "attributes-dir " + config.attributesDir + " does not exist";
+    if (!problem.empty()) return where(config, "attributes-dir") + problem;
+  }
   // A reboot without its record would install again after it, or never
   // confirm.
   if (config.rebootExitCode >= 0 &&

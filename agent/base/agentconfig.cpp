@@ -60,6 +60,7 @@ std::string* textField(AgentConfig& config, std::string const& key) {
   if (key == "log-level") return &config.logLevel;
   if (key == "control-socket") return &config.controlSocket;
   if (key == "control-group") return &config.controlGroup;
+  if (key == "attributes-dir") return &config.attributesDir;
   return nullptr;
 }
 
@@ -71,8 +72,6 @@ char const* choices(std::string const& key) {
   if (key == "log-level") return "error|warning|info|debug";
   return nullptr;
 }
-
-std::size_t const kMaxAttribute = 128;  // hawkBit refuses longer keys and values
 
 }  // namespace
 
@@ -124,6 +123,10 @@ std::vector<AgentConfig::Key> const& AgentConfig::keys() {
       {"trusted-hosts", K::kText, false, "",
        "hosts besides address that get the credentials: host[:port], ...", 0, 0},
       {"attribute.NAME", K::kAttribute, false, "", "sent as config data (<= 128 characters)", 0, 0},
+      {"attributes-dir", K::kText, false, "",
+       "its executables print name=value lines, sent as config data", 0, 0},
+      {"attributes-timeout-s", K::kNumber, false, "10",
+       "deadline of one of them; past it: ended, its lines left out", 1, 600},
       {"download-retries", K::kNumber, false, "3", "further attempts per artifact", 0, 100},
       {"download-timeout-s", K::kNumber, false, "60",
        "window in which download-min-rate must arrive (at least 1 s)", 1, 86400},
@@ -192,6 +195,8 @@ void AgentConfig::storeNumber(std::string const& key, long long value) {
       {"reboot-timeout-s", [](AgentConfig& c, long long v) { c.rebootTimeoutSeconds = int(v); }},
       {"confirm-timeout-s", [](AgentConfig& c, long long v) { c.confirmTimeoutSeconds = int(v); }},
       {"control-clients", [](AgentConfig& c, long long v) { c.controlClients = int(v); }},
+      {"attributes-timeout-s",
+       [](AgentConfig& c, long long v) { c.attributesTimeoutSeconds = int(v); }},
   };
   for (Field const& field : fields) {
     if (key == field.key) field.store(*this, value);
@@ -327,6 +332,7 @@ AgentConfig AgentConfig::fromFile(std::string const& path) {
       if (name.size() > kMaxAttribute || value.size() > kMaxAttribute) {
         fail(key + ": attribute names and values are limited to 128 characters");
       }
+      if (name == kVersionAttribute) fail(key + ": the agent sends its own version as " + name);
       config.attributes.push_back({name, value});
     } else if (key == "download-authentication") {
       if (value != "yes" && value != "no") fail("download-authentication must be yes or no");

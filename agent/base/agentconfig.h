@@ -40,6 +40,10 @@ class AgentConfig {
   // Where the shipped configuration puts control-socket, and where
   // tamrel-ctl looks without --socket or --config.
   static constexpr char kShippedControlSocket[] = "/run/tamrel/agent.sock";
+  // The longest attribute name and value: hawkBit refuses longer ones.
+  static constexpr std::size_t kMaxAttribute = 128;
+  // The attribute the agent's version is always sent as.
+  static constexpr char const* kVersionAttribute = "tamrel-agent.version";
 
   AgentConfig();
   static AgentConfig fromFile(std::string const& path);  // throws ConfigError
@@ -93,6 +97,9 @@ class AgentConfig {
   int controlClients = 0;                // "control-clients"
   bool downloadOnly = false;             // --download-only: close with "downloaded"
   bool demo = false;                     // the demo installs nothing
+
+  std::string attributesDir;         // "attributes-dir": scripts printing attributes
+  int attributesTimeoutSeconds = 0;  // "attributes-timeout-s"
 
  private:
   // Stores a number key's value in its field.

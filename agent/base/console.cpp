@@ -227,6 +227,15 @@ Console::~Console() {
   stderr = savedErr;
 }
 
+bool Console::printable(std::string const& text) {
+  auto const* const bytes = reinterpret_cast<unsigned char const*>(text.data());
+  for (std::size_t i = 0, length = 0; i < text.size(); i += length) {
+    length = utf8Length(bytes + i, text.size() - i);
+    if (length == 0) return false;
+  }
+  return true;
+}
+
 bool Console::terminal() { return isTerminal; }
 
 void Console::live(std::string const& text) {

@@ -31,6 +31,8 @@ class Console {
   // printed while it stands; "" takes it away. Nothing happens when standard
   // output is not a terminal or no Console lives.
   static void live(std::string const& text);
+  // True when `text` is valid UTF-8 without control characters.
+  static bool printable(std::string const& text);
 
   enum class Channel { kOut, kErr };
   // While it lives, what the creating thread writes to the channel is kept

@@ -21,6 +21,7 @@ CommandResult runCommand(std::string const& command, std::vector<std::string> co
   run.deadlineMs = options.deadlineMs;
   run.outcomePath = options.outcomePath;
   run.outcomeTag = options.outcomeTag;
+  run.captureBytes = options.captureBytes;
   RunningCommand child(run);
   if (!child.started()) return child.wait(nullptr);
   if (options.started) options.started(child.pid());

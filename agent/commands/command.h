@@ -21,6 +21,8 @@ struct CommandResult {
   bool stopped = false;   // a stop request ended it
   bool timedOut = false;  // its deadline ended it
   std::vector<std::string> stderrTail;
+  std::string output;      // its standard output, when CommandOptions::captureBytes asked for it
+  bool outputCut = false;  // it printed more than that; the rest was read and dropped
   // "exit N" / "killed by signal N" / "could not be started", and why it
   // was ended when the agent ended it.
   std::string describe() const;
@@ -44,6 +46,9 @@ struct CommandOptions {
   std::string outcomeTag;
   // Told the command's pid once it runs.
   std::function<void(pid_t)> started;
+  // 0: standard output goes through the console; otherwise up to this many
+  // bytes of it are kept in CommandResult::output instead.
+  std::size_t captureBytes = 0;
 };
 
 // The command always runs in a process group of its own. Returns once no

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -185,6 +186,8 @@ CommandResult RunningCommand::wait(std::atomic<bool> const* stop, bool end) {
   result.stopped = (flags_ & CommandHolder::kEndedByAgent) != 0 && endedForStop_;
   std::lock_guard<std::mutex> guard(tailLock_);
   result.stderrTail = tail_.lines();
+  result.output = std::move(output_);
+  result.outputCut = outputCut_;
   return result;
 }
 
@@ -220,6 +223,15 @@ void RunningCommand::readOutput(int out, int err) {
       if (!isOut) {
         std::lock_guard<std::mutex> guard(tailLock_);
         tail_.add(buffer, static_cast<std::size_t>(n));
+        continue;
+      }
+      if (options_.captureBytes > 0) {
+        // Past the bound it is still read, so the command never blocks on it.
+        std::lock_guard<std::mutex> guard(tailLock_);
+        std::size_t const room = options_.captureBytes - output_.size();
+        std::size_t const taken = std::min(room, static_cast<std::size_t>(n));
+        output_.append(buffer, taken);
+        outputCut_ = outputCut_ || taken < static_cast<std::size_t>(n);
         continue;
       }
       for (ssize_t k = 0; k < n; ++k) {

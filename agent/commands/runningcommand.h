@@ -34,6 +34,7 @@ class RunningCommand {
     int lockFd = -1;              // the install lock, held until no process of the group is left
     std::int64_t deadlineMs = 0;  // 0: none
     std::string outcomePath, outcomeTag;  // InstallOutcome, written by the holder
+    std::size_t captureBytes = 0;         // 0: standard output printed; else kept, up to this
   };
   explicit RunningCommand(Options options);
   ~RunningCommand();
@@ -70,6 +71,8 @@ class RunningCommand {
   std::thread reader_;
   std::mutex tailLock_;
   StderrTail tail_;
+  std::string output_;  // captured standard output
+  bool outputCut_ = false;
 };
 
 #endif  // TAMREL_AGENT_COMMANDS_RUNNINGCOMMAND_H_

@@ -18,11 +18,25 @@
 #define TAMREL_VERSION "unknown"
 #endif
 
+namespace {
+
+// The agent's version, then the configured attributes: never empty (hawkBit
+// refuses configuration data without attributes).
+std::vector<tamrel::value_pair_t> fixedAttributes(AgentConfig const& config) {
+  std::vector<tamrel::value_pair_t> fixed{{AgentConfig::kVersionAttribute, TAMREL_VERSION}};
+  fixed.insert(fixed.end(), config.attributes.begin(), config.attributes.end());
+  return fixed;
+}
+
+}  // namespace
+
 UpdateAgent::UpdateAgent(AgentConfig const& config)
     : config_(config),
       address_(config.address()),
       transport_(AgentTransport::settingsFor(config)),
-      attributes_(config.attributes),
+      attributes_(
+          {config.attributesDir, config.attributesTimeoutSeconds * 1000LL, fixedAttributes(config)},
+          &stop_),
       fetcher_(client_, config, stop_),
       server_(config, transport_, [this] { return stopping(); }),
       download_(config, fetcher_, stop_),
@@ -32,14 +46,7 @@ UpdateAgent::UpdateAgent(AgentConfig const& config)
       action_(client_, config, transport_, server_, download_, lock_, streamer_, stop_),
       reader_(config, address_, transport_, [this] { return stopping(); }),
       consent_(config, transport_, server_, reader_, stop_),
-      installed_(transport_, server_, reader_) {
-  // The agent's version goes with the configured attributes, unless one of
-  // them is named so (hawkBit refuses configuration data without any).
-  bool const named = std::any_of(attributes_.begin(), attributes_.end(), [](auto const& pair) {
-    return pair.key == "tamrel-agent.version";
-  });
-  if (!named) attributes_.push_back({"tamrel-agent.version", TAMREL_VERSION});
-}
+      installed_(transport_, server_, reader_) {}
 
 bool UpdateAgent::connect() {
   if (!client_.connectProperties(config_.properties)) return false;
@@ -58,6 +65,8 @@ bool UpdateAgent::connect() {
   if (idle) streamer_.removeStaleCredentials();
   consent_.start(client_.buildQueryUrl());
   action_.start(client_.buildQueryUrl());
+  // At start, so a script's problem shows at once.
+  if (!stopping()) attributes_.gather();
   return true;
 }
 
@@ -172,16 +181,8 @@ UpdateAgent::Cycle UpdateAgent::cycle() {
       named > 0 ? std::max<std::int64_t>(named, 5) : config_.pollIntervalSeconds,
       config_.maxPollIntervalSeconds);
 
-  std::string host;
-  if (!answer.config_data.url.empty() &&
-      !linkAllowed(answer.config_data.url, address_, config_.trustedHosts, host)) {
-    Log::warning("config data: not sent, the link names another host (%s; see trusted-hosts)",
-                 host.c_str());
-  } else if (!answer.config_data.url.empty()) {
-    std::string const failure = server_.send([&] { return client_.sendConfigData(attributes_); });
-    Log::info("config data: %zu attribute%s %s", attributes_.size(),
-              attributes_.size() == 1 ? "" : "s", failure.empty() ? "sent" : failure.c_str());
-  }
+  if (!answer.config_data.url.empty()) configDataLink_ = answer.config_data.url;
+  sendAttributes(!answer.config_data.url.empty());
   auto const& cancel = answer.cancel_action;
   if (!cancel.url.empty() && !cancel.stop_id.empty() &&
       (!DeploymentPlan::decimalId(cancel.id) || !DeploymentPlan::decimalId(cancel.stop_id))) {
@@ -203,6 +204,34 @@ UpdateAgent::Cycle UpdateAgent::cycle() {
     action_.notOffered();
   }
   return result;
+}
+
+void UpdateAgent::sendAttributes(bool asked) {
+  // The library sends only to a link a poll named.
+  if (configDataLink_.empty() || stopping()) return;
+  std::string host;
+  if (!linkAllowed(configDataLink_, address_, config_.trustedHosts, host)) {
+    if (asked)
+      Log::warning("config data: not sent, the link names another host (%s; see trusted-hosts)",
+                   host.c_str());
+    return;
+  }
+  auto const& attributes = attributes_.gather();
+  if (stopping()) return;
+  if (!asked && !attributes_.changed()) {
+    Log::debug("config data: not asked for, no value changed; not sent");
+    return;
+  }
+  std::string const failure = server_.send([&] { return client_.sendConfigData(attributes); });
+  char const* const plural = attributes.size() == 1 ? "" : "s";
+  if (!failure.empty()) {
+    Log::warning("config data: %zu attribute%s not sent: %s", attributes.size(), plural,
+                 failure.c_str());
+    return;
+  }
+  attributes_.accepted();
+  Log::info("config data: %zu attribute%s sent%s", attributes.size(), plural,
+            asked ? "" : " (a value changed)");
 }
 
 bool UpdateAgent::deploy(hawkbit_query_t::deployment_t& deployment) {

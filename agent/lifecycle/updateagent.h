@@ -11,6 +11,7 @@
 #include "agent/base/agentconfig.h"
 #include "agent/base/deploymentplan.h"
 #include "agent/base/watchdog.h"
+#include "agent/commands/attributescripts.h"
 #include "agent/commands/installlock.h"
 #include "agent/commands/streaminstaller.h"
 #include "agent/lifecycle/actiondriver.h"
@@ -59,13 +60,19 @@ class UpdateAgent {
  private:
   // The deployment a poll links: false when it failed.
   bool deploy(hawkbit_query_t::deployment_t& deployment);
+  // Gathers the attributes and sends them when the poll asked for them
+  // (`asked`) or a value changed since the server last took them.
+  void sendAttributes(bool asked);
 
   AgentConfig const& config_;
   std::string address_;  // the server; configData links elsewhere are not sent to
   AgentTransport transport_;
   libtamrelcore client_{&transport_};
   std::atomic<bool> stop_{false};
-  std::vector<tamrel::value_pair_t> attributes_;  // sent as configuration data
+  AttributeScripts attributes_;  // sent as configuration data
+  // The configData link the last poll that named one named: the library
+  // sends there, also when a later poll names none.
+  std::string configDataLink_;
   ArtifactFetcher fetcher_;
   ServerRequest server_;  // every POST/PUT goes through it
   DeploymentDownload download_;

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # The agent against tamrel-ddi-server answering like a current hawkBit
 # server: link choice, digests, completeness, handling types, maintenance
-# download-only actions, install command, links to other hosts, config data
-# (maintenance window, reboot and cancel: hawkbit_actions_test.sh; above
-# 4 GiB: large_test.sh).
+# download-only actions, install command, links to other hosts, config
+# data and attributes (maintenance window, reboot and cancel:
+# hawkbit_actions_test.sh; above 4 GiB: large_test.sh).
 # usage: hawkbit_test.sh BUILD_DIR   (KEEP=1 keeps the work directory)
 set -uo pipefail
 . "$(dirname "$0")/lib.sh"
@@ -63,15 +63,37 @@ sed -i 's|^address = http://127.0.0.1|address = http://localhost|' "$conf"
 run_agent 'trusted-hosts = example.org, 127.0.0.1:'"$(sed -n 's|^DDI server on http://127.0.0.1:\([0-9]*\).*|\1|p' "$log")"
 check "link to a trusted host: fetched, success" 'closed_with' success
 
-# The agent's version goes with the configured attributes, and alone
-# without any (hawkBit refuses configData without attributes).
-for attributes in 'attribute.serial = 42' ''; do
-  serve
-  sed -i '/^attribute/d' "$conf"
-  run_agent "$attributes"
-  check "attributes '$attributes': the agent's version is sent with them" \
-    eval 'grep -A1 "PUT .*/configData" "$log" | grep -q "\"tamrel-agent.version\"" &&
-      { [ -z "$attributes" ] || grep -A1 "PUT .*/configData" "$log" | grep -q "\"serial\":\"42\""; }'
-done
+# Attributes: the agent's version (always its own), the configured ones
+# (they win) and what the attributes-dir scripts print (the shipped
+# os-release among them); a failing script is left out. Sent when the
+# server asks (first contact), again when a value changed (the script cats
+# a file) though the server did not ask, not when none did.
+serve --download-only --sleep 00:00:05
+scripts=$work/attributes
+mkdir "$scripts"
+ln -s "$(cd "$(dirname "$0")/../.." && pwd)/packaging/attributes/os-release" "$scripts/10-os"
+echo 1 > "$work/value"
+printf '#!/bin/sh\necho tamrel-agent.version=mine; echo serial=script; echo value=$(cat %s)\n' \
+  "$work/value" > "$scripts/20-value"
+printf '#!/bin/sh\necho broken=1; exit 1\n' > "$scripts/30-broken"
+chmod 700 "$scripts"/*
+printf 'attributes-dir = %s\nlog-level = debug\ninstall-command = true\n' "$scripts" >> "$conf"
+"$agent" --config "$conf" > "$(alog)" 2>&1 &
+apid=$!
+pids+=($apid)
+sent() { grep -A1 "PUT .*/configData" "$log" | grep '"data"' | sed -n "${1}p"; }
+wait_for "PUT .*/configData" "$log" 1 $apid
+echo 2 > "$work/value"
+wait_for "config data: not asked for, no value changed" "$(alog)" 1 $apid
+kill $apid
+check "attributes: the agent's version, the configured serial, the scripts' lines" eval \
+  'sent 1 | grep -q "\"tamrel-agent.version\":\"$("$agent" --version | cut -d" " -f2)\"" &&
+   sent 1 | grep -q "\"serial\":\"42\"" && sent 1 | grep -q "\"os.name\":\"[^\"]" &&
+   sent 1 | grep -q "\"value\":\"1\"" && ! grep -q "mine\|script\|broken" "$log"'
+check "attributes: the failing script named in a warning" \
+  grep -q "attributes: .*/30-broken: exit 1; its attributes left out" "$(alog)"
+check "attributes: a changed value sent unasked, then nothing more" eval \
+  'sent 2 | grep -q "\"value\":\"2\"" && test "$(grep -c "PUT .*/configData" "$log")" -eq 2 &&
+   grep -q "config data: [0-9]* attributes sent (a value changed)" "$(alog)"'
 
 finish

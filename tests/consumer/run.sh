@@ -38,7 +38,7 @@ else
   pc=$(find "$prefix" -name tamrelcore.pc)
   for f in include/tamrel/plugin/libtamrelcore.h include/tamrel/ddi/hawkbit_query.h \
       include/tamrel/properties/lookup.h bin/tamrel-agent etc/tamrel/agent.conf \
-      lib/systemd/system/tamrel-agent.service; do
+      lib/systemd/system/tamrel-agent.service share/tamrel-agent/attributes/os-release; do
     [ -e "$prefix/$f" ] || fail "$f not installed"
   done
   # The test server ships only on request, never with the agent.

@@ -21,6 +21,7 @@ TEST(StartupCheck, RefusesBeforeMakingAnything) {
   struct Case {
     std::string downloadDir, stateDir, installCommand, message;
     bool needsRoot;
+    std::string attributesDir = "";
   } const cases[] = {
       // Only the last component is created: a typo grows no tree.
       {base + "/a/b", "", "true",
@@ -32,15 +33,22 @@ TEST(StartupCheck, RefusesBeforeMakingAnything) {
        "agent.conf:7: install-command: no executable program", false},
       {base + "/new", foreign, "true",
        "agent.conf:5: state-dir " + foreign + " belongs to uid 65534, not to this user", true},
+      // Scripts the agent runs: never made, never another user's.
+      {base + "/new", base + "/state", "true",
+       "agent.conf:9: attributes-dir " + base + "/new does not exist", false, base + "/new"},
+      {base + "/new", base + "/state", "true",
+       "agent.conf:9: attributes-dir " + foreign + " belongs to uid 65534", true, foreign},
   };
   for (Case const& c : cases) {
     if (c.needsRoot && !root) continue;
     AgentConfig config;
     config.path = "agent.conf";
-    config.lines = {{"download-dir", 4}, {"state-dir", 5}, {"install-command", 7}};
+    config.lines = {
+        {"download-dir", 4}, {"state-dir", 5}, {"install-command", 7}, {"attributes-dir", 9}};
     config.downloadDir = c.downloadDir;
     config.stateDir = c.stateDir;
     config.installCommand = c.installCommand;
+    config.attributesDir = c.attributesDir;
     std::string const problem = checkHost(config);
     EXPECT_EQ(problem.rfind(c.message, 0), 0u) << problem;
     for (char const* made : {"/a", "/new", "/state"})

@@ -123,6 +123,8 @@ TEST(AgentConfig, RefusalsNameTheLine) {
       {"token = t\ndownload-timeout-s = 0\n", "download-timeout-s must be a whole number from 1"},
       {"token = t\nmax-document-mib = 1e3\n", "max-document-mib must be a whole number"},
       {"token = t\nattribute.x = " + std::string(129, 'v') + "\n", "limited to 128 characters"},
+      {"token = t\nattribute.tamrel-agent.version = 2\n",
+       ":6: attribute.tamrel-agent.version: the agent"},
       {"token = t\nconsent = ask\n", ":6: consent must be one of auto|command"},
       {"token = t\nconsent = command\n", "consent = command needs consent-command"},
       {"token = t\njust words\n", "expected 'key = value'"},
