@@ -59,6 +59,20 @@ class ActionDriver {
   void dropFiles(ActionState const& state) const;
   bool current() const { return deployment_ && deployment_->id == state_.actionId; }
   std::string outcomeTag() const;
+  // An install command is configured for some module type at least (not
+  // so in the demo and with --download-only).
+  bool commandsConfigured() const {
+    return !config_.installCommand.empty() || !config_.partCommands.empty();
+  }
+  // Where the install's outcome is kept.
+  std::string workDir() const {
+    return config_.stateDir.empty() ? config_.downloadDir : config_.stateDir;
+  }
+  // "chunk 2 of 3 bApp 1.1" (the chunk's name when the deployment is not at hand).
+  std::string chunkLabel(std::size_t chunk) const;
+  // Records that chunk `chunk` failed (`why`: "exit 4" and the like) and the
+  // later ones were not installed.
+  Event installFailed(std::size_t chunk, std::string const& why);
 
   AgentConfig const& config_;
   DeploymentDownload& download_;
