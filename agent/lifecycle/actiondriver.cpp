@@ -170,11 +170,10 @@ std::optional<Event> ActionDriver::perform(Work work, ActionState const& before)
     case Work::kInstall:
       return install();
     case Work::kReportProgress: {
+      // Sent with the next chunk recorded: the one before it is installed.
       Event e = event(Kind::kFeedback);
-      std::string const done = "chunk " + std::to_string(state_.chunk) + " of " +
-                               std::to_string(state_.chunks.size()) + " installed";
-      e.answer = current() ? reports_.proceed(*deployment_, done, state_.chunk)
-                           : reports_.proceed(ActionReports::of(state_), done, state_.chunk);
+      std::string const done = chunkLabel(state_.chunk - 1) + ": installed";
+      e.answer = reports_.proceed(ActionReports::of(state_), done, state_.chunk);
       Log::info("deployment %s: %s, progress feedback %s", state_.actionId.c_str(), done.c_str(),
                 e.answer == Answer::k2xx ? "sent" : "not taken");
       return e;
@@ -313,8 +312,7 @@ std::optional<Event> ActionDriver::install() {
   std::string const outcomePath = workDir() + "/outcome";
   std::string ignored;
   InstallOutcome::remove(outcomePath, ignored);
-  Log::info("deployment %s: %s (%s)", state_.actionId.c_str(), state_.describe().c_str(),
-            chunkLabel(c).c_str());
+  Log::info("deployment %s: installing %s", state_.actionId.c_str(), chunkLabel(c).c_str());
   chunk.details.clear();
   // Removed again once the command ended.
   ChunkEnvironment const environment(config_.downloadDir, *deployment_, c);
