@@ -16,7 +16,8 @@ modules() {
 # record PART [EXIT]: an install command that notes its run, its environment
 # and a copy of its metadata file, then exits with EXIT.
 record() {
-  echo "install-command.$1 = echo \"$1 \$1\" >> $seq; env | grep ^TAMREL_ | sort > $work/$1.env;" \
+  echo "install-command.$1 = cat > /dev/null; echo \"$1 \$1\" >> $seq;" \
+    "env | grep ^TAMREL_ | sort > $work/$1.env;" \
     "cp \"\$TAMREL_CHUNK_METADATA\" $work/$1.meta; exit ${2:-0}"
 }
 env_has() { grep -qx -- "$2" "$work/$1.env"; }
@@ -28,8 +29,9 @@ check "a part without a command: failed before any download, the detail names it
         closing | grep -q "\"finished\":\"failure\".*no install command for module type .jvm." &&
         test "$(grep -c "no install command for module type" "$(alog)")" -ge 1'
 
-# Three commands: each got its chunk, its environment and its metadata.
-modules; run_agent "$(record os)" "$(record bApp)" "$(record jvm)"
+# Three commands: each got its chunk, its environment and its metadata; the
+# runtime is streamed to its command.
+modules; run_agent "$(record os)" "$(record bApp)" "$(record jvm)" 'install-mode.jvm = stream'
 check "three modules: each command ran once, in the server's order, with its file" \
   eval 'test "$(sed "s|$dl/[^ ]*/||" "$seq" | tr "\n" " ")" = "os os.bin bApp bApp.bin jvm jvm.bin " &&
         closed_with success'
@@ -37,7 +39,8 @@ check "three modules: each command told its part, name, version, place and the a
   eval 'env_has os TAMREL_CHUNK_PART=os && env_has os TAMREL_CHUNK_NAME=Firmware &&
         env_has os TAMREL_CHUNK_VERSION=2.0 && env_has bApp TAMREL_CHUNK_INDEX=2 &&
         env_has jvm TAMREL_CHUNK_COUNT=3 && env_has jvm TAMREL_ACTION_ID=1 &&
-        env_has bApp TAMREL_INSTALL_MODE=file &&
+        env_has bApp TAMREL_INSTALL_MODE=file && env_has jvm TAMREL_INSTALL_MODE=stream &&
+        env_has jvm TAMREL_CHUNK_PART=jvm && test ! -e "$dl/runtime" &&
         env_has os "TAMREL_ARTIFACT_SHA256=$(sha256sum < "$work/os/os.bin" | cut -c1-64)"'
 check "metadata: verbatim as JSON, never run, the file gone after the run" \
   eval 'test "$(cat "$work/bApp.meta")" = "[{\"key\":\"start\",\"value\":\"\$(touch $work/ran)\"},{\"key\":\"mode\",\"value\":\"a \\\"quoted\\\" value\"}]" &&
@@ -53,6 +56,15 @@ check "a failing second chunk: the third not run, the feedback says which instal
   eval 'test "$(cut -d" " -f1 "$seq" | tr "\n" " ")" = "os bApp " &&
         closing | grep -q "chunk 1 of 3 os 2.0: installed\",.*\"chunk 2 of 3 bApp 1.1: failed (exit 4)\",\"chunk 3 of 3 jvm 8: not installed\"" &&
         closed_with failure'
+
+# consent-command is told every chunk, with its metadata.
+modules --confirm-required
+run_agent "$(record os)" "$(record bApp)" "$(record jvm)" 'consent = command' \
+  "consent-command = env | grep ^TAMREL_ > $work/consent.env; cp \"\$TAMREL_CHUNKS\" $work/chunks"
+check "consent-command: the action, the count, and every chunk's part, name, version, metadata" \
+  eval 'env_has consent TAMREL_ACTION_ID=1 && env_has consent TAMREL_CHUNK_COUNT=3 &&
+        grep -q "^\[{\"part\":\"os\",\"name\":\"Firmware\",\"version\":\"2.0\",\"metadata\":\[\]},{\"part\":\"bApp\".*\"key\":\"start\"" "$work/chunks" &&
+        closed_with success'
 
 # The first chunk asks for a reboot (its own code): taken once, after the third.
 modules; mkdir -p "$work/st"; echo boot-1 > "$work/boot_id"
