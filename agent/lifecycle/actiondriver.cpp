@@ -241,11 +241,9 @@ std::optional<Event> ActionDriver::download() {
   for (auto const& chunk : chunks) {
     AgentConfig::Install const how = config_.installFor(chunk.part);
     // Nothing is fetched for an action that could not be installed whole.
+    // (Logged with the failure's report.)
     if (installing && how.command.empty() && commandsConfigured()) {
-      std::string const why = "no install command for module type '" + chunk.part + "'";
-      Log::error("deployment %s: chunk %s: %s", state_.actionId.c_str(), chunk.name.c_str(),
-                 why.c_str());
-      state_.details.push_back(why);
+      state_.details.push_back("no install command for module type '" + chunk.part + "'");
       return event(Kind::kFailed);
     }
     // In install-mode stream and url nothing is stored ahead of the install.
@@ -365,7 +363,15 @@ std::optional<Event> ActionDriver::recoverInstall() {
                  state_.actionId.c_str(), state_.describe().c_str());
     return event(Kind::kNoOutcome);
   }
-  // The part of a chunk is known only with the deployment at hand.
+  // What a non-zero exit means depends on the chunk's part, known only with
+  // the deployment at hand: the outcome is kept and read at the next offer.
+  if (result.exitCode != 0 && !current() && !config_.partRebootExitCodes.empty()) {
+    Log::info(
+        "deployment %s: %s ended while the agent was down; its outcome is taken when the "
+        "server offers the action again",
+        state_.actionId.c_str(), state_.describe().c_str());
+    return std::nullopt;
+  }
   int const rebootExitCode =
       current() && state_.chunk < deployment_->chunks.size()
           ? config_.installFor(deployment_->chunks[state_.chunk].part).rebootExitCode

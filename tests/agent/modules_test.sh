@@ -79,4 +79,24 @@ echo boot-2 > "$work/boot_id"; run_agent
 check "after the reboot: confirm-command told the action, closed once, nothing installed again" \
   eval 'env_has confirm TAMREL_ACTION_ID=1 && env_has confirm TAMREL_CHUNK_COUNT=3 &&
         test "$(wc -l < "$seq")" -eq 4 && test "$(closing | wc -l)" -eq 1 && closed_with failure'
+
+# Killed while the first chunk installs; it ends with its module type's
+# reboot code while the agent is down: the restart takes that as the reboot
+# asked for (not a failure), installs the others once, reboots after them.
+modules; mkdir -p "$work/st2"; mkfifo "$work/go"
+sed -i "s|^state-dir = .*|state-dir = $work/st2|" "$conf"
+printf '%s\n' "install-command.os = echo os >> $seq; read x < $work/go; exit 10" "$(record bApp)" \
+  "$(record jvm)" 'reboot-exit-code.os = 10' "boot-id-file = $work/boot_id" \
+  "reboot-command = echo reboot >> $seq" 'confirm-command = true' >> "$conf"
+"$agent" --once --config "$conf" > "$work/killed.log" 2>&1 &
+first=$!
+wait_for '^os$' "$seq"
+kill -KILL $first; wait $first 2> /dev/null
+"$agent" --once --config "$conf" > "$(alog)" 2>&1 &
+second=$!
+wait_for 'an install started earlier is still running' "$(alog)"
+echo go > "$work/go"; wait $second
+check "killed during a chunk that ends with its own reboot code: reboot after the third, each once" \
+  eval 'test "$(cut -d" " -f1 "$seq" | tr "\n" " ")" = "os bApp jvm reboot " &&
+        grep -qx "state rebooting" "$work/st2/action" && ! grep -q "failed" "$work/st2/action"'
 finish
