@@ -211,10 +211,18 @@ Feedback readFeedback(std::string const& body) {
   cJSON const* progress = cJSON_GetObjectItemCaseSensitive(result, "progress");
   if (progress != nullptr && !cJSON_IsNull(progress)) {
     cJSON const* of = cJSON_GetObjectItemCaseSensitive(progress, "of");
-    if (!cJSON_IsObject(progress) ||
-        !cJSON_IsNumber(cJSON_GetObjectItemCaseSensitive(progress, "cnt")) ||
-        (of != nullptr && !cJSON_IsNumber(of) && !cJSON_IsNull(of)))
+    cJSON const* cnt = cJSON_GetObjectItemCaseSensitive(progress, "cnt");
+    // hawkBit reads both as Java ints.
+    auto const integer = [](cJSON const* item) {
+      return cJSON_IsNumber(item) && item->valuedouble >= -2147483648.0 &&
+             item->valuedouble <= 2147483647.0;
+    };
+    if (!cJSON_IsObject(progress) || !integer(cnt) ||
+        (of != nullptr && !integer(of) && !cJSON_IsNull(of)))
       return refuse("\"progress\" needs a number \"cnt\"");
+    feedback.hasProgress = true;
+    feedback.progress.cnt = static_cast<long long>(cnt->valuedouble);
+    if (cJSON_IsNumber(of)) feedback.progress.of = static_cast<long long>(of->valuedouble);
   }
   cJSON const* code = cJSON_GetObjectItemCaseSensitive(status, "code");
   if (code != nullptr && !cJSON_IsNumber(code) && !cJSON_IsNull(code))

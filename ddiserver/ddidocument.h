@@ -75,6 +75,11 @@ struct AutoConfirm {
 std::string confirmationBaseJson(std::string const& baseUrl, std::string const& controllerPath,
                                  AutoConfirm const& state, std::string const& waitingActionId);
 
+// A feedback's "progress": `cnt` steps of `of` (0 when not given) done.
+struct Progress {
+  long long cnt = 0, of = 0;
+};
+
 // What a feedback body says. `valid` is false, with the reason in `error`,
 // for a body hawkBit refuses: no JSON object, no status, execution or
 // result.finished, a value outside hawkBit's enumerations, or progress,
@@ -84,6 +89,8 @@ struct Feedback {
   std::string error;
   std::string execution, finished;
   std::vector<std::string> details;
+  bool hasProgress = false;
+  Progress progress;
 };
 Feedback readFeedback(std::string const& body);
 

@@ -87,6 +87,12 @@ void HawkbitTarget::requestCancel(std::string const& cancelId) {
   action.status = "CANCELING";
 }
 
+std::vector<Progress> HawkbitTarget::progress(std::string const& actionId) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto const it = actions_.find(actionId);
+  return it != actions_.end() ? it->second.progress : std::vector<Progress>();
+}
+
 bool HawkbitTarget::answer(RecordedRequest const& request, DdiServer::Answer& answer) {
   std::string const& path = request.path;
   // hawkBit's firewall refuses such a URL whatever it names.
@@ -249,6 +255,10 @@ bool HawkbitTarget::feedback(std::string const& kind, std::string const& id,
       attributesWanted_ = true;  // hawkBit asks for the attributes after an update
     }
     event(prefix + " closed: " + sent.finished);
+  } else if (execution == "proceeding" && sent.hasProgress) {
+    action->progress.push_back(sent.progress);
+    std::string const of = sent.progress.of != 0 ? " of " + std::to_string(sent.progress.of) : "";
+    event(prefix + ": feedback proceeding " + std::to_string(sent.progress.cnt) + of);
   } else if (execution == "downloaded" && action->deployment.update == "skip") {
     action->active = false;
     action->status = "DOWNLOADED";

@@ -48,6 +48,10 @@ class HawkbitTarget {
   // Offers a cancel request with this id for the running action.
   void requestCancel(std::string const& cancelId);
 
+  // The progress of every "proceeding" feedback of an action that had one,
+  // in arrival order.
+  std::vector<Progress> progress(std::string const& actionId);
+
   // Answers a request under the controller path; false for other paths.
   // Thread-safe: DdiServer calls it from its worker threads.
   bool answer(RecordedRequest const& request, DdiServer::Answer& answer);
@@ -61,7 +65,8 @@ class HawkbitTarget {
     bool cancelOffered = false;
     std::vector<std::string> messages;  // newest first
     int feedbacks = 0;
-    bool waiting = false;  // for the device's confirmation
+    std::vector<Progress> progress;  // of its "proceeding" feedbacks
+    bool waiting = false;            // for the device's confirmation
   };
 
   bool poll(DdiServer::Answer& answer);

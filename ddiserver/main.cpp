@@ -1,78 +1,26 @@
 // tamrel-ddi-server: the DDI server as a program, answering
 // like a current hawkBit server, for testing any hawkBit client without a
-// hawkBit installation. Every file of --artifacts becomes an artifact of one
-// deployment, served from the file (sparse files of any size work); every
-// request and its body is printed, and what the server makes of the
-// feedback ("action 1 closed: success").
-#include <dirent.h>
-#include <fcntl.h>
+// hawkBit installation. Every file of a --module (or of --artifacts) becomes
+// an artifact of one deployment, served from the file (sparse files of any
+// size work); every request and its body is printed, and what the server
+// makes of the feedback ("action 1 closed: success").
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cctype>
 #include <cstdio>
 #include <fstream>
-#include <future>
-#include <iterator>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <system_error>
-#include <vector>
 
 #include "ddiserver/ddidocument.h"
 #include "ddiserver/ddiserver.h"
 #include "ddiserver/hawkbittarget.h"
+#include "ddiserver/serveddeployment.h"
 #include "ddiserver/serveroptions.h"
-#include "digest/digest.h"
-
-namespace {
 
 namespace ddiserver = tamrel::ddiserver;
-
-// A file name as one segment of a URL path: everything but the unreserved
-// characters percent-encoded.
-std::string percentEncoded(std::string const& name) {
-  std::string out;
-  for (unsigned char c : name) {
-    if (std::isalnum(c) || c == '-' || c == '.' || c == '_' || c == '~') {
-      out += static_cast<char>(c);
-    } else {
-      char escaped[4];
-      std::snprintf(escaped, sizeof escaped, "%%%02X", c);
-      out += escaped;
-    }
-  }
-  return out;
-}
-
-// SHA-1, MD5 and SHA-256 of a file, each on a thread of its own (the file
-// is read three times, from the page cache after the first): a large
-// artifact is ready in the time of the slowest digest on a multi-core host.
-bool digests(std::string const& path, std::map<std::string, std::string>& hashes) {
-  using tamrel::Digest;
-  std::pair<char const*, Digest::Kind> const kinds[] = {{"sha1", Digest::Kind::kSha1},
-                                                        {"md5", Digest::Kind::kMd5},
-                                                        {"sha256", Digest::Kind::kSha256}};
-  std::vector<std::future<std::string>> results;
-  for (auto const& kind : kinds) {
-    results.push_back(std::async(std::launch::async, [&path, &kind] {
-      Digest digest(kind.second);
-      return tamrel::digestFile(path, {&digest}) ? digest.hex() : std::string();
-    }));
-  }
-  bool ok = true;
-  for (std::size_t i = 0; i < results.size(); ++i) {
-    hashes[kinds[i].first] = results[i].get();
-    ok = ok && !hashes[kinds[i].first].empty();
-  }
-  return ok;
-}
-
-}  // namespace
 
 int main(int argc, char** argv) {
   ddiserver::ServerOptions settings;
@@ -105,40 +53,10 @@ int main(int argc, char** argv) {
 
   // Every digest is computed before the port is bound: a client that finds
   // the server always finds the deployment.
-  struct File {
-    std::string name, path;
-    ddiserver::ArtifactDocument artifact;
-  };
-  std::vector<File> files;
-  if (!settings.artifactDir.empty()) {
-    DIR* dir = opendir(settings.artifactDir.c_str());
-    if (dir == nullptr) {
-      std::fprintf(stderr, "tamrel-ddi-server: cannot read %s\n", settings.artifactDir.c_str());
-      return 2;
-    }
-    std::vector<std::string> names;
-    while (dirent* entry = readdir(dir)) names.push_back(entry->d_name);
-    closedir(dir);
-    std::sort(names.begin(), names.end());
-    for (std::string const& file : names) {
-      std::string const path = settings.artifactDir + "/" + file;
-      struct stat info {};
-      if (stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) continue;
-      ddiserver::ArtifactDocument artifact;
-      artifact.filename = settings.names.count(file) ? settings.names[file] : file;
-      artifact.size = static_cast<std::uint64_t>(info.st_size);
-      if (!digests(path, artifact.hashes)) {
-        std::fprintf(stderr, "tamrel-ddi-server: cannot read %s\n", path.c_str());
-        return 2;
-      }
-      if (file == settings.wrongSha256) artifact.hashes["sha256"] = std::string(64, '0');
-      if (settings.upperDigests) {
-        for (auto& entry : artifact.hashes) {
-          for (char& c : entry.second) c = static_cast<char>(std::toupper(c));
-        }
-      }
-      files.push_back({file, path, artifact});
-    }
+  ddiserver::ServedDeployment served(settings);
+  if (!served.read()) {
+    std::fprintf(stderr, "tamrel-ddi-server: %s\n", served.error().c_str());
+    return 2;
   }
 
   // Every request is printed as it arrives, with what the target makes of
@@ -207,58 +125,8 @@ int main(int argc, char** argv) {
         return target->answer(request, answer);
       });
 
-  ddiserver::DeploymentDocument deployment;
-  deployment.id = settings.action;
-  deployment.download = settings.download;
-  deployment.update = settings.update;
-  deployment.maintenanceWindow = settings.window;
-  deployment.chunks.push_back({"os", "1.0", settings.chunk, {}, settings.emptyArtifact});
-  for (File const& each : files) {
-    std::string const& file = each.name;
-    std::string const& path = each.path;
-    ddiserver::ArtifactDocument artifact = each.artifact;
-    std::string const urlPath = "/artifacts/" + percentEncoded(file);
-    std::string url;
-    if (file == settings.corrupt && artifact.size > 0) {
-      std::ifstream in(path, std::ios::binary);
-      std::string content((std::istreambuf_iterator<char>(in)), {});
-      // In the middle: a container's header stays readable, only the digests fail.
-      content[content.size() / 2] = static_cast<char>(~content[content.size() / 2]);
-      url = server.addArtifact(urlPath, content);
-    } else {
-      url = server.addFileArtifact(urlPath, path);
-    }
-    // The first GET meets the one-shot fault on top of the lasting one.
-    if (isFault(settings.once) && (settings.onceFile.empty() || settings.onceFile == file)) {
-      ddiserver::Fault first = settings.always;
-      first.times = 1;
-      first.dropAfterBytes = settings.once.dropAfterBytes;
-      if (settings.once.status != 0) first.status = settings.once.status;
-      server.setFault(urlPath, first);
-      if (isFault(settings.always)) server.addFault(urlPath, settings.always);
-    } else if (isFault(settings.always)) {
-      server.setFault(urlPath, settings.always);
-    }
-    // hawkBit's download headers, and its MD5SUM file: "<md5>  <name>".
-    server.setArtifactHeaders(urlPath,
-                              {{"ETag", "\"" + artifact.hashes["sha1"] + "\""},
-                               {"Content-Disposition", "attachment;filename=" + artifact.filename},
-                               {"X-Content-Type-Options", "nosniff"}});
-    server.serve(urlPath + ".MD5SUM", artifact.hashes["md5"] + "  " + artifact.filename, 200,
-                 "application/octet-stream");
-    bool const tls = settings.tlsLinks || settings.bothLinks;
-    artifact.links[tls ? "download" : "download-http"] = url;
-    artifact.links[tls ? "md5sum" : "md5sum-http"] = url + ".MD5SUM";
-    if (settings.bothLinks) artifact.links["download-http"] = url + "?http";
-    deployment.chunks.front().artifacts.push_back(artifact);
-  }
-  if (settings.chunkPerFile) {
-    auto const artifacts = deployment.chunks.front().artifacts;
-    deployment.chunks.clear();
-    for (auto const& artifact : artifacts)
-      deployment.chunks.push_back({"os", "1.0", artifact.filename, {artifact}, false});
-  }
-  if (!deployment.chunks.front().artifacts.empty()) {
+  ddiserver::DeploymentDocument const deployment = served.serve(server);
+  if (!deployment.chunks.empty()) {
     target->assign(deployment);
     if (!settings.cancel.empty()) target->requestCancel(settings.cancel);
   }

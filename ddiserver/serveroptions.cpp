@@ -1,5 +1,7 @@
 #include "ddiserver/serveroptions.h"
 
+#include <sys/stat.h>
+
 #include <cstdio>
 #include <memory>
 
@@ -53,6 +55,52 @@ bool oneOf(std::string const& value, std::initializer_list<char const*> names) {
     if (value == name) return true;
   }
   return false;
+}
+
+std::string directory(std::string const& value, std::string& out) {
+  struct stat info {};
+  if (!printable(value) || stat(value.c_str(), &info) != 0 || !S_ISDIR(info.st_mode))
+    return "'" + value + "' is no directory";
+  out = value;
+  return "";
+}
+
+// --module PART:NAME:VERSION:DIR; DIR is the rest, ':' and all.
+std::string readModule(Self& self, std::string const& value) {
+  ServerOptions::Module module;
+  std::string* const fields[] = {&module.part, &module.name, &module.version};
+  std::size_t at = 0;
+  for (std::string* field : fields) {
+    std::size_t const colon = value.find(':', at);
+    if (colon == std::string::npos || !printable(value.substr(at, colon - at)))
+      return "'" + value + "' is not PART:NAME:VERSION:DIR";
+    *field = value.substr(at, colon - at);
+    at = colon + 1;
+  }
+  if (at == value.size()) return "'" + value + "' is not PART:NAME:VERSION:DIR";
+  if (std::string problem = directory(value.substr(at), module.dir); !problem.empty())
+    return problem;
+  self.modules.push_back(std::move(module));
+  return "";
+}
+
+// --metadata PART:KEY=VALUE, for the last --module of PART before it. The
+// value is any text: it reaches the device as a JSON string.
+std::string readMetadata(Self& self, std::string const& value) {
+  std::size_t const colon = value.find(':');
+  std::size_t const equals = value.find('=', colon == std::string::npos ? 0 : colon);
+  if (colon == 0 || colon == std::string::npos || equals == std::string::npos ||
+      equals == colon + 1 || !printable(value.substr(0, equals)))
+    return "'" + value + "' is not PART:KEY=VALUE";
+  std::string const part = value.substr(0, colon);
+  for (auto module = self.modules.rbegin(); module != self.modules.rend(); ++module) {
+    if (module->part == part) {
+      module->metadata.emplace_back(value.substr(colon + 1, equals - colon - 1),
+                                    value.substr(equals + 1));
+      return "";
+    }
+  }
+  return "'" + part + "' is the part of no --module before it";
 }
 
 std::string readHandling(Self& self, std::string const& value) {
@@ -180,8 +228,16 @@ std::vector<ServerOptions::Option> const& ServerOptions::options() {
       {"--gateway-token", "T",
        "accept \"Authorization: GatewayToken T\" (with --token: either) on every request",
        [](Self& self, std::string const& v) { return text(v, self.gatewayToken); }},
-      {"--artifacts", "DIR", "every regular file of DIR is an artifact of the deployment",
-       [](Self& self, std::string const& v) { return text(v, self.artifactDir); }},
+      {"--artifacts", "DIR",
+       "every regular file of DIR is an artifact of the deployment's one chunk (part os)",
+       [](Self& self, std::string const& v) { return directory(v, self.artifactDir_); }},
+      {"--module", "PART:NAME:VERSION:DIR",
+       "a chunk of the deployment (a software module of type PART), its artifacts the regular "
+       "files of DIR; repeated, the chunks in that order",
+       readModule},
+      {"--metadata", "PART:KEY=VALUE",
+       "a metadata entry of the last --module of PART before it; repeated, in that order",
+       readMetadata},
       {"--https", "",
        "serve over TLS with a certificate for 127.0.0.1 and localhost signed by a throwaway CA",
        FLAG(https)},
@@ -203,8 +259,8 @@ std::vector<ServerOptions::Option> const& ServerOptions::options() {
        [](Self& self, std::string const& v) { return text(v, self.sleep); }},
       {"--action", "ID", "the action's id (default 1)",
        [](Self& self, std::string const& v) { return segment(v, self.action); }},
-      {"--chunk", "NAME", "the chunk's name (default firmware), version 1.0",
-       [](Self& self, std::string const& v) { return text(v, self.chunk); }},
+      {"--chunk", "NAME", "the name of the chunk of --artifacts (default firmware), version 1.0",
+       [](Self& self, std::string const& v) { return text(v, self.chunk_); }},
       {"--name-as", "FILE=NAME", "offer FILE under another name",
        [](Self& self, std::string const& v) {
          std::size_t const equals = v.find('=');
@@ -241,14 +297,17 @@ std::vector<ServerOptions::Option> const& ServerOptions::options() {
        FLAG(askConfigData)},
       {"--tls-links", "", "only \"download\"/\"md5sum\" links, as a server set up for TLS only",
        FLAG(tlsLinks)},
-      {"--both-links", "", "\"download\" and \"download-http\" (its URL ends in ?http)",
+      {"--both-links", "",
+       "\"download\"/\"md5sum\" and \"download-http\"/\"md5sum-http\" (their URLs end in "
+       "?http), as hawkBit's example",
        FLAG(bothLinks)},
       {"--upper-digests", "", "digests in upper-case hex", FLAG(upperDigests)},
       {"--wrong-sha256", "FILE", "list a wrong SHA-256 digest for FILE",
        [](Self& self, std::string const& v) { return text(v, self.wrongSha256); }},
       {"--empty-artifact", "", "an artifact element without members first in the list",
        FLAG(emptyArtifact)},
-      {"--chunk-per-file", "", "each file a chunk of its own, named after it, in name order",
+      {"--chunk-per-file", "",
+       "each file of --artifacts a chunk of its own, named after it, in name order",
        FLAG(chunkPerFile)},
       {"--corrupt", "FILE",
        "serve FILE with its middle byte flipped (digest mismatch; a container's header stays "
@@ -287,8 +346,9 @@ std::vector<ServerOptions::Option> const& ServerOptions::options() {
 std::string ServerOptions::help() {
   std::string text =
       "usage: tamrel-ddi-server [OPTION]...\n"
-      "A DDI server standing in for hawkBit: serves one deployment of the files of\n"
-      "--artifacts and prints every request and what it makes of it.\n"
+      "A DDI server standing in for hawkBit: serves one deployment of the modules of\n"
+      "--module (or of the files of --artifacts) and prints every request and what it\n"
+      "makes of it.\n"
       "  --help                  print this and exit\n";
   // Help wrapped to 80 columns beside a column of the options.
   std::size_t const column = 26, width = 80;
@@ -337,6 +397,7 @@ bool ServerOptions::parse(int argc, char const* const* argv) {
     std::string const problem = option->read(*this, value);
     if (!problem.empty()) return fail(arg + ": " + problem);
   }
+  if (!settleModules()) return false;
   if (tlsCert.empty() != tlsKey.empty()) return fail("--tls-cert and --tls-key go together");
   if (!tlsCert.empty()) https = true;
   if (!caOut.empty() && (!https || !tlsCert.empty()))
@@ -346,6 +407,20 @@ bool ServerOptions::parse(int argc, char const* const* argv) {
   if (!clientCa.empty() && !https) return fail("--client-ca needs --https or --tls-cert");
   if (!clientCa.empty() && !clientCertOut.empty())
     return fail("--client-ca and --client-cert-out exclude each other");
+  return true;
+}
+
+bool ServerOptions::settleModules() {
+  if (!modules.empty()) {
+    if (!artifactDir_.empty()) error_ = "--artifacts and --module exclude each other";
+    if (!chunk_.empty() || chunkPerFile)
+      error_ = "--chunk and --chunk-per-file go with --artifacts, not --module";
+    return error_.empty();
+  }
+  if (!artifactDir_.empty()) {
+    modules.push_back({"os", chunk_.empty() ? "firmware" : chunk_, "1.0", artifactDir_, {}});
+    artifactsShortcut = true;
+  }
   return true;
 }
 

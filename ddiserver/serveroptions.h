@@ -27,9 +27,20 @@ class ServerOptions {
   bool parse(int argc, char const* const* argv);
   std::string const& error() const { return error_; }
 
+  // A software module of the deployment: its chunk's part, name and
+  // version, the directory whose regular files are its artifacts, and its
+  // metadata (key, value) in the order given.
+  struct Module {
+    std::string part, name, version, dir;
+    std::vector<std::pair<std::string, std::string>> metadata;
+  };
+
   int port = 0;
-  std::string token, gatewayToken, artifactDir, sleep = "00:00:10", chunk = "firmware", corrupt,
-                                                action = "1", cancel;
+  std::string token, gatewayToken, sleep = "00:00:10", corrupt, action = "1", cancel;
+  // The chunks in order: from --module, or the one of --artifacts (part
+  // "os", version 1.0, named by --chunk).
+  std::vector<Module> modules;
+  bool artifactsShortcut = false;  // modules holds the one of --artifacts
   std::string download = "forced", update = "forced", window, wrongSha256;
   int windowOpensAt = 0, cancelAfterPolls = 0;
   bool tlsLinks = false, bothLinks = false, upperDigests = false, emptyArtifact = false,
@@ -42,7 +53,12 @@ class ServerOptions {
   Fault poll, deployment, confirmation, config, feedback;  // --fault poll=, deployment=, ...
 
  private:
+  // Makes `modules` the one module of --artifacts, or checks that none of
+  // its options comes with --module; false with the reason in error_.
+  bool settleModules();
+
   std::string error_;
+  std::string artifactDir_, chunk_;  // --artifacts, --chunk
 };
 
 // True when the fault changes anything.

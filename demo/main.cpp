@@ -1,7 +1,8 @@
-// tamrel-demo: the agent's classes through a whole cycle against an
+// tamrel-demo: the agent's classes through whole cycles against an
 // in-process DDI server: configuration data, a deployment of two chunks and
-// three artifacts, a cancel request, then what the server received; then an
-// update that waits for the device's consent, confirmed by a consent command.
+// three artifacts, a cancel request, then what the server received; an
+// update that waits for the device's consent, confirmed by a consent
+// command.
 #include <ftw.h>
 #include <sys/stat.h>
 
@@ -31,6 +32,45 @@ void removeTree(char const* dir) {
       FTW_DEPTH | FTW_PHYS);
 }
 
+// `content` served at /artifacts/NAME, as the artifact element that lists
+// its MD5 (and SHA-1 unless `sha1` is false) digest.
+ddiserver::ArtifactDocument artifactOf(ddiserver::DdiServer& server, std::string const& name,
+                                       std::string const& content, bool sha1 = true) {
+  using tamrel::Digest;
+  ddiserver::ArtifactDocument artifact;
+  artifact.filename = name;
+  artifact.size = content.size();
+  artifact.hashes["md5"] = Digest::of(Digest::Kind::kMd5, content.data(), content.size());
+  if (sha1)
+    artifact.hashes["sha1"] = Digest::of(Digest::Kind::kSha1, content.data(), content.size());
+  artifact.links["download-http"] = server.addArtifact("/artifacts/" + name, content);
+  return artifact;
+}
+
+// A server whose requests are answered by a hawkBit target with this
+// action, polled every 30 s, asking for the demo's token.
+struct Hawkbit {
+  ddiserver::DdiServer server;
+  ddiserver::HawkbitTarget target;
+
+  explicit Hawkbit(bool confirmRequired = false) : target(options(server, confirmRequired)) {
+    server.setRequireToken("demo-token");
+    server.setHandler(
+        [this](ddiserver::RecordedRequest const& request, ddiserver::DdiServer::Answer& answer) {
+          return target.answer(request, answer);
+        });
+  }
+  static ddiserver::HawkbitTarget::Options options(ddiserver::DdiServer const& server,
+                                                   bool confirmRequired) {
+    ddiserver::HawkbitTarget::Options options;
+    options.baseUrl = server.baseUrl();
+    options.controllerPath = server.controllerPath();
+    options.sleep = "00:00:30";
+    options.confirmRequired = confirmRequired;
+    return options;
+  }
+};
+
 // Two chunks, three artifacts of a few MiB, one of them with MD5 only.
 ddiserver::DeploymentDocument offer(ddiserver::DdiServer& server) {
   struct Item {
@@ -49,63 +89,77 @@ ddiserver::DeploymentDocument offer(ddiserver::DdiServer& server) {
       if (chunk != item.chunk) continue;
       std::string content(item.size, '\0');
       for (char& c : content) c = static_cast<char>(random());
-      std::string const path = std::string("/artifacts/") + item.name;
-      ddiserver::ArtifactDocument artifact;
-      artifact.filename = item.name;
-      artifact.size = item.size;
-      using tamrel::Digest;
-      artifact.hashes["md5"] = Digest::of(Digest::Kind::kMd5, content.data(), content.size());
-      if (item.sha1) {
-        artifact.hashes["sha1"] = Digest::of(Digest::Kind::kSha1, content.data(), content.size());
-      }
-      artifact.links["download-http"] = server.addArtifact(path, content);
+      deployment.chunks.back().artifacts.push_back(
+          artifactOf(server, item.name, content, item.sha1));
       // Paced (about 8 MiB/s) so that the progress bars can be watched.
       ddiserver::Fault paced;
       paced.chunkBytes = 128 << 10;
       paced.delayMs = 15;
-      server.setFault(path, paced);
-      deployment.chunks.back().artifacts.push_back(artifact);
+      server.setFault(std::string("/artifacts/") + item.name, paced);
     }
   }
   return deployment;
 }
 
-// Prints what the server received; true when deployment 1 and cancel
-// request 2 were both closed with success.
-bool report(ddiserver::DdiServer const& server) {
+// What the server makes of a request worth a note: a feedback's status
+// and progress, a confirmation, the attributes sent.
+std::string noteOf(ddiserver::RecordedRequest const& request) {
+  std::string note;
+  if (request.path.find("/confirmationBase/") != std::string::npos &&
+      request.path.find("/feedback") != std::string::npos) {
+    auto const sent = ddiserver::readConfirmationFeedback(request.body);
+    note = std::string(sent.confirmed ? "confirmed" : "denied") + ", code " +
+           std::to_string(sent.code);
+  } else if (request.path.find("/feedback") != std::string::npos) {
+    auto const sent = ddiserver::readFeedback(request.body);
+    note = "feedback: " + sent.execution + "/" + sent.finished;
+    if (sent.hasProgress) {
+      note += ", " + std::to_string(sent.progress.cnt) + " of " + std::to_string(sent.progress.of);
+    }
+  } else if (request.method == "PUT") {
+    for (auto const& [key, value] : ddiserver::readConfigData(request.body).data)
+      note += (note.empty() ? "attributes " : ", ") + key + "=" + value;
+  }
+  return note;
+}
+
+// Prints every request the server received with its note, and the details
+// a feedback gave on a line of its own.
+void printRequests(ddiserver::DdiServer const& server) {
   std::string const controller = server.controllerPath();
-  std::printf("  (~ is %s)\n", controller.c_str());
-  int feedbacks = 0;
-  bool deployed = false, cancelled = false;
+  std::printf("== what the server received (~ is %s)\n", controller.c_str());
   for (auto const& request : server.requests()) {
     std::string path = request.path;
     if (path.compare(0, controller.size(), controller) == 0)
       path = "~" + path.substr(controller.size());
-    std::string note, details;
-    if (request.path.find("/feedback") != std::string::npos) {
-      ddiserver::Feedback const feedback = ddiserver::readFeedback(request.body);
-      std::string const status = feedback.execution + "/" + feedback.finished;
-      note = "feedback: " + status;
-      ++feedbacks;
-      bool const closed = status == "closed/success";
-      if (request.path.find("/deploymentBase/1/") != std::string::npos) deployed = closed;
-      if (request.path.find("/cancelAction/2/") != std::string::npos) cancelled = closed;
-      for (auto const& line : feedback.details) details += (details.empty() ? "" : " | ") + line;
-    } else if (request.method == "PUT") {
-      for (auto const& [key, value] : ddiserver::readConfigData(request.body).data) {
-        note += (note.empty() ? "attributes " : ", ") + key + "=" + value;
-      }
-    }
+    std::string const note = noteOf(request);
     if (!note.empty()) path.resize(std::max<std::size_t>(path.size(), 34), ' ');
     std::printf("  %-4s %s%s%s\n", request.method.c_str(), path.c_str(), note.empty() ? "" : " ",
                 note.c_str());
+    std::string details;
+    if (request.path.find("/feedback") != std::string::npos) {
+      auto const lines = request.path.find("/confirmationBase/") != std::string::npos
+                             ? ddiserver::readConfirmationFeedback(request.body).details
+                             : ddiserver::readFeedback(request.body).details;
+      for (auto const& line : lines) details += (details.empty() ? "" : " | ") + line;
+    }
     if (!details.empty()) std::printf("       details %s\n", details.c_str());
   }
-  std::printf("summary: %zu requests, %d feedback messages; deployment 1 %s, cancel request 2 %s\n",
-              server.requests().size(), feedbacks,
-              deployed ? "closed/success" : "NOT closed/success",
-              cancelled ? "closed/success" : "NOT closed/success");
-  return deployed && cancelled;
+}
+
+// The number of feedback messages, and whether the last one to a path
+// holding `where` was closed/success.
+bool closedWithSuccess(ddiserver::DdiServer const& server, std::string const& where,
+                       int* feedbacks = nullptr) {
+  bool closed = false;
+  for (auto const& request : server.requests("POST")) {
+    if (request.path.find("/feedback") == std::string::npos) continue;
+    if (feedbacks != nullptr) ++*feedbacks;
+    if (request.path.find(where) == std::string::npos) continue;
+    auto const sent = ddiserver::readFeedback(request.body);
+    closed = sent.execution == "closed" && sent.finished == "success";
+  }
+  return closed;
 }
 
 AgentConfig demoConfig(std::string const& base, std::string const& dir) {
@@ -121,67 +175,79 @@ AgentConfig demoConfig(std::string const& base, std::string const& dir) {
   return config;
 }
 
-// A server that holds new actions until the device agrees, as a hawkBit
-// tenant with user consent does; the agent asks a consent command, which
-// agrees. Prints the exchange; true when the action was confirmed by the
-// command and then closed with success.
-bool consent(std::string const& dir) {
+// One agent through one poll; false when it could not connect or was
+// stopped.
+bool runAgent(AgentConfig const& config) {
+  UpdateAgent agent(config);
+  SignalThread stopper(agent);  // Ctrl-C stops the agent; the directory is removed
+  if (!agent.connect()) return false;
+  agent.cycle();
+  return !agent.stopping();
+}
+
+// A deployment of two chunks, then a cancel request for it; true when both
+// were closed with success.
+bool deployAndCancel(std::string const& dir) {
   ddiserver::DdiServer server;
   server.setRequireToken("demo-token");
-  ddiserver::HawkbitTarget::Options options;
-  options.baseUrl = server.baseUrl();
-  options.controllerPath = server.controllerPath();
-  options.sleep = "00:00:30";
-  options.confirmRequired = true;
-  ddiserver::HawkbitTarget target(options);
-  server.setHandler(
-      [&target](ddiserver::RecordedRequest const& request, ddiserver::DdiServer::Answer& answer) {
-        return target.answer(request, answer);
-      });
-  std::string const content(256 << 10, 'x');
-  ddiserver::ArtifactDocument artifact;
-  artifact.filename = "rootfs.img";
-  artifact.size = content.size();
-  using tamrel::Digest;
-  artifact.hashes["sha1"] = Digest::of(Digest::Kind::kSha1, content.data(), content.size());
-  artifact.hashes["md5"] = Digest::of(Digest::Kind::kMd5, content.data(), content.size());
-  artifact.links["download-http"] = server.addArtifact("/artifacts/rootfs.img", content);
+  std::string const base = server.baseUrl();
+  server.setDeploymentBase("1", ddiserver::deploymentBaseJson(offer(server)));
+  server.setControllerBase(
+      ddiserver::controllerBaseJson(base, server.controllerPath(), "00:00:30", "1", "", true));
+  AgentConfig config = demoConfig(base, dir);
+  config.attributes = {{"hw-revision", "2"}, {"serial", "demo-0001"}};
+  std::printf("DDI test server on %s, downloads into %s\n", base.c_str(), dir.c_str());
+  UpdateAgent agent(config);
+  SignalThread stopper(agent);
+  if (!agent.connect()) return false;
+  std::printf("== first poll: configuration request and a deployment\n");
+  agent.cycle();
+  if (agent.stopping()) return false;
+  std::printf("== second poll: a cancel request\n");
+  server.setCancelAction("2", ddiserver::cancelActionJson("2", "1"));
+  server.setControllerBase(
+      ddiserver::controllerBaseJson(base, server.controllerPath(), "00:00:30", "", "2", false));
+  agent.cycle();
+  if (agent.stopping()) return false;
+  printRequests(server);
+  int feedbacks = 0;
+  bool const deployed = closedWithSuccess(server, "/deploymentBase/1/", &feedbacks);
+  bool const cancelled = closedWithSuccess(server, "/cancelAction/2/");
+  std::printf("summary: %zu requests, %d feedback messages; deployment 1 %s, cancel request 2 %s\n",
+              server.requests().size(), feedbacks,
+              deployed ? "closed/success" : "NOT closed/success",
+              cancelled ? "closed/success" : "NOT closed/success");
+  return deployed && cancelled;
+}
+
+// A server that holds new actions until the device agrees, as a hawkBit
+// tenant with user consent does; the agent asks a consent command, which
+// agrees. True when the action was confirmed by the command and then
+// closed with success.
+bool consent(std::string const& dir) {
+  Hawkbit hawkbit(true);
   ddiserver::DeploymentDocument deployment;
   deployment.id = "3";
-  deployment.chunks.push_back({"os", "2.1", "rootfs", {artifact}, false});
-  target.assign(deployment);
+  deployment.chunks.push_back(
+      {"os",
+       "2.1",
+       "rootfs",
+       {artifactOf(hawkbit.server, "rootfs.img", std::string(256 << 10, 'x'))}});
+  hawkbit.target.assign(deployment);
 
-  AgentConfig config = demoConfig(server.baseUrl(), dir);
+  AgentConfig config = demoConfig(hawkbit.server.baseUrl(), dir);
   mkdir(dir.c_str(), 0700);  // where the action is recorded
   config.consent = "command";
   config.consentCommand = "echo \"the driver agrees to action $1: $2 $3\"; exit 0";
-  {
-    UpdateAgent agent(config);
-    SignalThread stopper(agent);
-    if (!agent.connect()) return false;
-    agent.cycle();
+  if (!runAgent(config)) return false;
+  printRequests(hawkbit.server);
+  bool confirmed = false;
+  for (auto const& request : hawkbit.server.requests("POST")) {
+    if (request.path.find("/confirmationBase/3/feedback") == std::string::npos) continue;
+    auto const sent = ddiserver::readConfirmationFeedback(request.body);
+    confirmed = sent.confirmed && sent.code == 0;
   }
-  std::printf("== what the server received\n");
-  std::string const controller = server.controllerPath();
-  bool confirmed = false, closed = false;
-  for (auto const& request : server.requests()) {
-    std::string path = request.path;
-    if (path.compare(0, controller.size(), controller) == 0)
-      path = "~" + path.substr(controller.size());
-    std::string note;
-    if (path.rfind("~/confirmationBase/3/feedback", 0) == 0) {
-      auto const sent = ddiserver::readConfirmationFeedback(request.body);
-      note = std::string(sent.confirmed ? "confirmed" : "denied") + ", code " +
-             std::to_string(sent.code) + ": " + (sent.details.empty() ? "" : sent.details[0]);
-      confirmed = sent.confirmed && sent.code == 0;
-    } else if (path.rfind("~/deploymentBase/3/feedback", 0) == 0) {
-      auto const sent = ddiserver::readFeedback(request.body);
-      note = "feedback: " + sent.execution + "/" + sent.finished;
-      closed = note == "feedback: closed/success";
-    }
-    std::printf("  %-4s %s%s%s\n", request.method.c_str(), path.c_str(), note.empty() ? "" : "  ",
-                note.c_str());
-  }
+  bool const closed = closedWithSuccess(hawkbit.server, "/deploymentBase/3/");
   std::printf("summary: action 3 %s by the consent command, %s\n",
               confirmed ? "confirmed" : "NOT confirmed",
               closed ? "then closed/success" : "NOT closed/success");
@@ -198,39 +264,9 @@ int main(int argc, char** argv) {
     return arg == "--help" || arg == "-h" ? 0 : 2;
   }
   Console console;
-
-  ddiserver::DdiServer server;
-  server.setRequireToken("demo-token");
-  std::string const base = server.baseUrl();
-  server.setDeploymentBase("1", ddiserver::deploymentBaseJson(offer(server)));
-  server.setControllerBase(
-      ddiserver::controllerBaseJson(base, server.controllerPath(), "00:00:30", "1", "", true));
-
   char dir[] = "/tmp/tamrel-demo-XXXXXX";
   if (mkdtemp(dir) == nullptr) return 1;
-  AgentConfig config = demoConfig(base, dir);
-  config.attributes = {{"hw-revision", "2"}, {"serial", "demo-0001"}};
-
-  bool ok = false;
-  {
-    UpdateAgent agent(config);
-    SignalThread stopper(agent);  // Ctrl-C stops the agent; the directory is removed
-    std::printf("DDI test server on %s, downloads into %s\n", base.c_str(), dir);
-    bool const connected = agent.connect();
-    if (connected) {
-      std::printf("== first poll: configuration request and a deployment\n");
-      agent.cycle();
-    }
-    if (connected && !agent.stopping()) {
-      std::printf("== second poll: a cancel request\n");
-      server.setCancelAction("2", ddiserver::cancelActionJson("2", "1"));
-      server.setControllerBase(
-          ddiserver::controllerBaseJson(base, server.controllerPath(), "00:00:30", "", "2", false));
-      agent.cycle();
-      std::printf("== what the server received\n");
-      ok = report(server);
-    }
-  }
+  bool ok = deployAndCancel(dir);
   if (ok) {
     std::printf("== an update waiting for the device's consent\n");
     ok = consent(std::string(dir) + "/consent");

@@ -146,6 +146,31 @@ TEST_F(HawkbitTargetTest, InstalledBaseReportedByTheDevice) {
        "\"FINISHED\" && Installed offline: firmware 1.0 && \"name\":\"firmware\"", "", ""},
   });
 }
+
+// hawkBit shows a "proceeding" feedback's progress in the action's history;
+// the server reports it and keeps it per action.
+TEST_F(HawkbitTargetTest, ProceedingProgressReportedAndKept) {
+  start(false);
+  assign("1");
+  run({
+      {"POST /deploymentBase/1/feedback",
+       R"({"status":{"execution":"proceeding","result":{"finished":"none","progress":{"cnt":1,"of":3}}}})",
+       200, "", "", "action 1: feedback proceeding 1 of 3"},
+      {"POST /deploymentBase/1/feedback", R"({"status":{"execution":"proceeding","result":{"finished":"none"}}})",
+       200, "", "", ""},
+      {"POST /deploymentBase/1/feedback",
+       R"({"status":{"execution":"proceeding","result":{"finished":"none","progress":{"cnt":2}}}})",
+       200, "", "", "action 1: feedback proceeding 2"},
+      {"POST /deploymentBase/1/feedback",
+       R"({"status":{"execution":"proceeding","result":{"finished":"none","progress":{"cnt":4294967296}}}})",
+       400, "notReadable", "", ""},
+  });
+  std::vector<Progress> const kept = target_->progress("1");
+  ASSERT_EQ(kept.size(), 2u);
+  EXPECT_EQ(kept[0].cnt * 10 + kept[0].of, 13);
+  EXPECT_EQ(kept[1].cnt * 10 + kept[1].of, 20);
+  EXPECT_TRUE(target_->progress("2").empty());
+}
 // clang-format on
 
 }  // namespace

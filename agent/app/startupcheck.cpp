@@ -9,6 +9,8 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
+#include <utility>
+#include <vector>
 
 #include "agent/commands/command.h"
 
@@ -144,39 +146,43 @@ std::string checkHost(AgentConfig const& config) {
   }
   // A reboot without its record would install again after it, or never
   // confirm.
-  if (config.rebootExitCode >= 0 &&
+  std::string rebootKey = config.rebootExitCode >= 0 ? "reboot-exit-code" : "";
+  if (rebootKey.empty() && !config.partRebootExitCodes.empty())
+    rebootKey = "reboot-exit-code." + config.partRebootExitCodes.begin()->first;
+  if (!rebootKey.empty() &&
       (config.stateDir.empty() || config.rebootCommand.empty() || config.confirmCommand.empty())) {
-    return where(config, "reboot-exit-code") +
-           "reboot-exit-code needs state-dir, reboot-command and confirm-command";
+    return where(config, rebootKey.c_str()) + rebootKey +
+           " needs state-dir, reboot-command and confirm-command";
   }
   // Without the boot id a restart would pass for the reboot.
-  if (config.rebootExitCode >= 0) {
+  if (!rebootKey.empty()) {
     std::ifstream in(config.bootIdFile);
     std::string id;
     if (!std::getline(in, id) || id.empty())
       return where(config, "boot-id-file") + "boot-id-file " + config.bootIdFile +
              " cannot be read; it tells whether a reboot happened";
   }
-  if (config.installCommand.empty() && !config.downloadOnly && !config.demo) {
+  if (config.installCommand.empty() && config.partCommands.empty() && !config.downloadOnly &&
+      !config.demo) {
     return config.path +
            ": install-command is not set; start with --download-only to download and verify "
            "without installing";
   }
-  struct {
-    char const* key;
-    std::string const& command;
-  } const commands[] = {{"install-command", config.installCommand},
-                        {"reboot-command", config.rebootCommand},
-                        {"confirm-command", config.confirmCommand},
-                        {"consent-command", config.consentCommand}};
+  std::vector<std::pair<std::string, std::string>> commands = {
+      {"install-command", config.installCommand},
+      {"reboot-command", config.rebootCommand},
+      {"confirm-command", config.confirmCommand},
+      {"consent-command", config.consentCommand}};
+  for (auto const& part : config.partCommands)
+    commands.emplace_back("install-command." + part.first, part.second);
   for (auto const& entry : commands) {
-    if (entry.command.empty()) continue;
-    std::string const error = syntaxError(entry.command);
-    if (!error.empty())
-      return where(config, entry.key) + entry.key + ": sh cannot read it: " + error;
-    if (commandProgram(entry.command).empty()) {
-      return where(config, entry.key) + entry.key + ": no executable program for '" +
-             entry.command + "'";
+    char const* const key = entry.first.c_str();
+    if (entry.second.empty()) continue;
+    std::string const error = syntaxError(entry.second);
+    if (!error.empty()) return where(config, key) + entry.first + ": sh cannot read it: " + error;
+    if (commandProgram(entry.second).empty()) {
+      return where(config, key) + entry.first + ": no executable program for '" + entry.second +
+             "'";
     }
   }
   // Every check passed: only now is anything made on disk.

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cctype>
 #include <fstream>
 #include <map>
 #include <set>
@@ -75,6 +76,29 @@ char const* choices(std::string const& key) {
 
 }  // namespace
 
+char const* const AgentConfig::kPartKeys[3] = {"install-command", "install-mode",
+                                               "reboot-exit-code"};
+
+bool AgentConfig::partName(std::string const& part) {
+  if (part.empty()) return false;
+  for (char c : part) {
+    if (!std::isalnum(static_cast<unsigned char>(c)) && c != '-' && c != '_' && c != '.')
+      return false;
+  }
+  return true;
+}
+
+AgentConfig::Install AgentConfig::installFor(std::string const& part) const {
+  Install install{installCommand, installMode, rebootExitCode};
+  auto const command = partCommands.find(part);
+  if (command != partCommands.end()) install.command = command->second;
+  auto const mode = partModes.find(part);
+  if (mode != partModes.end()) install.mode = mode->second;
+  auto const code = partRebootExitCodes.find(part);
+  if (code != partRebootExitCodes.end()) install.rebootExitCode = code->second;
+  return install;
+}
+
 std::vector<AgentConfig::Key> const& AgentConfig::keys() {
   using K = Key::Kind;
   static std::vector<Key> const table = {
@@ -103,15 +127,21 @@ std::vector<AgentConfig::Key> const& AgentConfig::keys() {
        "where the action's state and the install lock are kept", 0, 0},
       {"install-command", K::kText, false, "", "sh -c command, the chunk's files as $1, $2, ...", 0,
        0},
+      {"install-command.PART", K::kText, false, "",
+       "install-command for chunks of module type PART (letters, digits, -_.)", 0, 0},
       {"install-timeout-s", K::kNumber, false, "3600",
        "deadline of one install command; a restart waits as long for one left running", 1,
        7 * 86400},
       {"install-mode", K::kText, false, "file",
        "file (stored, then installed), stream (fed to its stdin) or url (it fetches)", 0, 0},
+      {"install-mode.PART", K::kText, false, "", "install-mode for chunks of module type PART", 0,
+       0},
       {"stream-hold-back-kib", K::kNumber, false, "1024",
        "stream: the last KiB the command sees once the digests match", 64, 1048576},
       {"reboot-exit-code", K::kNumber, false, "", "install exit status meaning reboot needed", 1,
        255},
+      {"reboot-exit-code.PART", K::kNumber, false, "",
+       "reboot-exit-code for chunks of module type PART", 1, 255},
       {"reboot-command", K::kText, false, "", "run for that reboot", 0, 0},
       {"reboot-timeout-s", K::kNumber, false, "300",
        "deadline of reboot-command; past it: ended, failed, run again later", 1, 86400},
@@ -281,7 +311,29 @@ AgentConfig AgentConfig::fromFile(std::string const& path) {
     for (Key const& candidate : keys()) {
       if (key == candidate.name) known = &candidate;
     }
-    if (settings.count(key) || settings.count(base)) {
+    // "install-command.os" and the like: the plain key's checks, per part.
+    std::string partKey;
+    for (char const* name : kPartKeys) {
+      std::string const prefix = std::string(name) + ".";
+      if (key.size() > prefix.size() && key.compare(0, prefix.size(), prefix) == 0) partKey = name;
+    }
+    if (!partKey.empty()) {
+      std::string const part = key.substr(partKey.size() + 1);
+      if (!partName(part)) fail(key + ": a module type has only letters, digits, '-', '_' and '.'");
+      if (partKey == "reboot-exit-code") {
+        long long code = 0;
+        if (!parseNumber(value, code) || code < 1 || code > 255)
+          fail(key + " must be a whole number from 1 to 255");
+        config.partRebootExitCodes[part] = int(code);
+      } else if (partKey == "install-mode") {
+        char const* const words = choices(partKey);
+        if (("|" + std::string(words) + "|").find("|" + value + "|") == std::string::npos)
+          fail(key + " must be one of " + words);
+        config.partModes[part] = value;
+      } else {
+        config.partCommands[part] = value;
+      }
+    } else if (settings.count(key) || settings.count(base)) {
       std::string const filePath = value;
       std::string const setting = base.empty() ? key : base;
       bool const secret = setting == "token" || setting == "gateway-token";

@@ -52,32 +52,50 @@ class AgentConfig {
   // The server's address, as given or read from address-file.
   std::string address() const;
 
+  // How a chunk of one module type (hawkBit's "part") is installed: its own
+  // install-command.PART, install-mode.PART and reboot-exit-code.PART where
+  // given, the plain keys otherwise. `command` "" when neither is set.
+  struct Install {
+    std::string command;
+    std::string mode;
+    int rebootExitCode = -1;
+  };
+  Install installFor(std::string const& part) const;
+  // A module type usable in a key: letters, digits, '-', '_' and '.'.
+  static bool partName(std::string const& part);
+  // The keys ending in ".PART" that take a module type.
+  static char const* const kPartKeys[3];
+
   std::shared_ptr<lookup> properties = std::make_shared<lookup>();
   std::vector<tamrel::value_pair_t> attributes;
-  std::string downloadDir;               // "download-dir"
-  std::string stateDir;                  // "state-dir": the action's recorded state
-  std::string installCommand;            // run by /bin/sh -c, the files as $1, $2, ...
-  std::string rebootCommand;             // "reboot-command"
-  std::string confirmCommand;            // "confirm-command", run at start after a reboot
-  int rebootTimeoutSeconds = 0;          // "reboot-timeout-s"
-  int confirmTimeoutSeconds = 0;         // "confirm-timeout-s"
-  std::string bootIdFile;                // "boot-id-file": changes with every boot
-  std::string trustedHosts;              // "trusted-hosts": host[:port], ... given credentials
-  std::string gatewayToken;              // "gateway-token", else a target token or none
-  bool targetToken = true;               // "token" or "token-file" (fromFile decides)
-  std::string clientCert, clientKey;     // "client-cert", "client-key"
-  std::string keyPasswordFile;           // "client-key-password-file"
-  std::string keyPassword;               // read from it
-  std::string sslEngine;                 // "ssl-engine"
-  std::string caFile, caPath;            // "ca-file", "ca-path"
-  std::string proxy, noProxy;            // "proxy", "no-proxy"
-  bool downloadAuthentication = true;    // "download-authentication"
-  std::string path;                      // the file read
-  std::map<std::string, int> lines;      // key (a "-file" key under its base name) -> line
-  int installTimeoutSeconds = 0;         // "install-timeout-s"
-  std::string installMode;               // "install-mode": file, stream or url
-  long long streamHoldBackKib = 0;       // "stream-hold-back-kib"
-  int rebootExitCode = -1;               // "reboot-exit-code"; -1: none configured
+  std::string downloadDir;             // "download-dir"
+  std::string stateDir;                // "state-dir": the action's recorded state
+  std::string installCommand;          // run by /bin/sh -c, the files as $1, $2, ...
+  std::string rebootCommand;           // "reboot-command"
+  std::string confirmCommand;          // "confirm-command", run at start after a reboot
+  int rebootTimeoutSeconds = 0;        // "reboot-timeout-s"
+  int confirmTimeoutSeconds = 0;       // "confirm-timeout-s"
+  std::string bootIdFile;              // "boot-id-file": changes with every boot
+  std::string trustedHosts;            // "trusted-hosts": host[:port], ... given credentials
+  std::string gatewayToken;            // "gateway-token", else a target token or none
+  bool targetToken = true;             // "token" or "token-file" (fromFile decides)
+  std::string clientCert, clientKey;   // "client-cert", "client-key"
+  std::string keyPasswordFile;         // "client-key-password-file"
+  std::string keyPassword;             // read from it
+  std::string sslEngine;               // "ssl-engine"
+  std::string caFile, caPath;          // "ca-file", "ca-path"
+  std::string proxy, noProxy;          // "proxy", "no-proxy"
+  bool downloadAuthentication = true;  // "download-authentication"
+  std::string path;                    // the file read
+  std::map<std::string, int> lines;    // key (a "-file" key under its base name) -> line
+  int installTimeoutSeconds = 0;       // "install-timeout-s"
+  std::string installMode;             // "install-mode": file, stream or url
+  long long streamHoldBackKib = 0;     // "stream-hold-back-kib"
+  int rebootExitCode = -1;             // "reboot-exit-code"; -1: none configured
+  // "install-command.PART", "install-mode.PART", "reboot-exit-code.PART",
+  // keyed by PART.
+  std::map<std::string, std::string> partCommands, partModes;
+  std::map<std::string, int> partRebootExitCodes;
   int retries = 0;                       // "download-retries"
   int timeoutSeconds = 0;                // "download-timeout-s"
   long long downloadMinRate = 0;         // "download-min-rate", bytes/s

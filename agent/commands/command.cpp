@@ -18,6 +18,7 @@ CommandResult runCommand(std::string const& command, std::vector<std::string> co
   run.command = command;
   run.args = args;
   run.lockFd = options.inherit;
+  run.environment = options.environment;
   run.deadlineMs = options.deadlineMs;
   run.outcomePath = options.outcomePath;
   run.outcomeTag = options.outcomeTag;

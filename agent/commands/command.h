@@ -44,6 +44,8 @@ struct CommandOptions {
   // group is left and before it lets go of `inherit`; "": nowhere.
   std::string outcomePath;
   std::string outcomeTag;
+  // "NAME=value" entries added to (or replacing in) the command's environment.
+  std::vector<std::string> environment;
   // Told the command's pid once it runs.
   std::function<void(pid_t)> started;
   // 0: standard output goes through the console; otherwise up to this many

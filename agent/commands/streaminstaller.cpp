@@ -14,6 +14,7 @@
 
 #include "agent/base/log.h"
 #include "agent/base/watchdog.h"
+#include "agent/commands/chunkenvironment.h"
 #include "agent/server/linkorigin.h"
 #include "transport/curlbuffer.h"
 
@@ -112,7 +113,7 @@ std::unique_ptr<RunningCommand> StreamInstaller::start(std::string const& argume
                                                        int stdinFd, int heldInput,
                                                        Hold const& hold) const {
   RunningCommand::Options options;
-  options.command = config_.installCommand;
+  options.command = hold.command;
   options.args = {argument};
   options.environment = environment;
   options.stdinFd = stdinFd;
@@ -146,17 +147,18 @@ std::string StreamInstaller::credentials(std::string const& url) const {
 }
 
 StreamInstaller::Result StreamInstaller::install(chunk_t& chunk, std::string const& sha256,
-                                                 std::string const& actionId, int keepFd,
-                                                 std::string const& outcomePath,
+                                                 AgentConfig::Install const& how,
+                                                 std::vector<std::string> const& environment,
+                                                 int keepFd, std::string const& outcomePath,
                                                  std::string const& outcomeTag) {
-  Outcome const outcome = run(chunk, sha256, actionId, {keepFd, outcomePath, outcomeTag});
+  Outcome const outcome =
+      run(chunk, sha256, how.mode, environment, {how.command, keepFd, outcomePath, outcomeTag});
   if (!outcome.command.started) return Result::kFailed;
   int const code = outcome.command.exitCode;
-  Result const result = !outcome.delivered ? Result::kFailed
-                        : code == 0        ? Result::kDone
-                        : config_.rebootExitCode >= 0 && code == config_.rebootExitCode
-                            ? Result::kReboot
-                            : Result::kFailed;
+  Result const result = !outcome.delivered                                      ? Result::kFailed
+                        : code == 0                                             ? Result::kDone
+                        : how.rebootExitCode >= 0 && code == how.rebootExitCode ? Result::kReboot
+                                                                                : Result::kFailed;
   chunk.details.push_back(std::string("install command ") +
                           (result == Result::kFailed ? "failed" : "succeeded") + " (" +
                           outcome.command.describe() +
@@ -166,9 +168,10 @@ StreamInstaller::Result StreamInstaller::install(chunk_t& chunk, std::string con
 }
 
 StreamInstaller::Outcome StreamInstaller::run(chunk_t& chunk, std::string const& sha256,
-                                              std::string const& actionId, Hold const& hold) {
+                                              std::string const& mode,
+                                              std::vector<std::string> environment,
+                                              Hold const& hold) {
   std::vector<std::string>& details = chunk.details;
-  std::string const& mode = config_.installMode;
   if (chunk.artifacts.size() != 1) {
     details.push_back("install-mode " + mode + " takes a chunk with exactly one artifact; \"" +
                       chunk.name + "\" has " + std::to_string(chunk.artifacts.size()));
@@ -185,29 +188,9 @@ StreamInstaller::Outcome StreamInstaller::run(chunk_t& chunk, std::string const&
     details.push_back(artifact.filename + ": the server lists no download link");
     return Outcome();
   }
-  std::vector<PipeSink::Expected> digests;
-  std::vector<std::string> environment = {"TAMREL_INSTALL_MODE=" + mode,
-                                          "TAMREL_ACTION_ID=" + actionId,
-                                          "TAMREL_ARTIFACT_NAME=" + artifact.filename,
-                                          "TAMREL_ARTIFACT_SIZE=" + std::to_string(artifact.size)};
-  struct Known {
-    char const* name;
-    char const* variable;
-    tamrel::Digest::Kind kind;
-  };
-  static Known const known[] = {
-      {"sha1", "TAMREL_ARTIFACT_SHA1", tamrel::Digest::Kind::kSha1},
-      {"md5", "TAMREL_ARTIFACT_MD5", tamrel::Digest::Kind::kMd5},
-      {"sha256", "TAMREL_ARTIFACT_SHA256", tamrel::Digest::Kind::kSha256}};
-  for (Known const& digest : known) {
-    auto const listed = artifact.hashes.find(digest.name);
-    std::string hex = listed != artifact.hashes.end() ? listed->second : std::string();
-    if (std::string(digest.name) == "sha256" && !sha256.empty()) hex = sha256;
-    for (char& c : hex) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    if (hex.empty() || hex.find_first_not_of("0123456789abcdef") != std::string::npos) continue;
-    digests.push_back({digest.kind, digest.name, hex});
-    environment.push_back(std::string(digest.variable) + "=" + hex);
-  }
+  environment.push_back("TAMREL_INSTALL_MODE=" + mode);
+  std::vector<PipeSink::Expected> const digests =
+      ChunkEnvironment::artifact(artifact, sha256, "", environment);
   if (mode == "url") return handOver(link->second, environment, artifact.filename, hold, details);
   if (digests.empty()) {
     details.push_back(artifact.filename + ": refused, the server lists no digest");

@@ -27,12 +27,12 @@
 //    a file only the agent's user can read (never on a command line), named
 //    by TAMREL_CREDENTIALS_FILE and removed after the run. The agent checks
 //    none of the bytes.
-// Both put the artifact's size, digests and the action id in the command's
-// environment, and run it under install-timeout-s. The command starts in one
-// place, start(), whose holder keeps the install lock until no process of
-// the command's group is left and writes how it ended (InstallOutcome). A
-// stream's input ends for the command only once the whole verified artifact
-// was handed over: an agent that dies before takes the command with it.
+// Both put the artifact's name, size and digests in the command's
+// environment beside what the caller gives, and run it under install-timeout-s. The command starts
+// in one place, start(), whose holder keeps the install lock until no process of the command's
+// group is left and writes how it ended (InstallOutcome). A stream's input ends for the command
+// only once the whole verified artifact was handed over: an agent that dies before takes the
+// command with it.
 class StreamInstaller {
  public:
   using chunk_t = hawkbit_query_t::deployment_t::chunk_t;
@@ -42,16 +42,17 @@ class StreamInstaller {
   StreamInstaller(AgentTransport& transport, AgentConfig const& config,
                   std::atomic<bool> const& stop);
 
-  // Installs `chunk` (exactly one artifact) for action `actionId`, adding
+  // Installs `chunk` (exactly one artifact) by `how`, the command told
+  // `environment` besides the artifact's own variables, adding
   // what happened to chunk.details: done on exit 0, reboot on
   // reboot-exit-code, only when the stream came whole and verified (url
   // mode: when the command ran). `sha256` is the digest the deployment
   // lists ("" when none); `keepFd` (the install lock) is kept until no
   // process of the command's group is left (-1: none); the command's outcome
   // goes to `outcomePath` tagged `outcomeTag` ("": nowhere).
-  Result install(chunk_t& chunk, std::string const& sha256, std::string const& actionId,
-                 int keepFd = -1, std::string const& outcomePath = "",
-                 std::string const& outcomeTag = "");
+  Result install(chunk_t& chunk, std::string const& sha256, AgentConfig::Install const& how,
+                 std::vector<std::string> const& environment, int keepFd = -1,
+                 std::string const& outcomePath = "", std::string const& outcomeTag = "");
 
   // The credentials file's content for `url` (curl's config format: curl -K
   // reads it): the URL, the authorization header for the server and trusted
@@ -69,12 +70,13 @@ class StreamInstaller {
   };
   // What the command is handed besides its input.
   struct Hold {
+    std::string const& command;
     int lockFd;
     std::string const& outcomePath;
     std::string const& outcomeTag;
   };
-  Outcome run(chunk_t& chunk, std::string const& sha256, std::string const& actionId,
-              Hold const& hold);
+  Outcome run(chunk_t& chunk, std::string const& sha256, std::string const& mode,
+              std::vector<std::string> environment, Hold const& hold);
   Outcome stream(artifact_t const& artifact, std::string const& url,
                  std::vector<PipeSink::Expected> const& digests,
                  std::vector<std::string> const& environment, Hold const& hold,

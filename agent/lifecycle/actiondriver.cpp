@@ -39,8 +39,8 @@ ActionDriver::ActionDriver(libtamrelcore& client, AgentConfig const& config,
     : config_(config),
       download_(download),
       lock_(lock),
-      streamer_(streamer),
       stop_(stop),
+      installer_(config, streamer, lock, stop),
       record_(config.stateDir),
       reports_(client, transport, server),
       reboot_(config, stop) {}
@@ -168,6 +168,15 @@ std::optional<Event> ActionDriver::perform(Work work, ActionState const& before)
     }
     case Work::kInstall:
       return install();
+    case Work::kReportProgress: {
+      // Sent with the next chunk recorded: the one before it is installed.
+      Event e = event(Kind::kFeedback);
+      std::string const done = chunkLabel(state_.chunk - 1) + ": installed";
+      e.answer = reports_.proceed(ActionReports::of(state_), done, state_.chunk);
+      Log::info("deployment %s: %s, progress feedback %s", state_.actionId.c_str(), done.c_str(),
+                e.answer == Answer::k2xx ? "sent" : "not taken");
+      return e;
+    }
     case Work::kRecoverInstall:
       return recoverInstall();
     case Work::kAnnounce: {
@@ -227,13 +236,26 @@ std::optional<Event> ActionDriver::download() {
   e.offer = config_.downloadOnly || plan_->downloadOnly() ? ActionMachine::Offer::kDownloadOnly
             : plan_->mayInstall()                         ? ActionMachine::Offer::kInstall
                                                           : ActionMachine::Offer::kWait;
-  // In install-mode stream and url nothing is stored ahead of the install.
-  if (config_.installMode != "file") {
-    if (e.offer != ActionMachine::Offer::kDownloadOnly) return e;
-    state_.details.push_back("install-mode " + config_.installMode +
-                             " stores nothing: a download-only action cannot be served");
-    return event(Kind::kFailed);
+  bool const installing = e.offer != ActionMachine::Offer::kDownloadOnly;
+  bool stored = false;
+  for (auto const& chunk : chunks) {
+    AgentConfig::Install const how = config_.installFor(chunk.part);
+    // Nothing is fetched for an action that could not be installed whole.
+    // (Logged with the failure's report.)
+    if (installing && how.command.empty() && commandsConfigured()) {
+      state_.details.push_back("no install command for module type '" + chunk.part + "'");
+      return event(Kind::kFailed);
+    }
+    // In install-mode stream and url nothing is stored ahead of the install.
+    if (how.mode == "file") {
+      stored = true;
+    } else if (!installing) {
+      state_.details.push_back("install-mode " + how.mode + " of module type '" + chunk.part +
+                               "' stores nothing: a download-only action cannot be served");
+      return event(Kind::kFailed);
+    }
   }
+  if (!stored) return e;
   files_.assign(chunks.size(), {});
   bool const success = download_.run(*deployment_, *plan_, files_);
   if (stop_.load()) return event(Kind::kStop);
@@ -250,15 +272,25 @@ std::string ActionDriver::outcomeTag() const {
 
 std::optional<Event> ActionDriver::install() {
   std::size_t const c = state_.chunk;
-  bool const streamed = config_.installMode != "file";
-  if (config_.installCommand.empty()) return exited(Kind::kCommandExited, Exit::kOk);
+  if (!commandsConfigured()) return exited(Kind::kCommandExited, Exit::kOk);
   if (!current()) {
     Log::info("deployment %s: %s runs when the server offers the action again",
               state_.actionId.c_str(), state_.describe().c_str());
     return std::nullopt;
   }
+  if (c >= deployment_->chunks.size()) return event(Kind::kFailed);
+  auto& chunk = deployment_->chunks[c];
+  AgentConfig::Install const how = config_.installFor(chunk.part);
+  if (how.command.empty()) {
+    // The configuration changed since the download.
+    std::string const why = "no install command for module type '" + chunk.part + "'";
+    Log::error("deployment %s: chunk %s: %s", state_.actionId.c_str(), chunk.name.c_str(),
+               why.c_str());
+    state_.details.push_back(why);
+    return installFailed(c, std::string());
+  }
   // Resumed in a later run: what is on disk and verifies is kept.
-  if (!streamed && files_.size() != deployment_->chunks.size()) {
+  if (files_.size() != deployment_->chunks.size()) {
     files_.assign(deployment_->chunks.size(), {});
     if (!download_.run(*deployment_, *plan_, files_)) {
       if (stop_.load()) return event(Kind::kStop);
@@ -266,60 +298,53 @@ std::optional<Event> ActionDriver::install() {
       return event(Kind::kFailed);
     }
   }
-  if (c >= deployment_->chunks.size()) return event(Kind::kFailed);
-  if (!streamed && files_[c].empty()) return exited(Kind::kCommandExited, Exit::kOk);
+  if (how.mode == "file" && files_[c].empty()) return exited(Kind::kCommandExited, Exit::kOk);
   std::string error;
   if (!lock_.take(stop_, config_.installTimeoutSeconds * 1000LL, error)) {
     if (error.empty()) return event(Kind::kStop);
     state_.details.push_back("install command not run: " + error);
-    return event(Kind::kFailed);
+    return installFailed(c, "install command not run");
   }
-  std::string const outcomePath =
-      (config_.stateDir.empty() ? config_.downloadDir : config_.stateDir) + "/outcome";
+  std::string const outcomePath = workDir() + "/outcome";
   std::string ignored;
   InstallOutcome::remove(outcomePath, ignored);
-  Log::info("deployment %s: %s", state_.actionId.c_str(), state_.describe().c_str());
-  auto& chunk = deployment_->chunks[c];
+  Log::info("deployment %s: installing %s", state_.actionId.c_str(), chunkLabel(c).c_str());
   chunk.details.clear();
-  Exit exit = Exit::kFailed;
-  if (streamed) {
-    std::string const sha256 =
-        chunk.artifacts.size() == 1 ? plan_->sha256(chunk.name, chunk.artifacts[0].filename) : "";
-    // The lock goes with the command: held as long as the installer runs,
-    // even past the agent.
-    StreamInstaller::Result const result =
-        streamer_.install(chunk, sha256, state_.actionId, lock_.fd(), outcomePath, outcomeTag());
-    lock_.release();
-    exit = result == StreamInstaller::Result::kDone     ? Exit::kOk
-           : result == StreamInstaller::Result::kReboot ? Exit::kReboot
-           : stop_.load()                               ? Exit::kStopped
-                                                        : Exit::kFailed;
-  } else {
-    CommandOptions options;
-    options.stop = &stop_;
-    options.deadlineMs = config_.installTimeoutSeconds * 1000LL;
-    options.inherit = lock_.fd();
-    options.outcomePath = outcomePath;
-    options.outcomeTag = outcomeTag();
-    options.started = [this](pid_t pid) { lock_.handOver(pid); };
-    CommandResult const result = runCommand(config_.installCommand, files_[c], options);
-    lock_.release();
-    exit = result.stopped         ? Exit::kStopped
-           : result.exitCode == 0 ? Exit::kOk
-           : config_.rebootExitCode >= 0 && result.exitCode == config_.rebootExitCode
-               ? Exit::kReboot
-               : Exit::kFailed;
-    chunk.details.push_back(
-        std::string("install command ") + (exit == Exit::kFailed ? "failed" : "succeeded") + " (" +
-        result.describe() + (exit == Exit::kReboot ? ", reboot needed" : "") + ")");
-    for (auto const& line : result.stderrTail) chunk.details.push_back("install: " + line);
-  }
+  std::string why;
+  ChunkInstaller::Result const result =
+      installer_.install(*deployment_, c, *plan_, how, files_[c], outcomePath, outcomeTag(), why);
+  Exit const exit = result == ChunkInstaller::Result::kDone     ? Exit::kOk
+                    : result == ChunkInstaller::Result::kReboot ? Exit::kReboot
+                    : result == ChunkInstaller::Result::kFailed ? Exit::kFailed
+                                                                : Exit::kStopped;
   if (exit != Exit::kStopped)
     state_.details.insert(state_.details.end(), chunk.details.begin(), chunk.details.end());
-  if (exit == Exit::kFailed)
+  if (exit == Exit::kFailed) {
     Log::error("deployment %s: chunk %s: install command failed", state_.actionId.c_str(),
                chunk.name.c_str());
+    return installFailed(c, why);
+  }
+  if (exit != Exit::kStopped)
+    state_.details.push_back(chunkLabel(c) + ": installed" +
+                             (exit == Exit::kReboot ? ", reboot needed" : ""));
   return exited(Kind::kCommandExited, exit);
+}
+
+std::string ActionDriver::chunkLabel(std::size_t c) const {
+  std::string label =
+      "chunk " + std::to_string(c + 1) + " of " + std::to_string(state_.chunks.size());
+  if (current() && c < deployment_->chunks.size()) {
+    auto const& chunk = deployment_->chunks[c];
+    return label + " " + chunk.part + " " + chunk.version;
+  }
+  return c < state_.chunks.size() ? label + " " + state_.chunks[c] : label;
+}
+
+Event ActionDriver::installFailed(std::size_t c, std::string const& why) {
+  state_.details.push_back(chunkLabel(c) + ": failed" + (why.empty() ? "" : " (" + why + ")"));
+  for (std::size_t later = c + 1; later < state_.chunks.size(); ++later)
+    state_.details.push_back(chunkLabel(later) + ": not installed");
+  return exited(Kind::kCommandExited, Exit::kFailed);
 }
 
 std::optional<Event> ActionDriver::recoverInstall() {
@@ -330,8 +355,7 @@ std::optional<Event> ActionDriver::recoverInstall() {
     Log::warning("install lock: %s", error.c_str());
   }
   lock_.release();
-  std::string const outcomePath =
-      (config_.stateDir.empty() ? config_.downloadDir : config_.stateDir) + "/outcome";
+  std::string const outcomePath = workDir() + "/outcome";
   CommandResult result;
   // Ended by a signal (the agent's stop or death ended its group): run again.
   if (!InstallOutcome::read(outcomePath, outcomeTag(), result) || result.exitCode < 0) {
@@ -339,15 +363,34 @@ std::optional<Event> ActionDriver::recoverInstall() {
                  state_.actionId.c_str(), state_.describe().c_str());
     return event(Kind::kNoOutcome);
   }
-  Exit const exit = result.exitCode == 0 ? Exit::kOk
-                    : config_.rebootExitCode >= 0 && result.exitCode == config_.rebootExitCode
-                        ? Exit::kReboot
-                        : Exit::kFailed;
+  // What a non-zero exit means depends on the chunk's part, known only with
+  // the deployment at hand: the outcome is kept and read at the next offer.
+  if (result.exitCode != 0 && !current() && !config_.partRebootExitCodes.empty()) {
+    Log::info(
+        "deployment %s: %s ended while the agent was down; its outcome is taken when the "
+        "server offers the action again",
+        state_.actionId.c_str(), state_.describe().c_str());
+    return std::nullopt;
+  }
+  int const rebootExitCode =
+      current() && state_.chunk < deployment_->chunks.size()
+          ? config_.installFor(deployment_->chunks[state_.chunk].part).rebootExitCode
+          : config_.rebootExitCode;
+  Exit const exit = result.exitCode == 0                                       ? Exit::kOk
+                    : rebootExitCode >= 0 && result.exitCode == rebootExitCode ? Exit::kReboot
+                                                                               : Exit::kFailed;
   state_.details.push_back("install command " +
                            std::string(exit == Exit::kFailed ? "failed" : "succeeded") + " (" +
                            result.describe() + ", ended while the agent was down)");
   Log::info("deployment %s: %s ended while the agent was down: %s", state_.actionId.c_str(),
             state_.describe().c_str(), result.describe().c_str());
+  if (exit == Exit::kFailed) {
+    Event e = installFailed(state_.chunk, result.describe());
+    e.kind = Kind::kRecovered;
+    return e;
+  }
+  state_.details.push_back(chunkLabel(state_.chunk) + ": installed" +
+                           (exit == Exit::kReboot ? ", reboot needed" : ""));
   return exited(Kind::kRecovered, exit);
 }
 

@@ -8,6 +8,7 @@
 
 #include "agent/base/agentconfig.h"
 #include "agent/base/deploymentplan.h"
+#include "agent/commands/chunkinstaller.h"
 #include "agent/commands/installlock.h"
 #include "agent/commands/streaminstaller.h"
 #include "agent/lifecycle/actionmachine.h"
@@ -59,12 +60,26 @@ class ActionDriver {
   void dropFiles(ActionState const& state) const;
   bool current() const { return deployment_ && deployment_->id == state_.actionId; }
   std::string outcomeTag() const;
+  // An install command is configured for some module type at least (not
+  // so in the demo and with --download-only).
+  bool commandsConfigured() const {
+    return !config_.installCommand.empty() || !config_.partCommands.empty();
+  }
+  // Where the install's outcome is kept.
+  std::string workDir() const {
+    return config_.stateDir.empty() ? config_.downloadDir : config_.stateDir;
+  }
+  // "chunk 2 of 3 bApp 1.1" (the chunk's name when the deployment is not at hand).
+  std::string chunkLabel(std::size_t chunk) const;
+  // Records that chunk `chunk` failed (`why`: "exit 4" and the like) and the
+  // later ones were not installed.
+  Event installFailed(std::size_t chunk, std::string const& why);
 
   AgentConfig const& config_;
   DeploymentDownload& download_;
   InstallLock& lock_;
-  StreamInstaller& streamer_;
   std::atomic<bool> const& stop_;
+  ChunkInstaller installer_;
   ActionRecord record_;
   ActionReports reports_;
   RebootFlow reboot_;

@@ -41,9 +41,11 @@ Step installed(ActionState state, Exit exit) {
   if (exit == Exit::kStopped) return {state, Work::kReportInterrupted};
   state.rebootOwed = state.rebootOwed || exit == Exit::kReboot;
   if (exit == Exit::kFailed && !state.rebootOwed) return reporting(state, Result::kFailure);
+  // The next chunk is recorded before the progress of this one is sent: a
+  // crash in between installs neither chunk again nor skips one.
   if (exit != Exit::kFailed && state.chunk + 1 < state.chunks.size()) {
     ++state.chunk;
-    return {state, Work::kInstall};
+    return {state, Work::kReportProgress};
   }
   if (!state.rebootOwed) return reporting(state, Result::kSuccess);
   // A reboot was asked for: the slot may be switched already, so even a
@@ -116,7 +118,9 @@ ActionMachine::Step ActionMachine::next(ActionState const& state, Event const& e
       if (other) return hold(state, event.actionId, Work::kNone);
       if (event.kind == Kind::kCommandExited || event.kind == Kind::kRecovered)
         return installed(state, event.exit);
-      if (event.kind == Kind::kNoOutcome) return {state, Work::kInstall};
+      // Whatever the server made of the progress, the next chunk installs.
+      if (event.kind == Kind::kNoOutcome || event.kind == Kind::kFeedback)
+        return {state, Work::kInstall};
       if (event.kind == Kind::kFailed) return installed(state, Exit::kFailed);
       if (event.kind == Kind::kStop) return {state, Work::kReportInterrupted};
       return {state, Work::kNone};
@@ -216,6 +220,8 @@ char const* ActionMachine::name(Work work) {
       return "report waiting";
     case Work::kInstall:
       return "install";
+    case Work::kReportProgress:
+      return "report progress";
     case Work::kRecoverInstall:
       return "recover install";
     case Work::kAnnounce:

@@ -47,6 +47,7 @@ class ActionMachine {
     kDownload,            // download (what is on disk and verifies is kept)
     kReportWaiting,       // report "downloaded, waiting for the maintenance window"
     kInstall,             // run the install command of the state's chunk
+    kReportProgress,      // report "proceeding" with the chunks installed so far, then install
     kRecoverInstall,      // wait for an orphaned install, read its outcome
     kAnnounce,            // report "installed, rebooting"
     kReboot,              // run reboot-command

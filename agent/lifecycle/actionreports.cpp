@@ -21,8 +21,11 @@ ActionReports::Answer ActionReports::send(std::string const& actionId,
   return status == 0 ? Answer::kNone : Answer::kError;
 }
 
-ActionReports::Answer ActionReports::proceed(deployment_t deployment, std::string const& detail) {
+ActionReports::Answer ActionReports::proceed(deployment_t deployment, std::string const& detail,
+                                             std::size_t completed) {
   if (!detail.empty()) deployment.chunks.front().details.push_back(detail);
+  for (std::size_t c = 0; c < completed && c < deployment.chunks.size(); ++c)
+    deployment.chunks[c].completed = true;
   deployment.execution = execution_t::proceeding;
   deployment.finished = finished_t::none;
   return send(deployment.id, [&] { return client_.sendUpdateFeedback(deployment); });

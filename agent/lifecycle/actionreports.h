@@ -22,8 +22,9 @@ class ActionReports {
 
   void start(std::string const& baseUrl) { baseUrl_ = baseUrl; }
   Answer send(std::string const& actionId, std::function<bool()> const& request);
-  // "proceeding" for `deployment`, with `detail` added when not "".
-  Answer proceed(deployment_t deployment, std::string const& detail);
+  // "proceeding" for `deployment`, with `detail` added when not "", its
+  // first `completed` chunks counted as done.
+  Answer proceed(deployment_t deployment, std::string const& detail, std::size_t completed = 0);
   // The recorded result of `state` (success, failure or downloaded).
   Answer result(ActionState const& state);
   // Tells the offered `deployment` that it waits for the action of `state`.

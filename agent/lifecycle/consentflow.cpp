@@ -3,6 +3,7 @@
 #include "agent/base/deploymentplan.h"
 #include "agent/base/jsontext.h"
 #include "agent/base/log.h"
+#include "agent/commands/chunkenvironment.h"
 #include "agent/commands/command.h"
 #include "agent/transfer/deploymentdownload.h"
 #include "ddi/document_parsers.h"
@@ -132,8 +133,10 @@ ConsentFlow::Outcome ConsentFlow::answerAction(std::string const& link) {
     return Outcome::kRefused;
   }
   std::vector<std::string> args{id}, problems;
-  std::string const problem = reader_.read(
-      link, [&](std::string const& body) { return readAction(body, id, args, problems); });
+  hawkbit_query_t::deployment_t deployment;
+  std::string const problem = reader_.read(link, [&](std::string const& body) {
+    return readAction(body, id, args, problems, deployment);
+  });
   if (!problem.empty()) {
     // Nothing is reported: the action may be readable at the next poll.
     Log::warning("confirmation of action %s: %s; nothing sent", id.c_str(), problem.c_str());
@@ -148,7 +151,8 @@ ConsentFlow::Outcome ConsentFlow::answerAction(std::string const& link) {
     }
     decision = {true, false, kRefusedDocument, "denied by tamrel-agent: " + problems.front()};
   } else {
-    decision = ask(id, args);
+    deployment.id = id;
+    decision = ask(id, args, deployment);
   }
   if (!decision.send) return Outcome::kWaiting;
   JsonText::Document const feedback(cJSON_CreateObject(), cJSON_Delete);
@@ -171,7 +175,8 @@ ConsentFlow::Outcome ConsentFlow::answerAction(std::string const& link) {
 
 std::string ConsentFlow::readAction(std::string const& body, std::string const& id,
                                     std::vector<std::string>& args,
-                                    std::vector<std::string>& problems) {
+                                    std::vector<std::string>& problems,
+                                    hawkbit_query_t::deployment_t& deployment) {
   JsonText::Document const root(cJSON_Parse(body.c_str()), cJSON_Delete);
   cJSON* const action = cJSON_DetachItemFromObjectCaseSensitive(root.get(), "confirmation");
   if (!cJSON_IsObject(action) || JsonText::member(root.get(), "id") != id) {
@@ -180,7 +185,6 @@ std::string ConsentFlow::readAction(std::string const& body, std::string const& 
   }
   // Read as the deploymentBase it will become, with the same checks.
   cJSON_AddItemToObject(root.get(), "deployment", action);
-  hawkbit_query_t::deployment_t deployment;
   if (!parse_deployment_base(print(root.get()), deployment)) {
     return "the confirmation document could not be read";
   }
@@ -202,14 +206,19 @@ std::string ConsentFlow::readAction(std::string const& body, std::string const& 
   return std::string();
 }
 
-ConsentFlow::Decision ConsentFlow::ask(std::string const& id,
-                                       std::vector<std::string> const& args) {
+ConsentFlow::Decision ConsentFlow::ask(std::string const& id, std::vector<std::string> const& args,
+                                       hawkbit_query_t::deployment_t const& deployment) {
   if (config_.consent == "auto") return {true, true, kConfirmedAuto, "confirmed: consent = auto"};
   // The command's output, standard output included, is kept: its last line
   // is a denial's detail.
   CommandOptions options;
   options.stop = &stop_;
   options.deadlineMs = config_.consentTimeoutSeconds * 1000LL;
+  // Every chunk's part, name, version and metadata, in a file for the run.
+  ChunkEnvironment const environment(config_.downloadDir, deployment);
+  options.environment = environment.variables();
+  if (!environment.error().empty())
+    Log::warning("confirmation of action %s: %s", id.c_str(), environment.error().c_str());
   CommandResult const result = runCommand("exec 1>&2\n" + config_.consentCommand, args, options);
   for (auto const& line : result.stderrTail) Log::info("  consent-command: %s", line.c_str());
   std::string const last = result.stderrTail.empty() ? "" : result.stderrTail.back();

@@ -10,6 +10,7 @@
 #include "agent/server/agenttransport.h"
 #include "agent/server/documentreader.h"
 #include "agent/server/serverrequest.h"
+#include "ddi/hawkbit_query.h"
 
 // The device's side of user consent: an action the server holds until the
 // device agrees is linked as confirmationBase instead of deploymentBase. The
@@ -62,8 +63,11 @@ class ConsentFlow {
   Outcome answerAction(std::string const& link);
   // Reads the waiting action: its chunks' names and versions, or problems.
   std::string readAction(std::string const& body, std::string const& id,
-                         std::vector<std::string>& args, std::vector<std::string>& problems);
-  Decision ask(std::string const& id, std::vector<std::string> const& args);
+                         std::vector<std::string>& args, std::vector<std::string>& problems,
+                         hawkbit_query_t::deployment_t& deployment);
+  // Runs consent-command with `args` and `deployment`'s chunks in its environment.
+  Decision ask(std::string const& id, std::vector<std::string> const& args,
+               hawkbit_query_t::deployment_t const& deployment);
   // POSTs a JSON body; "" when the server took it, else why not.
   std::string post(std::string const& url, std::string const& body);
 

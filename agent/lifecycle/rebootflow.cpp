@@ -4,7 +4,9 @@
 #include <fstream>
 
 #include "agent/base/log.h"
+#include "agent/commands/chunkenvironment.h"
 #include "agent/commands/command.h"
+#include "agent/lifecycle/actionreports.h"
 
 RebootFlow::RebootFlow(AgentConfig const& config, std::atomic<bool> const& stop)
     : config_(config), stop_(stop) {}
@@ -58,6 +60,9 @@ RebootFlow::Exit RebootFlow::confirm(ActionState& state) {
   options.stop = &stop_;
   // Past its deadline the confirmation is a failure, never a wait for good.
   options.deadlineMs = config_.confirmTimeoutSeconds * 1000LL;
+  // After the reboot only the record is at hand: the chunks' names.
+  ChunkEnvironment const environment(config_.downloadDir, ActionReports::of(state));
+  options.environment = environment.variables();
   CommandResult const result = runCommand(config_.confirmCommand, {}, options);
   // A stopped confirmation decides nothing: it runs again at the next start.
   if (result.stopped) {

@@ -31,6 +31,8 @@ bool DeploymentDownload::run(hawkbit_query_t::deployment_t& deployment, Deployme
   bool success = true;
   for (std::size_t c = 0; c < deployment.chunks.size(); ++c) {
     auto& chunk = deployment.chunks[c];
+    // A chunk streamed to its command, or fetched by it, is not stored.
+    if (config_.installFor(chunk.part).mode != "file") continue;
     if (!safeName(chunk.name)) {
       chunk.details.push_back("refused: unsafe chunk name \"" + chunk.name + "\"");
       success = false;

@@ -2,11 +2,12 @@
 # tamrel-ddi-server as a hawkBit stand-in for any client, spoken to with
 # curl: what it refuses (400, 404, 405, 410), with which error document or
 # with none, that the first poll it answers already links the deployment,
-# feedback read as JSON whatever its layout, the links it offers as the
-# action runs, is canceled or closes, installedBase and actionHistory,
-# client certificates (--client-cert-out, --client-ca), --gateway-token,
-# --confirm-required, percent-encoded artifact URLs, one-shot faults that
-# HEAD requests neither meet nor spend, --help and a port in use.
+# feedback read as JSON whatever its layout (its progress printed), the
+# links it offers as the action runs, is canceled or closes, installedBase
+# and actionHistory, client certificates (--client-cert-out, --client-ca),
+# --gateway-token, --confirm-required, several modules (--module,
+# --metadata), percent-encoded artifact URLs, one-shot faults that HEAD
+# requests neither meet nor spend, --help, a port in use and bad options.
 # usage: ddiserver_test.sh BUILD_DIR   (KEEP=1 keeps the work directory)
 set -uo pipefail
 . "$(dirname "$0")/lib.sh"
@@ -66,8 +67,9 @@ check "Accept: application/json gets application/json, text/html 406" eval \
 check "first contact: deployment and configData offered" test "$(links)" = "deploymentBase configData "
 check "configData accepted, then no longer asked for" eval \
   'answered 200 "" PUT $c/configData "{\"data\":{\"serial\":\"42\"}}" && test "$(links)" = "deploymentBase "'
-check "feedback with legacy fields and any layout is recorded" answered 200 "" POST "$d" \
-  '{ "id" : "1", "time" : "20140511T121314", "status" : { "result" : { "progress" : { "of" : 5, "cnt" : 2 }, "finished" : "none" }, "execution" : "proceeding", "details" : [ "Write firmware", "Download done" ] } }'
+check "feedback with legacy fields and any layout is recorded, its progress printed" eval \
+  'answered 200 "" POST "$d" "{ \"id\" : \"1\", \"time\" : \"20140511T121314\", \"status\" : { \"result\" : { \"progress\" : { \"of\" : 5, \"cnt\" : 2 }, \"finished\" : \"none\" }, \"execution\" : \"proceeding\", \"details\" : [ \"Write firmware\", \"Download done\" ] } }" &&
+   grep -qx "action 1: feedback proceeding 2 of 5" "$log"'
 check "\"downloaded\" does not end an action that installs" answered 200 "" POST "$d" "$(fb downloaded none)"
 check "actionHistory: newest first, limited to N" eval \
   'answered 200 "" GET "$c/deploymentBase/1?actionHistory=3" &&
@@ -142,6 +144,18 @@ check "an artifact's URL is percent-encoded and fetches the file" eval \
   'answered 200 "" GET $c/deploymentBase/1 && url=$(grep -o "http://[^\"]*a%20b%23c.bin" "$work/answer" | head -n1) &&
    test "$(curl -s -H "Authorization: TargetToken t0k#1" "$url")" = odd'
 
+# Three modules: chunks in order, files of one name kept apart by module,
+# metadata on its own chunk only.
+for part in jvm os bApp; do mkdir -p "$work/$part" && echo "$part" > "$work/$part/binary.tgz"; done
+serve --module "jvm:oneapp runtime:1.0.87:$work/jvm" --module "os:one Firmware:1.0.81:$work/os" \
+  --module "bApp:oneapplication:1.0.67:$work/bApp" --metadata 'bApp:aMetadataKey=a value'
+check "--module: chunks in order, each its own files, metadata on its chunk" eval \
+  'answered 200 "" GET $c/deploymentBase/1 && test "$(grep -o "\"part\":\"[a-zA-Z]*\"" "$work/answer" | tr -d "\n")" = \
+     "\"part\":\"jvm\"\"part\":\"os\"\"part\":\"bApp\"" && test "$(grep -o "\"metadata\"" "$work/answer" | wc -l)" = 1 &&
+   grep -q "\"metadata\":\[{\"key\":\"aMetadataKey\",\"value\":\"a value\"}\]}\]" "$work/answer" &&
+   url=$(grep -o "http://[^\"]*/softwaremodules/2/artifacts/binary.tgz" "$work/answer" | head -n1) &&
+   test "$(curl -s -H "Authorization: TargetToken t0k#1" "$url")" = os'
+
 # One-shot faults are for the first GET of the chosen artifact; HEAD is answered as GET without a body.
 fetch() { curl -s -H 'Authorization: TargetToken t0k#1' "$@" "$address/artifacts/image.bin"; }
 for fault in '--drop-after 1000:image.bin' '--fail-first 503:image.bin'; do
@@ -184,5 +198,6 @@ done <<EOF
 --help after another option|--port 0 --help|0|--artifacts DIR
 --help alone|--help|0|--artifacts DIR
 a port in use|--port $port --artifacts $work/art|2|port $port on 127.0.0.1: Address already in use
+metadata for no module|--module os:fw:1:$work/os --metadata app:k=v|2|--metadata: .app. is the part of no --module before it
 EOF
 finish

@@ -51,7 +51,9 @@ n=0
 artifact() { mkdir -p "$work/art" && head -c "$1" /dev/urandom > "$work/art/image.bin"; }  # SIZE
 serve() {
   n=$((n + 1)); log=$work/server$n.log; conf=$work/agent$n.conf; dl=$work/dl$n
-  "$server" --token 't0k#1' --artifacts "$work/art" "$@" > "$log" 2>&1 &
+  # The files of $work/art are the deployment, unless modules are given.
+  local files=(--artifacts "$work/art"); [[ " $* " != *" --module "* ]] || files=()
+  "$server" --token 't0k#1' "${files[@]}" "$@" > "$log" 2>&1 &
   pids+=($!)
   address_of $! "$log" || return 1
   printf 'address = %s\ntenant-id = DEFAULT\ncontroller-id = dev01\n' "$address" > "$conf"

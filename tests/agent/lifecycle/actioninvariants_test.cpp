@@ -44,10 +44,15 @@ struct Sim {
     Event e;
     e.kind = kind;
     e.actionId = id;
-    e.chunks = {"os", "app"};
+    e.chunks = {"os", "app", "jvm"};
     return e;
   }
   std::string tag() const { return state.actionId + ":" + std::to_string(state.chunk); }
+  // How often chunk `c` of the recorded action was installed.
+  int runs(std::size_t c) const {
+    auto const found = installs.find(state.actionId + ":" + std::to_string(c));
+    return found == installs.end() ? 0 : found->second;
+  }
 
   void feed(Event e) {
     for (int steps = 0; steps < 32 && !halted; ++steps) {
@@ -83,8 +88,19 @@ struct Sim {
         case Work::kDownload:
           next = event(chance(10) ? Kind::kFailed : Kind::kDownloaded);
           break;
+        case Work::kReportProgress:
+          // Sent once the next chunk is recorded: every chunk before it
+          // installed once, it not yet.
+          for (std::size_t c = 0; c < state.chunk; ++c) ASSERT_EQ(runs(c), 1) << tag();
+          ASSERT_EQ(runs(state.chunk), 0) << tag();
+          if (chance(10)) return;  // crashed before the progress went out
+          next = event(Kind::kFeedback);
+          next->answer = answer();
+          break;
         case Work::kInstall: {
           if (chance(10)) return;  // crashed before the command ran
+          // No chunk is skipped.
+          for (std::size_t c = 0; c < state.chunk; ++c) ASSERT_EQ(runs(c), 1) << tag();
           ++installs[tag()];
           bool const reboot = id % 3 == 0 && state.chunk == 0;
           if (reboot) owed.insert(id);
@@ -122,7 +138,7 @@ struct Sim {
             if (recorded.result == ActionState::Result::kSuccess) {
               // Success is never reported for work not done, nor before the
               // confirmation a reboot needs.
-              for (std::size_t c = 0; c < 2; ++c)
+              for (std::size_t c = 0; c < 3; ++c)
                 ASSERT_EQ(installs[state.actionId + ":" + std::to_string(c)], 1) << id;
               if (owed.count(id)) {
                 ASSERT_TRUE(confirmedAfterBoot.count(id)) << id;

@@ -105,11 +105,13 @@ Row const kTable[] = {
     {Stage::kInstalling, "offered-other", "installing chunk 1 of 2", "hold"},
     {Stage::kInstalling, "cancel", "installing chunk 1 of 2", "reject cancel"},
     {Stage::kInstalling, "cancel-other", "installing chunk 1 of 2", "accept cancel"},
+    // The next chunk is recorded, then the progress is sent, then it installs.
     {Stage::kInstalling, "exit-ok exit-reboot recovered-ok recovered-reboot",
-     "installing chunk 2 of 2", "install"},
+     "installing chunk 2 of 2", "report progress"},
     {Stage::kInstalling, "exit-failed failed", "reporting failure", "report"},
     {Stage::kInstalling, "exit-stopped stop", "installing chunk 1 of 2", "report interrupted"},
-    {Stage::kInstalling, "no-outcome", "installing chunk 1 of 2", "install"},
+    {Stage::kInstalling, "no-outcome fb-2xx fb-gone fb-busy fb-5xx fb-none",
+     "installing chunk 1 of 2", "install"},
 
     {Stage::kAnnouncing, "start-same offered offered-wait offered-dlonly offered-skip not-offered",
      "announcing", "announce"},
