@@ -6,7 +6,6 @@
 #include <cstdio>
 
 #include "agent/base/log.h"
-#include "agent/commands/chunkenvironment.h"
 #include "agent/commands/command.h"
 #include "agent/commands/installoutcome.h"
 
@@ -40,8 +39,8 @@ ActionDriver::ActionDriver(libtamrelcore& client, AgentConfig const& config,
     : config_(config),
       download_(download),
       lock_(lock),
-      streamer_(streamer),
       stop_(stop),
+      installer_(config, streamer, lock, stop),
       record_(config.stateDir),
       reports_(client, transport, server),
       reboot_(config, stop) {}
@@ -170,11 +169,10 @@ std::optional<Event> ActionDriver::perform(Work work, ActionState const& before)
     case Work::kInstall:
       return install();
     case Work::kReportProgress: {
+      // Sent with the next chunk recorded: the one before it is installed.
       Event e = event(Kind::kFeedback);
-      std::string const done = "chunk " + std::to_string(state_.chunk) + " of " +
-                               std::to_string(state_.chunks.size()) + " installed";
-      e.answer = current() ? reports_.proceed(*deployment_, done, state_.chunk)
-                           : reports_.proceed(ActionReports::of(state_), done, state_.chunk);
+      std::string const done = chunkLabel(state_.chunk - 1) + ": installed";
+      e.answer = reports_.proceed(ActionReports::of(state_), done, state_.chunk);
       Log::info("deployment %s: %s, progress feedback %s", state_.actionId.c_str(), done.c_str(),
                 e.answer == Answer::k2xx ? "sent" : "not taken");
       return e;
@@ -293,7 +291,6 @@ std::optional<Event> ActionDriver::install() {
     state_.details.push_back(why);
     return installFailed(c, std::string());
   }
-  bool const streamed = how.mode != "file";
   // Resumed in a later run: what is on disk and verifies is kept.
   if (files_.size() != deployment_->chunks.size()) {
     files_.assign(deployment_->chunks.size(), {});
@@ -303,7 +300,7 @@ std::optional<Event> ActionDriver::install() {
       return event(Kind::kFailed);
     }
   }
-  if (!streamed && files_[c].empty()) return exited(Kind::kCommandExited, Exit::kOk);
+  if (how.mode == "file" && files_[c].empty()) return exited(Kind::kCommandExited, Exit::kOk);
   std::string error;
   if (!lock_.take(stop_, config_.installTimeoutSeconds * 1000LL, error)) {
     if (error.empty()) return event(Kind::kStop);
@@ -313,59 +310,15 @@ std::optional<Event> ActionDriver::install() {
   std::string const outcomePath = workDir() + "/outcome";
   std::string ignored;
   InstallOutcome::remove(outcomePath, ignored);
-  Log::info("deployment %s: %s (%s)", state_.actionId.c_str(), state_.describe().c_str(),
-            chunkLabel(c).c_str());
+  Log::info("deployment %s: installing %s", state_.actionId.c_str(), chunkLabel(c).c_str());
   chunk.details.clear();
-  // Removed again once the command ended.
-  ChunkEnvironment const environment(config_.downloadDir, *deployment_, c);
-  if (!environment.error().empty()) {
-    lock_.release();
-    state_.details.push_back("install command not run: " + environment.error());
-    return installFailed(c, "install command not run");
-  }
-  Exit exit = Exit::kFailed;
   std::string why;
-  if (streamed) {
-    std::string const sha256 =
-        chunk.artifacts.size() == 1 ? plan_->sha256(chunk.name, chunk.artifacts[0].filename) : "";
-    // The lock goes with the command: held as long as the installer runs,
-    // even past the agent.
-    StreamInstaller::Result const result = streamer_.install(
-        chunk, sha256, how, environment.variables(), lock_.fd(), outcomePath, outcomeTag());
-    lock_.release();
-    exit = result == StreamInstaller::Result::kDone     ? Exit::kOk
-           : result == StreamInstaller::Result::kReboot ? Exit::kReboot
-           : stop_.load()                               ? Exit::kStopped
-                                                        : Exit::kFailed;
-  } else {
-    CommandOptions options;
-    options.stop = &stop_;
-    options.deadlineMs = config_.installTimeoutSeconds * 1000LL;
-    options.inherit = lock_.fd();
-    options.outcomePath = outcomePath;
-    options.outcomeTag = outcomeTag();
-    options.started = [this](pid_t pid) { lock_.handOver(pid); };
-    options.environment = environment.variables();
-    options.environment.push_back("TAMREL_INSTALL_MODE=file");
-    // One artifact is described as in the other modes; several by number.
-    for (std::size_t a = 0; a < chunk.artifacts.size(); ++a) {
-      std::string const infix = chunk.artifacts.size() == 1 ? "" : "_" + std::to_string(a + 1);
-      ChunkEnvironment::artifact(chunk.artifacts[a],
-                                 plan_->sha256(chunk.name, chunk.artifacts[a].filename), infix,
-                                 options.environment);
-    }
-    CommandResult const result = runCommand(how.command, files_[c], options);
-    lock_.release();
-    exit = result.stopped                                                     ? Exit::kStopped
-           : result.exitCode == 0                                             ? Exit::kOk
-           : how.rebootExitCode >= 0 && result.exitCode == how.rebootExitCode ? Exit::kReboot
-                                                                              : Exit::kFailed;
-    why = result.describe();
-    chunk.details.push_back(
-        std::string("install command ") + (exit == Exit::kFailed ? "failed" : "succeeded") + " (" +
-        result.describe() + (exit == Exit::kReboot ? ", reboot needed" : "") + ")");
-    for (auto const& line : result.stderrTail) chunk.details.push_back("install: " + line);
-  }
+  ChunkInstaller::Result const result =
+      installer_.install(*deployment_, c, *plan_, how, files_[c], outcomePath, outcomeTag(), why);
+  Exit const exit = result == ChunkInstaller::Result::kDone     ? Exit::kOk
+                    : result == ChunkInstaller::Result::kReboot ? Exit::kReboot
+                    : result == ChunkInstaller::Result::kFailed ? Exit::kFailed
+                                                                : Exit::kStopped;
   if (exit != Exit::kStopped)
     state_.details.insert(state_.details.end(), chunk.details.begin(), chunk.details.end());
   if (exit == Exit::kFailed) {

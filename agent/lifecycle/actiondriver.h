@@ -8,6 +8,7 @@
 
 #include "agent/base/agentconfig.h"
 #include "agent/base/deploymentplan.h"
+#include "agent/commands/chunkinstaller.h"
 #include "agent/commands/installlock.h"
 #include "agent/commands/streaminstaller.h"
 #include "agent/lifecycle/actionmachine.h"
@@ -77,8 +78,8 @@ class ActionDriver {
   AgentConfig const& config_;
   DeploymentDownload& download_;
   InstallLock& lock_;
-  StreamInstaller& streamer_;
   std::atomic<bool> const& stop_;
+  ChunkInstaller installer_;
   ActionRecord record_;
   ActionReports reports_;
   RebootFlow reboot_;

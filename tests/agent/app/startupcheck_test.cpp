@@ -21,6 +21,7 @@ TEST(StartupCheck, RefusesBeforeMakingAnything) {
   struct Case {
     std::string downloadDir, stateDir, installCommand, message;
     bool needsRoot;
+    std::string osCommand = "";  // install-command.os
   } const cases[] = {
       // Only the last component is created: a typo grows no tree.
       {base + "/a/b", "", "true",
@@ -30,6 +31,9 @@ TEST(StartupCheck, RefusesBeforeMakingAnything) {
       // A later check fails: the directories named stay unmade.
       {base + "/new", base + "/state", "/nonexistent/x",
        "agent.conf:7: install-command: no executable program", false},
+      // A module type's own command is checked as the plain one.
+      {base + "/new", base + "/state", "true",
+       "agent.conf:8: install-command.os: no executable program", false, "/nonexistent/y"},
       {base + "/new", foreign, "true",
        "agent.conf:5: state-dir " + foreign + " belongs to uid 65534, not to this user", true},
   };
@@ -37,7 +41,9 @@ TEST(StartupCheck, RefusesBeforeMakingAnything) {
     if (c.needsRoot && !root) continue;
     AgentConfig config;
     config.path = "agent.conf";
-    config.lines = {{"download-dir", 4}, {"state-dir", 5}, {"install-command", 7}};
+    config.lines = {
+        {"download-dir", 4}, {"state-dir", 5}, {"install-command", 7}, {"install-command.os", 8}};
+    if (!c.osCommand.empty()) config.partCommands["os"] = c.osCommand;
     config.downloadDir = c.downloadDir;
     config.stateDir = c.stateDir;
     config.installCommand = c.installCommand;

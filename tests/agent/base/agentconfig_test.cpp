@@ -56,7 +56,9 @@ TEST(AgentConfig, FileSettings) {
                 "  # after a blank\ninstall-command = /bin/echo '#1' \"a # b\" \"$@\"  # c\n"
                 "download-retries = 0\n"
                 "download-timeout-s=7\nreboot-exit-code = 10\nstate-dir = /tmp/s\n"
-                "reboot-command = reboot\nconfirm-command = true\nattribute.hw = a#b\n"));
+                "reboot-command = reboot\nconfirm-command = true\nattribute.hw = a#b\n"
+                "install-command.os = rauc install \"$1\"\ninstall-mode.os = stream\n"
+                "reboot-exit-code.os = 20\ninstall-mode.bApp-2.x_y = url\n"));
   lookup& table = *config.properties;
   EXPECT_EQ(text(table, "address"), "http://127.0.0.1:8080");  // trailing '/' removed
   EXPECT_EQ(text(table, "token-file"), "s3cr#t (from " + token + ")");
@@ -74,6 +76,21 @@ TEST(AgentConfig, FileSettings) {
   EXPECT_EQ(gateway.gatewayToken, "g");
   EXPECT_FALSE(gateway.targetToken || gateway.downloadAuthentication);
   EXPECT_EQ(text(*gateway.properties, "token"), "");
+  // A module type's own keys, the plain ones for what it leaves out.
+  struct Part {
+    char const* part;
+    AgentConfig::Install install;
+  } const parts[] = {
+      {"os", {"rauc install \"$1\"", "stream", 20}},
+      {"bApp-2.x_y", {config.installCommand, "url", 10}},
+      {"jvm", {config.installCommand, "file", 10}},
+  };
+  for (Part const& p : parts) {
+    AgentConfig::Install const install = config.installFor(p.part);
+    EXPECT_EQ(install.command, p.install.command) << p.part;
+    EXPECT_EQ(install.mode, p.install.mode) << p.part;
+    EXPECT_EQ(install.rebootExitCode, p.install.rebootExitCode) << p.part;
+  }
   ASSERT_EQ(config.attributes.size(), 1u);
   EXPECT_EQ(config.attributes[0].key, "hw");
   EXPECT_EQ(config.attributes[0].value, "a#b");
@@ -134,6 +151,14 @@ TEST(AgentConfig, RefusalsNameTheLine) {
       {"token = t\nproxy = ftp://p\n", ":6: proxy must start with http://"},
       {"token = t\ndownload-authentication = maybe\n", "must be yes or no"},
       {"token = t\nclient-key-password-file = /nonexistent\n", ":6: cannot read '/nonexistent'"},
+      // A module type's keys: its name, its values as the plain key's.
+      {"token = t\ninstall-command.o/s = x\n",
+       ":6: install-command.o/s: a module type has only letters, digits"},
+      {"token = t\ninstall-mode. = file\n", ":6: unknown key 'install-mode.'"},
+      {"token = t\ninstall-mode.os = tape\n", ":6: install-mode.os must be one of file|stream"},
+      {"token = t\nreboot-exit-code.os = 0\n", ":6: reboot-exit-code.os must be a whole number"},
+      {"token = t\ninstall-command.os = a\ninstall-command.os = b\n",
+       ":7: 'install-command.os' repeats the setting of line 6"},
   };
   for (Case const& c : cases) {
     std::string const path = write(dir, "agent.conf", c.server + c.lines, c.mode);
@@ -189,8 +214,9 @@ TEST(AgentConfig, DocsAndExampleFileMatchTheKeyTable) {
     }
     EXPECT_EQ(row->second, expected) << "default of " << key.name << " in docs/agent.md";
     rows.erase(row);
-    std::string const name =
-        key.kind == AgentConfig::Key::Kind::kAttribute ? "attribute." : key.name;
+    // "attribute.NAME", "install-command.PART": any name after the dot.
+    std::string name = key.name;
+    if (name.find('.') != std::string::npos) name.erase(name.find('.') + 1);
     bool const found = std::any_of(shipped.begin(), shipped.end(),
                                    [&](std::string const& s) { return s.rfind(name, 0) == 0; });
     EXPECT_TRUE(found) << key.name << " is not in packaging/agent.conf";
@@ -201,6 +227,8 @@ TEST(AgentConfig, DocsAndExampleFileMatchTheKeyTable) {
   for (std::string const& name : shipped) {
     bool const known =
         name.rfind("attribute.", 0) == 0 ||
+        std::any_of(std::begin(AgentConfig::kPartKeys), std::end(AgentConfig::kPartKeys),
+                    [&](char const* key) { return name.rfind(std::string(key) + ".", 0) == 0; }) ||
         std::any_of(AgentConfig::keys().begin(), AgentConfig::keys().end(),
                     [&](AgentConfig::Key const& key) {
                       return name == key.name || name == std::string(key.name) + "-file";
