@@ -73,7 +73,8 @@ struct Hawkbit {
   }
 };
 
-// Two chunks, three artifacts of a few MiB, one of them with MD5 only.
+// Two chunks (an os and an app module), three artifacts of a few MiB, one of
+// them with MD5 only.
 ddiserver::DeploymentDocument offer(ddiserver::DdiServer& server) {
   struct Item {
     char const *chunk, *name;
@@ -86,7 +87,7 @@ ddiserver::DeploymentDocument offer(ddiserver::DdiServer& server) {
   ddiserver::DeploymentDocument deployment;
   deployment.id = "1";
   for (std::string const chunk : {"rootfs", "app"}) {
-    deployment.chunks.push_back({"os", "2.0", chunk, {}, false});
+    deployment.chunks.push_back({chunk == "app" ? "app" : "os", "2.0", chunk, {}, false});
     for (Item const& item : items) {
       if (chunk != item.chunk) continue;
       std::string content(item.size, '\0');
