@@ -57,6 +57,7 @@ bool oneOf(std::string const& value, std::initializer_list<char const*> names) {
   return false;
 }
 
+// A directory that exists when the options are read.
 std::string directory(std::string const& value, std::string& out) {
   struct stat info {};
   if (!printable(value) || stat(value.c_str(), &info) != 0 || !S_ISDIR(info.st_mode))

@@ -2,12 +2,14 @@
 // in-process DDI server: configuration data, a deployment of two chunks and
 // three artifacts, a cancel request, then what the server received; an
 // update that waits for the device's consent, confirmed by a consent
-// command.
+// command; a deployment of an "os" and an "app" module, each installed by
+// the command for its type, which tell what they were given.
 #include <ftw.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <fstream>
 #include <random>
 #include <string>
 
@@ -71,7 +73,8 @@ struct Hawkbit {
   }
 };
 
-// Two chunks, three artifacts of a few MiB, one of them with MD5 only.
+// Two chunks (an os and an app module), three artifacts of a few MiB, one of
+// them with MD5 only.
 ddiserver::DeploymentDocument offer(ddiserver::DdiServer& server) {
   struct Item {
     char const *chunk, *name;
@@ -84,7 +87,7 @@ ddiserver::DeploymentDocument offer(ddiserver::DdiServer& server) {
   ddiserver::DeploymentDocument deployment;
   deployment.id = "1";
   for (std::string const chunk : {"rootfs", "app"}) {
-    deployment.chunks.push_back({"os", "2.0", chunk, {}, false});
+    deployment.chunks.push_back({chunk == "app" ? "app" : "os", "2.0", chunk, {}, false});
     for (Item const& item : items) {
       if (chunk != item.chunk) continue;
       std::string content(item.size, '\0');
@@ -254,6 +257,95 @@ bool consent(std::string const& dir) {
   return confirmed && closed;
 }
 
+// The installer of one module type: a script that adds to `record` what it
+// was given in its environment and arguments, and installs nothing.
+bool writeInstaller(std::string const& path, std::string const& record) {
+  std::ofstream out(path);
+  out << "#!/bin/sh\n"
+         "metadata=$(cat \"${TAMREL_CHUNK_METADATA:-/dev/null}\" 2> /dev/null)\n"
+         "{\n"
+         "  echo \"${0##*/} got part $TAMREL_CHUNK_PART: '$TAMREL_CHUNK_NAME' "
+         "$TAMREL_CHUNK_VERSION, chunk $TAMREL_CHUNK_INDEX of $TAMREL_CHUNK_COUNT of action "
+         "$TAMREL_ACTION_ID\"\n"
+         "  echo \"    artifact $*\"\n"
+         "  echo \"    metadata ${metadata:-none}\"\n"
+         "} >> '"
+      << record << "'\n";
+  out.close();
+  return out.good() && chmod(path.c_str(), 0755) == 0;
+}
+
+// The agent's configuration for the modules: a command per module type,
+// written as a device maker writes it.
+bool writeModulesConfig(std::string const& path, std::string const& base, std::string const& dir) {
+  std::ofstream out(path);
+  out << "address = " << base << "\ntenant-id = DEFAULT\ncontroller-id = dev01\n"
+      << "token = demo-token\ndownload-dir = " << dir << "\nstate-dir = " << dir << "\n"
+      << "install-command.os = " << dir << "/install-os \"$@\"\n"
+      << "install-command.app = " << dir << "/install-app \"$@\"\n";
+  out.close();
+  // It holds the token: the agent reads it only when no one else may.
+  return out.good() && chmod(path.c_str(), 0600) == 0;
+}
+
+// An "os" and an "app" module, each with metadata, installed by two
+// commands. True when each command got its own module and the action was
+// closed with success after a progress feedback per module.
+bool modules(std::string const& dir) {
+  Hawkbit hawkbit;
+  ddiserver::DdiServer& server = hawkbit.server;
+  ddiserver::DeploymentDocument deployment;
+  deployment.id = "4";
+  deployment.chunks.push_back({"os",
+                               "2.2",
+                               "rootfs",
+                               {artifactOf(server, "rootfs.img", std::string(512 << 10, 'o'))},
+                               false,
+                               {{"min-bootloader", "2024.01"}}});
+  deployment.chunks.push_back({"app",
+                               "1.4",
+                               "dashboard",
+                               {artifactOf(server, "dashboard.tar", std::string(64 << 10, 'a'))},
+                               false,
+                               {{"service", "dashboard.service"}, {"restart", "yes"}}});
+  hawkbit.target.assign(deployment);
+
+  std::string const record = dir + "/installed", config = dir + "/agent.conf";
+  mkdir(dir.c_str(), 0700);
+  if (!writeInstaller(dir + "/install-os", record) ||
+      !writeInstaller(dir + "/install-app", record) ||
+      !writeModulesConfig(config, server.baseUrl(), dir)) {
+    std::fprintf(stderr, "tamrel-demo: cannot write into %s\n", dir.c_str());
+    return false;
+  }
+  try {
+    if (!runAgent(AgentConfig::fromFile(config))) return false;
+  } catch (ConfigError const& error) {
+    std::fprintf(stderr, "tamrel-demo: %s\n", error.what());
+    return false;
+  }
+  std::printf("== which command got what\n");
+  std::ifstream in(record);
+  std::string got;
+  for (std::string line; std::getline(in, line);) {
+    std::printf("  %s\n", line.c_str());
+    got += line + "\n";
+  }
+  printRequests(server);
+  bool const routed = got.find("install-os got part os: 'rootfs' 2.2") != std::string::npos &&
+                      got.find("install-app got part app: 'dashboard' 1.4") != std::string::npos;
+  std::string progress;
+  for (ddiserver::Progress const& step : hawkbit.target.progress("4"))
+    progress += ", " + std::to_string(step.cnt) + " of " + std::to_string(step.of);
+  bool const closed = closedWithSuccess(server, "/deploymentBase/4/");
+  std::printf("summary: action 4: %s; proceeding feedback%s; %s\n",
+              routed ? "os installed by install-os, app by install-app"
+                     : "the modules did NOT reach their commands",
+              progress.empty() ? " none" : progress.substr(1).c_str(),
+              closed ? "closed/success" : "NOT closed/success");
+  return routed && closed && !progress.empty();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -270,6 +362,10 @@ int main(int argc, char** argv) {
   if (ok) {
     std::printf("== an update waiting for the device's consent\n");
     ok = consent(std::string(dir) + "/consent");
+  }
+  if (ok) {
+    std::printf("== a deployment of an os and an app module, each to the command for its type\n");
+    ok = modules(std::string(dir) + "/modules");
   }
   removeTree(dir);
   return ok ? 0 : 1;

@@ -89,7 +89,7 @@ TEST(ServerOptions, TakesWholeValues) {
 }
 
 // Metadata goes to the last module of its part before it; a value is any
-// text; --artifacts is one module of part os.
+// text.
 TEST(ServerOptions, ModulesInOrderWithTheirMetadata) {
   ServerOptions options;
   std::string const os = "os:root fs:2.1:" + kData, app = "app:a:1:/", other = "app:b:2:/";
@@ -107,14 +107,6 @@ TEST(ServerOptions, ModulesInOrderWithTheirMetadata) {
   EXPECT_EQ(options.modules[1].metadata, Metadata{});
   EXPECT_EQ(options.modules[2].metadata, (Metadata{{"k", "v=$(reboot)\n"}}));
   EXPECT_FALSE(options.artifactsShortcut);
-
-  ServerOptions shortcut;
-  ASSERT_TRUE(parse({"--artifacts", "/", "--chunk", "fw"}, shortcut)) << shortcut.error();
-  ASSERT_EQ(shortcut.modules.size(), 1u);
-  EXPECT_EQ(shortcut.modules[0].part + shortcut.modules[0].name + shortcut.modules[0].version +
-                shortcut.modules[0].dir,
-            "osfw1.0/");
-  EXPECT_TRUE(shortcut.artifactsShortcut);
 }
 
 using Json = std::unique_ptr<cJSON, void (*)(cJSON*)>;
