@@ -156,7 +156,8 @@ bool consent(std::string const& dir) {
   config.consent = "command";
   config.consentCommand = "echo \"the driver agrees to action $1: $2 $3\"; exit 0";
   {
-    UpdateAgent agent(config);
+    ControlChannel channel;
+    UpdateAgent agent(config, channel);
     SignalThread stopper(agent);
     if (!agent.connect()) return false;
     agent.cycle();
@@ -213,7 +214,8 @@ int main(int argc, char** argv) {
 
   bool ok = false;
   {
-    UpdateAgent agent(config);
+    ControlChannel channel;
+    UpdateAgent agent(config, channel);
     SignalThread stopper(agent);  // Ctrl-C stops the agent; the directory is removed
     std::printf("DDI test server on %s, downloads into %s\n", base.c_str(), dir);
     bool const connected = agent.connect();

@@ -134,7 +134,8 @@ int main(int argc, char** argv) {
   if (!credentials.expired().empty()) Log::error("%s", credentials.expired().c_str());
   Log::info("tamrel-agent %s", TAMREL_VERSION);
 
-  UpdateAgent agent(config);
+  ControlChannel channel;
+  UpdateAgent agent(config, channel);
   SignalThread stopper(agent);
   if (!installed.empty()) return agent.reportInstalled(installed[0], installed[1]);
   if (!agent.connect()) {
@@ -143,6 +144,8 @@ int main(int argc, char** argv) {
   }
   notify.ready();
   int status = kExitOk;
+  // Polling held (and recorded so) by a local UI: no poll until released.
+  if (!once) agent.wait(0);
   while (!agent.stopping()) {
     Heartbeat::beat();
     UpdateAgent::Cycle const cycle = agent.cycle();
@@ -150,15 +153,8 @@ int main(int argc, char** argv) {
       status = cycle.status;
       break;
     }
-    // Failures (1, 3) are reported and the next poll tries again. The wait
-    // goes in short rounds, each a beat of the loop's heartbeat.
-    std::int64_t left = cycle.sleepSeconds;
-    do {
-      Heartbeat::beat();
-      std::int64_t const round = std::min<std::int64_t>(left, 10);
-      agent.sleep(round);
-      left -= round;
-    } while (left > 0 && !agent.stopping());
+    // Failures (1, 3) are reported and the next poll tries again.
+    agent.wait(cycle.sleepSeconds);
   }
   notify.stopping();
   return agent.stopping() ? kExitOk : status;
