@@ -96,15 +96,21 @@ Step beforeInstall(ActionState state, ActionMachine::Event const& event, bool se
 }
 
 // ---- the stages where the action waits for a local UI
+// The server holds an action for consent: a fresh record asks the UI.
+Step askConsent(ActionMachine::Event const& event) {
+  ActionState fresh;
+  fresh.stage = Stage::kConsentNeeded;
+  fresh.actionId = event.actionId;
+  fresh.chunks = event.chunks;
+  return {fresh, Work::kAwaitConsent};
+}
+
 // Waiting for consent: the server links the action for confirmation only.
 Step consentNeeded(ActionState state, ActionMachine::Event const& event, bool self, bool start) {
   if (start) return {state, Work::kAwaitConsent};
   switch (event.kind) {
     case Kind::kConsentAsked:
-      if (self) return {state, Work::kNone};
-      state.actionId = event.actionId;
-      state.chunks = event.chunks;
-      return {state, Work::kAwaitConsent};
+      return self ? Step{state, Work::kNone} : askConsent(event);
     case Kind::kConsentAnswered:
       return self ? Step{ActionState(), Work::kNone} : Step{state, Work::kNone};
     case Kind::kOffered:  // confirmed (on the server too): now a deployment
@@ -176,12 +182,7 @@ Step step(ActionState const& state, ActionMachine::Event const& event) {
   switch (state.stage) {
     case Stage::kIdle:
       if (event.kind == Kind::kOffered) return offered(state, event);
-      if (event.kind == Kind::kConsentAsked) {
-        next.stage = Stage::kConsentNeeded;
-        next.actionId = event.actionId;
-        next.chunks = event.chunks;
-        return {next, Work::kAwaitConsent};
-      }
+      if (event.kind == Kind::kConsentAsked) return askConsent(event);
       return {state, Work::kNone};
     case Stage::kConsentNeeded:
       return consentNeeded(state, event, self, startEvent);
@@ -234,6 +235,7 @@ Step step(ActionState const& state, ActionMachine::Event const& event) {
       // it took the result or answered that the action is gone.
       if (event.kind == Kind::kNotOffered) return {ActionState(), Work::kNone};
       if (other) return offered(state, event);
+      if (event.kind == Kind::kConsentAsked && !self) return askConsent(event);
       if (event.kind == Kind::kFeedback && event.answer == Answer::k2xx) {
         next.stage = Stage::kClosed;
         return {next, Work::kNone};
@@ -247,6 +249,7 @@ Step step(ActionState const& state, ActionMachine::Event const& event) {
         return {next, Work::kReport};
       }
       if (other) return offered(state, event);
+      if (event.kind == Kind::kConsentAsked && !self) return askConsent(event);
       if (event.kind == Kind::kNotOffered) return {ActionState(), Work::kNone};
       return {state, Work::kNone};
   }

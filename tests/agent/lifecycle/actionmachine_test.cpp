@@ -188,6 +188,7 @@ Row const kTable[] = {
     {Stage::kReporting, "not-offered", "idle", "none"},
     {Stage::kReporting, "offered-other", "downloading #8", "proceed and download"},
     {Stage::kReporting, "fb-2xx", "closed success", "none"},
+    {Stage::kReporting, "consent-asked-other", "consent-needed #8", "await consent"},
     {Stage::kReporting, "cancel", "reporting success", "reject cancel"},
     {Stage::kReporting, "cancel-other", "reporting success", "accept cancel"},
 
@@ -195,6 +196,7 @@ Row const kTable[] = {
      "reporting success", "report"},
     {Stage::kClosed, "offered-other", "downloading #8", "proceed and download"},
     {Stage::kClosed, "not-offered", "idle", "none"},
+    {Stage::kClosed, "consent-asked-other", "consent-needed #8", "await consent"},
     {Stage::kClosed, "cancel cancel-other", "closed success", "accept cancel"},
 };
 
