@@ -25,6 +25,9 @@
 #include "agent/base/heartbeat.h"
 #include "agent/base/log.h"
 #include "agent/base/memorybudget.h"
+#include "agent/control/controlchannel.h"
+#include "agent/control/controlserver.h"
+#include "agent/control/controlsocketfile.h"
 #include "agent/lifecycle/updateagent.h"
 #include "agent/server/credentialcheck.h"
 
@@ -134,8 +137,28 @@ int main(int argc, char** argv) {
   if (!credentials.expired().empty()) Log::error("%s", credentials.expired().c_str());
   Log::info("tamrel-agent %s", TAMREL_VERSION);
 
+  // The control socket serves from here to the end of main, the update
+  // loop's stop included; the loop takes its requests from the start.
   ControlChannel channel;
   UpdateAgent agent(config, channel);
+  ControlServer control(channel);
+  if (installed.empty() && !config.controlSocket.empty()) {
+    ControlServer::Settings settings;
+    settings.path = config.controlSocket;
+    settings.clients = static_cast<std::size_t>(config.controlClients);
+    settings.group = getegid();
+    std::string problem;
+    if (!config.controlGroup.empty() &&
+        !ControlSocketFile::group(config.controlGroup, settings.group)) {
+      problem = configPath + ":" + std::to_string(config.lines["control-group"]) +
+                ": control-group: no group '" + config.controlGroup + "'";
+    }
+    if (problem.empty()) problem = control.start(settings);
+    if (!problem.empty()) {
+      Log::error("%s", problem.c_str());
+      return kExitConfig;
+    }
+  }
   SignalThread stopper(agent);
   if (!installed.empty()) return agent.reportInstalled(installed[0], installed[1]);
   if (!agent.connect()) {

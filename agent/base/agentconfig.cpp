@@ -59,6 +59,8 @@ std::string* textField(AgentConfig& config, std::string const& key) {
   if (key == "auto-confirm-remark") return &config.autoConfirmRemark;
   if (key == "install-mode") return &config.installMode;
   if (key == "log-level") return &config.logLevel;
+  if (key == "control-socket") return &config.controlSocket;
+  if (key == "control-group") return &config.controlGroup;
   return nullptr;
 }
 
@@ -154,6 +156,11 @@ std::vector<AgentConfig::Key> const& AgentConfig::keys() {
        0},
       {"log-level", K::kText, false, "info",
        "lines logged: error | warning | info | debug (each with the ones before it)", 0, 0},
+      {"control-socket", K::kText, false, "",
+       "Unix socket for a local UI and tamrel-ctl (unset: none)", 0, 0},
+      {"control-group", K::kText, false, "",
+       "group (name or number) that may use it (unset: the agent's)", 0, 0},
+      {"control-clients", K::kNumber, false, "16", "clients of the socket at once", 1, 1024},
   };
   return table;
 }
@@ -189,6 +196,7 @@ void AgentConfig::storeNumber(std::string const& key, long long value) {
       {"consent-timeout-s", [](AgentConfig& c, long long v) { c.consentTimeoutSeconds = int(v); }},
       {"reboot-timeout-s", [](AgentConfig& c, long long v) { c.rebootTimeoutSeconds = int(v); }},
       {"confirm-timeout-s", [](AgentConfig& c, long long v) { c.confirmTimeoutSeconds = int(v); }},
+      {"control-clients", [](AgentConfig& c, long long v) { c.controlClients = int(v); }},
   };
   for (Field const& field : fields) {
     if (key == field.key) field.store(*this, value);
@@ -333,7 +341,7 @@ AgentConfig AgentConfig::fromFile(std::string const& path) {
       static std::set<std::string> const oneLine = {
           "client-cert", "client-key", "client-key-password-file",
           "ssl-engine",  "ca-file",    "ca-path",
-          "proxy",       "no-proxy"};
+          "proxy",       "no-proxy",   "control-socket"};
       if (oneLine.count(key) && hasControl(value)) {
         fail(key + " must not contain control characters");
       }
@@ -389,6 +397,12 @@ AgentConfig AgentConfig::fromFile(std::string const& path) {
   if (config.downloadDir.empty()) throw ConfigError(path + ": download-dir is not set");
   if (config.consent == "command" && config.consentCommand.empty())
     throw ConfigError(path + ": consent = command needs consent-command");
+  // Only a local UI on the control socket can answer these.
+  for (auto const& [key, value] :
+       {std::make_pair("consent", &config.consent), std::make_pair("permit", &config.permit)}) {
+    if (*value == "socket" && config.controlSocket.empty())
+      throw ConfigError(path + ": " + key + " = socket needs control-socket");
+  }
   // A default poll-interval-s yields to a lower max-poll-interval-s.
   if (seen.count("poll-interval-s") && config.maxPollIntervalSeconds < config.pollIntervalSeconds) {
     char const* const named =

@@ -37,6 +37,9 @@ class AgentConfig {
     long long min, max;        // kNumber only
   };
   static std::vector<Key> const& keys();
+  // Where the shipped configuration puts control-socket, and where
+  // tamrel-ctl looks without --socket or --config.
+  static constexpr char kShippedControlSocket[] = "/run/tamrel/agent.sock";
 
   AgentConfig();
   static AgentConfig fromFile(std::string const& path);  // throws ConfigError
@@ -86,6 +89,9 @@ class AgentConfig {
   std::string autoConfirm;               // "auto-confirm": on | off | server
   std::string autoConfirmRemark;         // "auto-confirm-remark"
   std::string logLevel;                  // "log-level": error | warning | info | debug
+  std::string controlSocket;             // "control-socket": "" for none
+  std::string controlGroup;              // "control-group": "" for the agent's
+  int controlClients = 0;                // "control-clients"
   bool downloadOnly = false;             // --download-only: close with "downloaded"
   bool demo = false;                     // the demo installs nothing
 
