@@ -275,6 +275,7 @@ std::optional<Event> ActionDriver::download() {
     return event(Kind::kFailed);
   }
   Event e = event(Kind::kDownloaded);
+  e.ask = config_.permit == "socket";
   e.offer = config_.downloadOnly || plan_->downloadOnly() ? ActionMachine::Offer::kDownloadOnly
             : plan_->mayInstall()                         ? ActionMachine::Offer::kInstall
                                                           : ActionMachine::Offer::kWait;

@@ -157,12 +157,14 @@ bool UpdateAgent::answerRequests() {
         break;
       case ControlRequest::Kind::kHold:
       case ControlRequest::Kind::kRelease: {
+        // Each request is answered with the event of where polling stands,
+        // also when it stood so already.
         bool const hold = request.kind == ControlRequest::Kind::kHold;
-        if (action_.state().pollingHeld == hold) break;
-        if (!action_.holdPolling(hold)) break;
-        Log::info("control: polling %s (%s)", hold ? "held" : "released", peer);
+        bool const change = action_.state().pollingHeld != hold;
+        if (change && !action_.holdPolling(hold)) break;
+        if (change) Log::info("control: polling %s (%s)", hold ? "held" : "released", peer);
         ui_.event(hold ? "held" : "released");
-        now = now || !hold;
+        now = now || (change && !hold);
         break;
       }
       case ControlRequest::Kind::kConsent:
