@@ -55,17 +55,17 @@ UpdateAgent::UpdateAgent(AgentConfig const& config, ControlChannel& channel)
       [this](std::vector<std::string> const& args) {
         ConsentFlow::Verdict verdict;
         if (args.empty()) return verdict;
-        if (consentAction_ == args[0]) {
-          verdict = consentVerdict_;
-          consentAction_.clear();
-          return verdict;
-        }
+        // Kept until the server took it: a failed send goes again.
+        if (consentAction_ == args[0]) return consentVerdict_;
         std::vector<std::string> names;
         for (std::size_t i = 1; i + 1 < args.size(); i += 2) names.push_back(args[i]);
         action_.consentNeeded(args[0], names);
         return verdict;
       },
-      [this](std::string const& id) { action_.consentAnswered(id); });
+      [this](std::string const& id) {
+        if (consentAction_ == id) consentAction_.clear();
+        action_.consentAnswered(id);
+      });
 }
 
 bool UpdateAgent::connect() {
