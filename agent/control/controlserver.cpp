@@ -47,7 +47,6 @@ struct ControlServer::Client {
   bool watching = false;
   std::uint64_t next = 0;     // the next event it gets
   std::uint64_t dropped = 0;  // events it missed, not yet told
-  bool closing = false;       // close once its output is sent
 };
 
 namespace {
@@ -108,10 +107,14 @@ void ControlServer::serve() {
     fds.push_back({wake_->fd(), POLLIN, 0});
     fds.push_back({socket_.fd(), POLLIN, 0});
     for (Client& client : clients_) {
+      // Lines left while its output was full come first, then events.
+      answerLines(client);
       feed(client);
+      // A client is read only when what it sent is answered and its
+      // answers do not pile up: its buffers stay bounded.
+      bool const pending = client.input.find('\n') != std::string::npos;
       short events = 0;
-      // A client whose answers pile up is not read until it takes them.
-      if (!client.closing && client.output.size() < settings_.buffer) events |= POLLIN;
+      if (!pending && client.output.size() < settings_.buffer) events |= POLLIN;
       if (!client.output.empty()) events |= POLLOUT;
       fds.push_back({client.fd, events, 0});
     }
@@ -126,12 +129,11 @@ void ControlServer::serve() {
       short const revents = fds[index].revents;
       bool keep = true;
       if (revents & POLLIN) {
-        keep = read(*client);
+        keep = receive(*client);
       } else if (revents & (POLLHUP | POLLERR | POLLNVAL)) {
         keep = false;  // gone, and nothing of it is read any more
       }
       if (keep && !client->output.empty()) keep = flush(*client);
-      if (keep && client->closing && client->output.empty()) keep = false;
       if (keep) {
         ++client;
       } else {
@@ -169,36 +171,38 @@ void ControlServer::accept() {
   }
 }
 
-bool ControlServer::read(Client& client) {
+bool ControlServer::receive(Client& client) {
   char buffer[4096];
   ssize_t const got = recv(client.fd, buffer, sizeof buffer, MSG_DONTWAIT);
   if (got == 0) return false;
   if (got < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
   client.input.append(buffer, static_cast<std::size_t>(got));
+  answerLines(client);
+  if (client.input.find('\n') == std::string::npos &&
+      client.input.size() > ControlProtocol::kMaxLine) {
+    Log::warning("control socket: %s sent a request line over %zu bytes; closed",
+                 client.peer.c_str(), ControlProtocol::kMaxLine);
+    // The error goes out once, after what was answered before; the rest
+    // of what it sent is not read.
+    client.output += ControlProtocol::error("request line over " +
+                                            std::to_string(ControlProtocol::kMaxLine) + " bytes") +
+                     "\n";
+    sendSome(client.fd, client.output);
+    return false;
+  }
+  return true;
+}
+
+void ControlServer::answerLines(Client& client) {
   std::size_t start = 0;
-  for (std::size_t end;
-       !client.closing && (end = client.input.find('\n', start)) != std::string::npos;
+  for (std::size_t end; client.output.size() < settings_.buffer &&
+                        (end = client.input.find('\n', start)) != std::string::npos;
        start = end + 1) {
     std::string line = client.input.substr(start, end - start);
     if (!line.empty() && line.back() == '\r') line.pop_back();
     if (line.find_first_not_of(" \t") != std::string::npos) answer(client, line);
   }
   client.input.erase(0, start);
-  if (!client.closing && client.input.size() > ControlProtocol::kMaxLine) {
-    Log::warning("control socket: %s sent a request line over %zu bytes; closed",
-                 client.peer.c_str(), ControlProtocol::kMaxLine);
-    client.output += ControlProtocol::error("request line over " +
-                                            std::to_string(ControlProtocol::kMaxLine) + " bytes") +
-                     "\n";
-    client.closing = true;
-  }
-  if (client.closing) {
-    client.input.clear();
-    // Whatever else it had to say is not read: the error goes out once.
-    sendSome(client.fd, client.output);
-    return false;
-  }
-  return true;
 }
 
 void ControlServer::answer(Client& client, std::string const& line) {
@@ -235,7 +239,7 @@ void ControlServer::answer(Client& client, std::string const& line) {
 }
 
 void ControlServer::feed(Client& client) {
-  if (!client.watching || client.closing) return;
+  if (!client.watching) return;
   std::vector<std::string> events;
   while (client.output.size() < settings_.buffer) {
     events.clear();

@@ -46,9 +46,11 @@ class ControlServer {
 
   void serve();
   void accept();
-  // Reads what `client` sent and answers each whole line; false when it
+  // Reads what `client` sent and answers its whole lines; false when it
   // is to be closed.
-  bool read(Client& client);
+  bool receive(Client& client);
+  // Answers the whole lines received while its output buffer has room.
+  void answerLines(Client& client);
   void answer(Client& client, std::string const& line);
   // Moves events from the channel into a watcher's buffer while it has room.
   void feed(Client& client);

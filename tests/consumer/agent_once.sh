@@ -4,8 +4,8 @@
 # that compares it with the original. Passes when the agent exits 0, the
 # command saw the right file and the server got closed/success feedback.
 # With BASE_CONFIG set (the shipped agent.conf), the agent reads that file
-# with its server, identity, directories and installer (install, reboot and
-# confirm commands) replaced.
+# with its server, identity, directories, control socket and installer
+# (install, reboot and confirm commands) replaced.
 # usage: [BASE_CONFIG=FILE] agent_once.sh BINDIR [AGENT_OPTION...]
 set -euo pipefail
 bindir=$1; shift
@@ -42,7 +42,7 @@ address=${url%%/DEFAULT/*}
 [ "$address" != "$first" ] || fail "unexpected server line: $first"
 
 if [ -n "${BASE_CONFIG:-}" ]; then
-  grep -Ev '^[[:space:]]*(address|tenant-id|controller-id|token|token-file|download-dir|state-dir|install-command|reboot-exit-code|reboot-command|confirm-command)[[:space:]]*=' \
+  grep -Ev '^[[:space:]]*(address|tenant-id|controller-id|token|token-file|download-dir|state-dir|install-command|reboot-exit-code|reboot-command|confirm-command|control-socket)[[:space:]]*=' \
     "$BASE_CONFIG" > "$work/agent.conf" || fail "cannot read $BASE_CONFIG"
 fi
 cat >> "$work/agent.conf" <<CONF
@@ -53,6 +53,7 @@ token = secret
 download-dir = $work/downloads
 state-dir = $work/state
 install-command = $work/install.sh
+control-socket = $work/agent.sock
 CONF
 status=0
 timeout 120 "$bindir/tamrel-agent" --config "$work/agent.conf" --once "$@" \
