@@ -171,11 +171,13 @@ void ActionDriver::feed(Event e) {
       Log::error("action %s: %s cannot be recorded (%s); the action stops at %s",
                  (e.actionId.empty() ? state_.actionId : e.actionId).c_str(),
                  ActionMachine::name(e.kind), error.c_str(), state_.describe().c_str());
+      ui_.event("error", {{"action", state_.actionId},
+                          {"message", "the next state cannot be recorded: " + error}});
       failed_ = true;
       return;
     }
     state_ = step.state;
-    announce(before, step.work);
+    ui_.stepped(before, state_, step.work, current() ? deployment_ : nullptr);
     if (before.stage != state_.stage || before.chunk != state_.chunk)
       Log::debug("action %s: %s -> %s (%s), then %s",
                  (state_.actionId.empty() ? before : state_).actionId.c_str(),
@@ -460,44 +462,4 @@ void ActionDriver::dropFiles(ActionState const& state) const {
     for (auto const& file : entries) unlink(file.c_str());
     rmdir(dir.c_str());
   }
-}
-
-void ActionDriver::announce(ActionState const& before, Work work) {
-  ui_.action(state_, current() ? deployment_ : nullptr);
-  std::string const& id = state_.actionId;
-  bool const fresh = before.actionId != id || before.stage <= Stage::kConsentNeeded;
-  if (fresh &&
-      (state_.stage == Stage::kDownloading || state_.stage == Stage::kAwaitingDownloadPermit))
-    ui_.event("offered", {{"action", id}});
-  switch (work) {
-    case Work::kAwaitConsent:
-      ui_.event("consent-needed", {{"action", id}});
-      break;
-    case Work::kAwaitPermit:
-      ui_.event(
-          "permit-needed",
-          {{"action", id},
-           {"permit", state_.stage == Stage::kAwaitingInstallPermit ? "install" : "download"}});
-      break;
-    case Work::kReboot:
-      ui_.event("reboot", {{"action", id}});
-      break;
-    case Work::kHalt:
-      ui_.event("error",
-                {{"action", before.actionId}, {"message", "the state cannot be recorded"}});
-      break;
-    default:
-      break;
-  }
-  if (before.stage == Stage::kConfirming && state_.stage == Stage::kReporting)
-    ui_.event("confirmed", {{"action", id}, {"result", ActionState::name(state_.result)}});
-  if (before.stage != Stage::kReporting && state_.stage == Stage::kReporting) {
-    ui_.last(ActionState::name(state_.result));
-    if (state_.result == Result::kFailure)
-      ui_.event("error", {{"action", id},
-                          {"message",
-                           state_.details.empty() ? "the action failed" : state_.details.back()}});
-  }
-  if (before.stage == Stage::kReporting && state_.stage == Stage::kClosed)
-    ui_.event("closed", {{"action", id}, {"result", ActionState::name(state_.result)}});
 }

@@ -70,8 +70,6 @@ class ActionDriver {
   void dropFiles(ActionState const& state) const;
   bool current() const { return deployment_ && deployment_->id == state_.actionId; }
   std::string outcomeTag() const;
-  // Tells the UI what a step did (events, status).
-  void announce(ActionState const& before, Work work);
 
   AgentConfig const& config_;
   DeploymentDownload& download_;

@@ -93,3 +93,42 @@ void ControlStatus::event(std::string const& name,
     text += (text.empty() ? "" : ",") + quoted(member.first) + ":" + quoted(member.second);
   channel_.publish(name, text);
 }
+
+void ControlStatus::stepped(ActionState const& before, ActionState const& state,
+                            ActionMachine::Work work,
+                            hawkbit_query_t::deployment_t const* deployment) {
+  using Work = ActionMachine::Work;
+  using Result = ActionState::Result;
+  action(state, deployment);
+  std::string const& id = state.actionId;
+  bool const fresh = before.actionId != id || before.stage <= Stage::kConsentNeeded;
+  if (fresh &&
+      (state.stage == Stage::kDownloading || state.stage == Stage::kAwaitingDownloadPermit))
+    event("offered", {{"action", id}});
+  switch (work) {
+    case Work::kAwaitConsent:
+      event("consent-needed", {{"action", id}});
+      break;
+    case Work::kAwaitPermit:
+      event("permit-needed",
+            {{"action", id},
+             {"permit", state.stage == Stage::kAwaitingInstallPermit ? "install" : "download"}});
+      break;
+    case Work::kReboot:
+      event("reboot", {{"action", id}});
+      break;
+    default:
+      break;
+  }
+  if (before.stage == Stage::kConfirming && state.stage == Stage::kReporting)
+    event("confirmed", {{"action", id}, {"result", ActionState::name(state.result)}});
+  if (before.stage != Stage::kReporting && state.stage == Stage::kReporting) {
+    last(ActionState::name(state.result));
+    if (state.result == Result::kFailure)
+      event("error",
+            {{"action", id},
+             {"message", state.details.empty() ? "the action failed" : state.details.back()}});
+  }
+  if (before.stage == Stage::kReporting && state.stage == Stage::kClosed)
+    event("closed", {{"action", id}, {"result", ActionState::name(state.result)}});
+}

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "agent/control/controlchannel.h"
+#include "agent/lifecycle/actionmachine.h"
 #include "agent/lifecycle/actionstate.h"
 #include "plugin/libtamrelcore.h"
 
@@ -24,6 +25,11 @@ class ControlStatus {
   // for from the UI; `deployment` (may be null) adds the chunks' parts and
   // versions.
   void action(ActionState const& state, hawkbit_query_t::deployment_t const* deployment);
+  // A step of the action's table was recorded: the status, and the events
+  // it means (offered, consent or a permit needed, reboot, confirmed,
+  // closed, error).
+  void stepped(ActionState const& before, ActionState const& state, ActionMachine::Work work,
+               hawkbit_query_t::deployment_t const* deployment);
   // An artifact's download went on (see ProgressBar::Listener).
   void progress(std::string const& name, std::uint64_t bytes, std::uint64_t total, double rate,
                 bool ended);
