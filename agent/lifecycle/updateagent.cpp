@@ -109,7 +109,8 @@ void UpdateAgent::stop() {
 void UpdateAgent::wait(std::int64_t seconds) {
   using Clock = std::chrono::steady_clock;
   Clock::time_point const from = Clock::now();
-  std::int64_t shown = -1;
+  std::time_t const started = std::time(nullptr);
+  std::int64_t shown = -1;  // the interval shown as next_poll, -2: held
   while (!stopping()) {
     Heartbeat::beat();
     if (answerRequests()) break;
@@ -118,11 +119,7 @@ void UpdateAgent::wait(std::int64_t seconds) {
     if (shown != (held ? -2 : interval)) {
       shown = held ? -2 : interval;
       ui_.set("next_poll",
-              held ? "null"
-                   : ControlStatus::quoted(ControlStatus::time(
-                         std::time(nullptr) + interval -
-                         std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - from)
-                             .count())));
+              held ? "null" : ControlStatus::quoted(ControlStatus::time(started + interval)));
     }
     Clock::time_point const due = from + std::chrono::seconds(interval);
     Clock::time_point const now = Clock::now();
