@@ -39,9 +39,6 @@ class ControlStatus {
   // Event `name` with members given as key, text pairs (strings) after it.
   void event(std::string const& name,
              std::vector<std::pair<std::string, std::string>> const& members = {});
-  void eventJson(std::string const& name, std::string const& members) {
-    channel_.publish(name, members);
-  }
 
   static std::string quoted(std::string const& text);
   static std::string time(std::time_t when);  // 2026-01-02T03:04:05Z
