@@ -16,6 +16,7 @@
 #include "agent/app/signalthread.h"
 #include "agent/base/agentconfig.h"
 #include "agent/base/console.h"
+#include "agent/control/controlchannel.h"
 #include "agent/lifecycle/updateagent.h"
 #include "ddiserver/ddidocument.h"
 #include "ddiserver/ddiserver.h"
@@ -181,7 +182,8 @@ AgentConfig demoConfig(std::string const& base, std::string const& dir) {
 // One agent through one poll; false when it could not connect or was
 // stopped.
 bool runAgent(AgentConfig const& config) {
-  UpdateAgent agent(config);
+  ControlChannel channel;
+  UpdateAgent agent(config, channel);
   SignalThread stopper(agent);  // Ctrl-C stops the agent; the directory is removed
   if (!agent.connect()) return false;
   agent.cycle();
@@ -200,7 +202,8 @@ bool deployAndCancel(std::string const& dir) {
   AgentConfig config = demoConfig(base, dir);
   config.attributes = {{"hw-revision", "2"}, {"serial", "demo-0001"}};
   std::printf("DDI test server on %s, downloads into %s\n", base.c_str(), dir.c_str());
-  UpdateAgent agent(config);
+  ControlChannel channel;
+  UpdateAgent agent(config, channel);
   SignalThread stopper(agent);
   if (!agent.connect()) return false;
   std::printf("== first poll: configuration request and a deployment\n");

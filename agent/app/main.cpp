@@ -138,8 +138,9 @@ int main(int argc, char** argv) {
   Log::info("tamrel-agent %s", TAMREL_VERSION);
 
   // The control socket serves from here to the end of main, the update
-  // loop's stop included.
+  // loop's stop included; the loop takes its requests from the start.
   ControlChannel channel;
+  UpdateAgent agent(config, channel);
   ControlServer control(channel);
   if (installed.empty() && !config.controlSocket.empty()) {
     ControlServer::Settings settings;
@@ -158,8 +159,6 @@ int main(int argc, char** argv) {
       return kExitConfig;
     }
   }
-
-  UpdateAgent agent(config);
   SignalThread stopper(agent);
   if (!installed.empty()) return agent.reportInstalled(installed[0], installed[1]);
   if (!agent.connect()) {
@@ -168,6 +167,8 @@ int main(int argc, char** argv) {
   }
   notify.ready();
   int status = kExitOk;
+  // Polling held (and recorded so) by a local UI: no poll until released.
+  if (!once) agent.wait(0);
   while (!agent.stopping()) {
     Heartbeat::beat();
     UpdateAgent::Cycle const cycle = agent.cycle();
@@ -175,15 +176,8 @@ int main(int argc, char** argv) {
       status = cycle.status;
       break;
     }
-    // Failures (1, 3) are reported and the next poll tries again. The wait
-    // goes in short rounds, each a beat of the loop's heartbeat.
-    std::int64_t left = cycle.sleepSeconds;
-    do {
-      Heartbeat::beat();
-      std::int64_t const round = std::min<std::int64_t>(left, 10);
-      agent.sleep(round);
-      left -= round;
-    } while (left > 0 && !agent.stopping());
+    // Failures (1, 3) are reported and the next poll tries again.
+    agent.wait(cycle.sleepSeconds);
   }
   notify.stopping();
   return agent.stopping() ? kExitOk : status;

@@ -55,6 +55,7 @@ std::string* textField(AgentConfig& config, std::string const& key) {
   if (key == "no-proxy") return &config.noProxy;
   if (key == "consent") return &config.consent;
   if (key == "consent-command") return &config.consentCommand;
+  if (key == "permit") return &config.permit;
   if (key == "auto-confirm") return &config.autoConfirm;
   if (key == "auto-confirm-remark") return &config.autoConfirmRemark;
   if (key == "install-mode") return &config.installMode;
@@ -67,7 +68,8 @@ std::string* textField(AgentConfig& config, std::string const& key) {
 
 // The words a key takes, "|"-separated; nullptr for a key that takes any text.
 char const* choices(std::string const& key) {
-  if (key == "consent") return "auto|command";
+  if (key == "consent") return "auto|command|socket";
+  if (key == "permit") return "auto|socket";
   if (key == "auto-confirm") return "on|off|server";
   if (key == "install-mode") return "file|stream|url";
   if (key == "log-level") return "error|warning|info|debug";
@@ -172,12 +174,15 @@ std::vector<AgentConfig::Key> const& AgentConfig::keys() {
       {"max-poll-interval-s", K::kNumber, false, "86400", "longest wait between polls", 1,
        31 * 86400},
       {"consent", K::kText, false, "auto",
-       "who agrees to an update that waits for the device: auto | command", 0, 0},
+       "who agrees to an update that waits for the device: auto | command | socket (a local UI)", 0,
+       0},
       {"consent-command", K::kText, false, "",
        "sh -c command, $1 action id, then each chunk's name, version; exit 0 yes, 1 no, 75 later",
        0, 0},
       {"consent-timeout-s", K::kNumber, false, "300",
        "deadline of consent-command; past it: asked again", 1, 86400},
+      {"permit", K::kText, false, "auto",
+       "auto | socket: a local UI permits each download and each install first", 0, 0},
       {"auto-confirm", K::kText, false, "server",
        "the server's auto-confirm for this device: on | off | server (as it is)", 0, 0},
       {"auto-confirm-remark", K::kText, false, "", "remark sent when switching auto-confirm on", 0,
@@ -450,6 +455,12 @@ AgentConfig AgentConfig::fromFile(std::string const& path) {
   if (config.downloadDir.empty()) throw ConfigError(path + ": download-dir is not set");
   if (config.consent == "command" && config.consentCommand.empty())
     throw ConfigError(path + ": consent = command needs consent-command");
+  // Only a local UI on the control socket can answer these.
+  for (auto const& [key, value] :
+       {std::make_pair("consent", &config.consent), std::make_pair("permit", &config.permit)}) {
+    if (*value == "socket" && config.controlSocket.empty())
+      throw ConfigError(path + ": " + key + " = socket needs control-socket");
+  }
   // A default poll-interval-s yields to a lower max-poll-interval-s.
   if (seen.count("poll-interval-s") && config.maxPollIntervalSeconds < config.pollIntervalSeconds) {
     char const* const named =

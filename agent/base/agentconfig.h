@@ -104,7 +104,8 @@ class AgentConfig {
   long long maxDocumentMib = 0;          // "max-document-mib"
   long long pollIntervalSeconds = 0;     // "poll-interval-s"
   long long maxPollIntervalSeconds = 0;  // "max-poll-interval-s"
-  std::string consent;                   // "consent": auto | command
+  std::string consent;                   // "consent": auto | command | socket
+  std::string permit;                    // "permit": auto | socket
   std::string consentCommand;            // "consent-command"
   int consentTimeoutSeconds = 0;         // "consent-timeout-s"
   std::string autoConfirm;               // "auto-confirm": on | off | server

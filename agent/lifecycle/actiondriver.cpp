@@ -35,7 +35,8 @@ Event exited(Kind kind, Exit exit) {
 ActionDriver::ActionDriver(libtamrelcore& client, AgentConfig const& config,
                            AgentTransport& transport, ServerRequest const& server,
                            DeploymentDownload& download, InstallLock& lock,
-                           StreamInstaller& streamer, std::atomic<bool> const& stop)
+                           StreamInstaller& streamer, std::atomic<bool> const& stop,
+                           ControlStatus& ui)
     : config_(config),
       download_(download),
       lock_(lock),
@@ -43,7 +44,8 @@ ActionDriver::ActionDriver(libtamrelcore& client, AgentConfig const& config,
       installer_(config, streamer, lock, stop),
       record_(config.stateDir),
       reports_(client, transport, server),
-      reboot_(config, stop) {}
+      reboot_(config, stop),
+      ui_(ui) {}
 
 void ActionDriver::start(std::string const& baseUrl) {
   reports_.start(baseUrl);
@@ -74,6 +76,7 @@ bool ActionDriver::offered(deployment_t& deployment, DeploymentPlan const& plan)
   e.actionId = deployment.id;
   for (auto const& chunk : deployment.chunks) e.chunks.push_back(chunk.name);
   bool const downloadOnly = config_.downloadOnly || plan.downloadOnly();
+  e.ask = config_.permit == "socket";
   e.offer = plan.download() == DeploymentPlan::Handling::kSkip && plan.problems().empty()
                 ? ActionMachine::Offer::kSkip
             : downloadOnly      ? ActionMachine::Offer::kDownloadOnly
@@ -85,10 +88,48 @@ bool ActionDriver::offered(deployment_t& deployment, DeploymentPlan const& plan)
   plan_ = &plan;
   if (state_.actionId != deployment.id) files_.clear();
   failed_ = false;
+  if (!permittedAction_.empty() && permittedAction_ == deployment.id &&
+      state_.actionId == deployment.id) {
+    Event p = event(Kind::kPermitted);
+    p.actionId = deployment.id;
+    p.permit = permitted_;
+    e = p;
+  }
+  permittedAction_.clear();
   feed(e);
   deployment_ = nullptr;
   plan_ = nullptr;
   return !failed_ && halted_.empty();
+}
+
+bool ActionDriver::holdPolling(bool hold) {
+  if (!unreadable_.empty()) {
+    Log::error("polling %s: the state record is unreadable, nothing recorded: %s",
+               hold ? "not held" : "not released", unreadable_.c_str());
+    return false;
+  }
+  feed(event(hold ? Kind::kHoldPolling : Kind::kReleasePolling));
+  return state_.pollingHeld == hold;
+}
+
+void ActionDriver::consentNeeded(std::string const& id, std::vector<std::string> const& chunks) {
+  if (!unreadable_.empty()) return;
+  Event e = event(Kind::kConsentAsked);
+  e.actionId = id;
+  e.chunks = chunks;
+  feed(e);
+}
+
+void ActionDriver::consentAnswered(std::string const& id) {
+  if (!unreadable_.empty()) return;
+  Event e = event(Kind::kConsentAnswered);
+  e.actionId = id;
+  feed(e);
+}
+
+void ActionDriver::permit(std::string const& id, ActionMachine::Permit what) {
+  permittedAction_ = id;
+  permitted_ = what;
 }
 
 void ActionDriver::notOffered() {
@@ -130,10 +171,13 @@ void ActionDriver::feed(Event e) {
       Log::error("action %s: %s cannot be recorded (%s); the action stops at %s",
                  (e.actionId.empty() ? state_.actionId : e.actionId).c_str(),
                  ActionMachine::name(e.kind), error.c_str(), state_.describe().c_str());
+      ui_.event("error", {{"action", state_.actionId},
+                          {"message", "the next state cannot be recorded: " + error}});
       failed_ = true;
       return;
     }
     state_ = step.state;
+    ui_.stepped(before, state_, step.work, current() ? deployment_ : nullptr);
     if (before.stage != state_.stage || before.chunk != state_.chunk)
       Log::debug("action %s: %s -> %s (%s), then %s",
                  (state_.actionId.empty() ? before : state_).actionId.c_str(),
@@ -149,6 +193,15 @@ std::optional<Event> ActionDriver::perform(Work work, ActionState const& before)
   switch (work) {
     case Work::kNone:
     case Work::kHalt:
+      return std::nullopt;
+    case Work::kAwaitConsent:
+      Log::info("deployment %s: waits for consent through the control socket",
+                state_.actionId.c_str());
+      return std::nullopt;
+    case Work::kAwaitPermit:
+      Log::info("deployment %s: waits for the %s permit through the control socket",
+                state_.actionId.c_str(),
+                state_.stage == Stage::kAwaitingInstallPermit ? "install" : "download");
       return std::nullopt;
     case Work::kProceedAndDownload: {
       Log::info("deployment %s: %zu chunk(s)%s", state_.actionId.c_str(), state_.chunks.size(),
@@ -233,6 +286,7 @@ std::optional<Event> ActionDriver::download() {
     return event(Kind::kFailed);
   }
   Event e = event(Kind::kDownloaded);
+  e.ask = config_.permit == "socket";
   e.offer = config_.downloadOnly || plan_->downloadOnly() ? ActionMachine::Offer::kDownloadOnly
             : plan_->mayInstall()                         ? ActionMachine::Offer::kInstall
                                                           : ActionMachine::Offer::kWait;
@@ -261,6 +315,7 @@ std::optional<Event> ActionDriver::download() {
   if (stop_.load()) return event(Kind::kStop);
   for (auto const& chunk : chunks)
     state_.details.insert(state_.details.end(), chunk.details.begin(), chunk.details.end());
+  if (success) ui_.event("verified", {{"action", state_.actionId}});
   if (success) return e;
   download_.removeEmptyDirectories(*deployment_);
   return event(Kind::kFailed);
@@ -310,6 +365,11 @@ std::optional<Event> ActionDriver::install() {
   InstallOutcome::remove(outcomePath, ignored);
   Log::info("deployment %s: installing %s", state_.actionId.c_str(), chunkLabel(c).c_str());
   chunk.details.clear();
+  ui_.event("install-started", {{"action", state_.actionId},
+                                {"chunk", std::to_string(c + 1)},
+                                {"part", chunk.part},
+                                {"name", chunk.name},
+                                {"version", chunk.version}});
   std::string why;
   ChunkInstaller::Result const result =
       installer_.install(*deployment_, c, *plan_, how, files_[c], outcomePath, outcomeTag(), why);
@@ -317,6 +377,16 @@ std::optional<Event> ActionDriver::install() {
                     : result == ChunkInstaller::Result::kReboot ? Exit::kReboot
                     : result == ChunkInstaller::Result::kFailed ? Exit::kFailed
                                                                 : Exit::kStopped;
+  // The command's standard error tail, as the feedback carries it.
+  for (auto const& line : chunk.details)
+    if (line.rfind("install: ", 0) == 0)
+      ui_.event("install-output", {{"action", state_.actionId}, {"line", line.substr(9)}});
+  ui_.event("install-ended", {{"action", state_.actionId},
+                              {"chunk", std::to_string(c + 1)},
+                              {"exit", exit == Exit::kOk       ? "ok"
+                                       : exit == Exit::kReboot ? "reboot"
+                                       : exit == Exit::kFailed ? "failed"
+                                                               : "stopped"}});
   if (exit != Exit::kStopped)
     state_.details.insert(state_.details.end(), chunk.details.begin(), chunk.details.end());
   if (exit == Exit::kFailed) {
@@ -406,7 +476,8 @@ void ActionDriver::answerCancel(bool accept, ActionState const& before) {
   std::string const failure = reports_.cancel(*cancel_, accept);
   std::string removed;
   // Downloaded for a maintenance window that no longer matters.
-  if (accept && before.actionId == cancel_->stop_id && before.stage == Stage::kWaitingWindow) {
+  if (accept && before.actionId == cancel_->stop_id &&
+      (before.stage == Stage::kWaitingWindow || before.stage == Stage::kAwaitingInstallPermit)) {
     dropFiles(before);
     removed = ", its downloaded files removed";
   }
@@ -418,7 +489,9 @@ void ActionDriver::answerCancel(bool accept, ActionState const& before) {
 }
 
 void ActionDriver::dropFiles(ActionState const& state) const {
-  if (state.stage != Stage::kDownloading && state.stage != Stage::kWaitingWindow) return;
+  if (state.stage != Stage::kDownloading && state.stage != Stage::kWaitingWindow &&
+      state.stage != Stage::kAwaitingInstallPermit)
+    return;
   for (auto const& name : state.chunks) {
     if (!DeploymentDownload::safeName(name)) continue;
     std::string const dir = config_.downloadDir + "/" + name;

@@ -14,6 +14,7 @@
 #include "agent/lifecycle/actionmachine.h"
 #include "agent/lifecycle/actionrecord.h"
 #include "agent/lifecycle/actionreports.h"
+#include "agent/lifecycle/controlstatus.h"
 #include "agent/lifecycle/rebootflow.h"
 #include "agent/server/agenttransport.h"
 #include "agent/server/serverrequest.h"
@@ -31,7 +32,7 @@ class ActionDriver {
 
   ActionDriver(libtamrelcore& client, AgentConfig const& config, AgentTransport& transport,
                ServerRequest const& server, DeploymentDownload& download, InstallLock& lock,
-               StreamInstaller& streamer, std::atomic<bool> const& stop);
+               StreamInstaller& streamer, std::atomic<bool> const& stop, ControlStatus& ui);
 
   // Reads the record and resumes it (`baseUrl`: the controller's resource).
   void start(std::string const& baseUrl);
@@ -43,6 +44,16 @@ class ActionDriver {
   // The server asks to cancel `cancel.stop_id`.
   void cancel(hawkbit_query_t::cancel_action_t const& cancel);
   ActionState const& state() const { return state_; }
+
+  // ---- what a local UI asks (consent = socket, permit = socket, hold)
+  // Holds or resumes polling, recorded; false when it cannot be recorded.
+  bool holdPolling(bool hold);
+  // The server holds action `id` (its chunks' names `chunks`) for consent.
+  void consentNeeded(std::string const& id, std::vector<std::string> const& chunks);
+  // The UI's consent answer for `id` reached the server.
+  void consentAnswered(std::string const& id);
+  // The UI permits `what` for action `id`: done when the next poll offers it.
+  void permit(std::string const& id, ActionMachine::Permit what);
 
  private:
   using Event = ActionMachine::Event;
@@ -92,6 +103,11 @@ class ActionDriver {
   DeploymentPlan const* plan_ = nullptr;
   hawkbit_query_t::cancel_action_t const* cancel_ = nullptr;
   std::vector<std::vector<std::string>> files_;  // the current action's downloaded files
+  ControlStatus& ui_;
+  // A permit the UI gave, fed at the next offer of its action (when the
+  // deployment is at hand); lost on a restart, when the UI is asked again.
+  std::string permittedAction_;
+  ActionMachine::Permit permitted_ = ActionMachine::Permit::kDownload;
 };
 
 #endif  // TAMREL_AGENT_LIFECYCLE_ACTIONDRIVER_H_

@@ -14,10 +14,14 @@ using Step = ActionMachine::Step;
 Step offered(ActionState const& state, ActionMachine::Event const& event) {
   ActionState fresh;
   if (event.offer == Offer::kSkip) return {fresh, Work::kNone};
-  fresh.stage = Stage::kDownloading;
   fresh.actionId = event.actionId;
   fresh.chunks = event.chunks;
   (void)state;
+  if (event.ask) {
+    fresh.stage = Stage::kAwaitingDownloadPermit;
+    return {fresh, Work::kAwaitPermit};
+  }
+  fresh.stage = Stage::kDownloading;
   return {fresh, Work::kProceedAndDownload};
 }
 
@@ -69,6 +73,10 @@ Step beforeInstall(ActionState state, ActionMachine::Event const& event, bool se
       return {ActionState(), Work::kDrop};
     case Kind::kDownloaded:
       if (waiting) return {state, Work::kNone};
+      if (event.offer == Offer::kInstall && event.ask) {
+        state.stage = Stage::kAwaitingInstallPermit;
+        return {state, Work::kAwaitPermit};
+      }
       if (event.offer == Offer::kInstall) {
         state.stage = Stage::kInstalling;
         state.chunk = 0;
@@ -89,16 +97,84 @@ Step beforeInstall(ActionState state, ActionMachine::Event const& event, bool se
   }
 }
 
+// ---- the stages where the action waits for a local UI
+// The server holds an action for consent: a fresh record asks the UI.
+Step askConsent(ActionMachine::Event const& event) {
+  ActionState fresh;
+  fresh.stage = Stage::kConsentNeeded;
+  fresh.actionId = event.actionId;
+  fresh.chunks = event.chunks;
+  return {fresh, Work::kAwaitConsent};
+}
+
+// Waiting for consent: the server links the action for confirmation only.
+Step consentNeeded(ActionState state, ActionMachine::Event const& event, bool self, bool start) {
+  if (start) return {state, Work::kAwaitConsent};
+  switch (event.kind) {
+    case Kind::kConsentAsked:
+      return self ? Step{state, Work::kNone} : askConsent(event);
+    case Kind::kConsentAnswered:
+      return self ? Step{ActionState(), Work::kNone} : Step{state, Work::kNone};
+    case Kind::kOffered:  // confirmed (on the server too): now a deployment
+      return offered(state, event);
+    case Kind::kNotOffered:
+      return {ActionState(), Work::kNone};
+    default:
+      return {state, Work::kNone};
+  }
+}
+
+// Offered (or downloaded) and waiting until the UI permits the next step.
+Step awaitingPermit(ActionState state, ActionMachine::Event const& event, bool self, bool start) {
+  bool const install = state.stage == Stage::kAwaitingInstallPermit;
+  if (start) return {state, Work::kAwaitPermit};
+  switch (event.kind) {
+    case Kind::kOffered:
+      return self ? Step{state, Work::kNone} : offered(state, event);
+    case Kind::kNotOffered:
+      return {ActionState(), Work::kDrop};
+    case Kind::kPermitted:
+      if (!self || (event.permit == ActionMachine::Permit::kInstall) != install)
+        return {state, Work::kNone};
+      if (install) {
+        state.stage = Stage::kInstalling;
+        state.chunk = 0;
+        return {state, Work::kInstall};
+      }
+      state.stage = Stage::kDownloading;
+      return {state, Work::kProceedAndDownload};
+    case Kind::kFailed:
+      return reporting(state, Result::kFailure);
+    default:
+      return {state, Work::kNone};
+  }
+}
+
+Step step(ActionState const& state, ActionMachine::Event const& event);
+
 }  // namespace
 
+// Holding polling is the UI's and is kept whatever the action does.
 ActionMachine::Step ActionMachine::next(ActionState const& state, Event const& event) {
   if (event.kind == Kind::kWriteFailed) return {state, Work::kHalt};
+  Step result = {state, Work::kNone};
+  if (event.kind != Kind::kHoldPolling && event.kind != Kind::kReleasePolling)
+    result = step(state, event);
+  result.state.pollingHeld = event.kind == Kind::kHoldPolling      ? true
+                             : event.kind == Kind::kReleasePolling ? false
+                                                                   : state.pollingHeld;
+  return result;
+}
+
+namespace {
+
+Step step(ActionState const& state, ActionMachine::Event const& event) {
+  using Answer = ActionMachine::Answer;
   bool const self = !state.actionId.empty() && event.actionId == state.actionId;
   bool const startEvent = event.kind == Kind::kStartSameBoot || event.kind == Kind::kStartNewBoot;
   if (event.kind == Kind::kCancel) {
     if (!self || state.stage == Stage::kIdle) return {state, Work::kAcceptCancel};
-    if (state.stage == Stage::kDownloading || state.stage == Stage::kWaitingWindow)
-      return {ActionState(), Work::kAcceptCancel};
+    if (state.stage <= Stage::kAwaitingInstallPermit) return {ActionState(), Work::kAcceptCancel};
     // Closed already: nothing is left to cancel.
     if (state.stage == Stage::kClosed) return {state, Work::kAcceptCancel};
     return {state, Work::kRejectCancel};
@@ -108,7 +184,13 @@ ActionMachine::Step ActionMachine::next(ActionState const& state, Event const& e
   switch (state.stage) {
     case Stage::kIdle:
       if (event.kind == Kind::kOffered) return offered(state, event);
+      if (event.kind == Kind::kConsentAsked) return askConsent(event);
       return {state, Work::kNone};
+    case Stage::kConsentNeeded:
+      return consentNeeded(state, event, self, startEvent);
+    case Stage::kAwaitingDownloadPermit:
+    case Stage::kAwaitingInstallPermit:
+      return awaitingPermit(state, event, self, startEvent);
     case Stage::kDownloading:
     case Stage::kWaitingWindow:
       return beforeInstall(state, event, self);
@@ -157,6 +239,7 @@ ActionMachine::Step ActionMachine::next(ActionState const& state, Event const& e
       // it took the result or answered that the action is gone.
       if (event.kind == Kind::kNotOffered) return {ActionState(), Work::kNone};
       if (other) return offered(state, event);
+      if (event.kind == Kind::kConsentAsked && !self) return askConsent(event);
       if (event.kind == Kind::kFeedback && event.answer == Answer::k2xx) {
         next.stage = Stage::kClosed;
         return {next, Work::kNone};
@@ -170,11 +253,14 @@ ActionMachine::Step ActionMachine::next(ActionState const& state, Event const& e
         return {next, Work::kReport};
       }
       if (other) return offered(state, event);
+      if (event.kind == Kind::kConsentAsked && !self) return askConsent(event);
       if (event.kind == Kind::kNotOffered) return {ActionState(), Work::kNone};
       return {state, Work::kNone};
   }
   return {state, Work::kNone};
 }
+
+}  // namespace
 
 char const* ActionMachine::name(Kind kind) {
   switch (kind) {
@@ -204,6 +290,16 @@ char const* ActionMachine::name(Kind kind) {
       return "stop";
     case Kind::kWriteFailed:
       return "write failed";
+    case Kind::kHoldPolling:
+      return "hold polling";
+    case Kind::kReleasePolling:
+      return "release polling";
+    case Kind::kConsentAsked:
+      return "consent asked";
+    case Kind::kConsentAnswered:
+      return "consent answered";
+    case Kind::kPermitted:
+      return "permitted";
   }
   return "?";
 }
@@ -244,6 +340,10 @@ char const* ActionMachine::name(Work work) {
       return "drop";
     case Work::kHalt:
       return "halt";
+    case Work::kAwaitConsent:
+      return "await consent";
+    case Work::kAwaitPermit:
+      return "await permit";
   }
   return "?";
 }

@@ -26,19 +26,28 @@ class ActionMachine {
     kFeedback,       // the server answered a feedback of the work (`answer`)
     kStop,           // the agent stops
     kWriteFailed,    // the next state could not be recorded
+    // A local UI (the control socket) steers the action:
+    kHoldPolling,      // holds polling (kept in the record) until released
+    kReleasePolling,   // resumes polling
+    kConsentAsked,     // consent = socket: the server holds `actionId` for consent (`chunks`)
+    kConsentAnswered,  // the UI's answer for `actionId` reached the server
+    kPermitted,        // permit = socket: the UI permits `permit` for `actionId`
   };
   // What the deployment asks for, as the poll shows it.
   enum class Offer { kInstall, kWait, kDownloadOnly, kSkip };
   enum class Exit { kOk, kReboot, kFailed, kStopped };
   enum class Answer { k2xx, kGone, kBusy, kError, kNone };  // 404/410; 409/429; 5xx and other
+  enum class Permit { kDownload, kInstall };
 
   struct Event {
     Kind kind = Kind::kStop;
-    std::string actionId;             // kOffered, kCancel
-    std::vector<std::string> chunks;  // kOffered
-    Offer offer = Offer::kInstall;    // kOffered, kDownloaded
-    Exit exit = Exit::kOk;            // kCommandExited, kRecovered
-    Answer answer = Answer::k2xx;     // kFeedback
+    std::string actionId;               // kOffered, kCancel
+    std::vector<std::string> chunks;    // kOffered
+    Offer offer = Offer::kInstall;      // kOffered, kDownloaded
+    Exit exit = Exit::kOk;              // kCommandExited, kRecovered
+    Answer answer = Answer::k2xx;       // kFeedback
+    bool ask = false;                   // kOffered, kDownloaded: a UI permits the next step first
+    Permit permit = Permit::kDownload;  // kPermitted
   };
 
   enum class Work {
@@ -59,6 +68,8 @@ class ActionMachine {
     kRejectCancel,        // reject the cancel request: installed already
     kDrop,                // the action is gone: drop what was downloaded
     kHalt,                // the state could not be recorded: stop where it is
+    kAwaitConsent,        // ask the UI for consent to the state's action
+    kAwaitPermit,         // ask the UI to permit the state's download or install
   };
   struct Step {
     ActionState state;

@@ -8,9 +8,10 @@ namespace {
 using Stage = ActionState::Stage;
 using Result = ActionState::Result;
 
-Stage const kStages[] = {Stage::kIdle,       Stage::kDownloading, Stage::kWaitingWindow,
-                         Stage::kInstalling, Stage::kAnnouncing,  Stage::kRebooting,
-                         Stage::kConfirming, Stage::kReporting,   Stage::kClosed};
+Stage const kStages[] = {Stage::kIdle,        Stage::kConsentNeeded, Stage::kAwaitingDownloadPermit,
+                         Stage::kDownloading, Stage::kWaitingWindow, Stage::kAwaitingInstallPermit,
+                         Stage::kInstalling,  Stage::kAnnouncing,    Stage::kRebooting,
+                         Stage::kConfirming,  Stage::kReporting,     Stage::kClosed};
 Result const kResults[] = {Result::kNone, Result::kSuccess, Result::kFailure, Result::kDownloaded};
 
 // One line per value: line breaks and other control characters become blanks.
@@ -34,10 +35,16 @@ char const* ActionState::name(Stage stage) {
   switch (stage) {
     case Stage::kIdle:
       return "idle";
+    case Stage::kConsentNeeded:
+      return "consent-needed";
+    case Stage::kAwaitingDownloadPermit:
+      return "awaiting-download-permit";
     case Stage::kDownloading:
       return "downloading";
     case Stage::kWaitingWindow:
       return "waiting-window";
+    case Stage::kAwaitingInstallPermit:
+      return "awaiting-install-permit";
     case Stage::kInstalling:
       return "installing";
     case Stage::kAnnouncing:
@@ -80,6 +87,7 @@ std::string ActionState::describe() const {
 std::string ActionState::format() const {
   std::ostringstream text;
   text << "state " << name(stage) << "\n";
+  if (pollingHeld) text << "polling held\n";
   if (stage != Stage::kIdle) {
     text << "action " << oneLine(actionId) << "\n";
     for (auto const& c : chunks) text << "chunk " << oneLine(c) << "\n";
@@ -133,6 +141,9 @@ std::string ActionState::parse(std::string const& text, ActionState& state) {
       }
     } else if (key == "boot") {
       state.bootId = value;
+    } else if (key == "polling") {
+      known = value == "held";
+      state.pollingHeld = known;
     } else if (key == "held") {
       state.held = value;
     } else if (key == "announced" && value.empty()) {
@@ -157,8 +168,11 @@ std::string ActionState::parse(std::string const& text, ActionState& state) {
   } else if (announced) {
     return "unknown line \"announced\"";
   }
-  if (state.stage == Stage::kIdle) return seen.size() == 2 ? "" : "text in an idle record";
-  if (state.actionId.empty() || state.chunks.empty()) return "incomplete";
+  if (state.stage == Stage::kIdle)
+    return seen.size() == (state.pollingHeld ? 3u : 2u) ? "" : "text in an idle record";
+  // An action waiting for consent may not have named its chunks yet.
+  if (state.actionId.empty() || (state.chunks.empty() && state.stage != Stage::kConsentNeeded))
+    return "incomplete";
   if (state.stage == Stage::kInstalling && state.chunk >= state.chunks.size())
     return "chunk index past the chunks";
   bool const resultStage = state.stage == Stage::kReporting || state.stage == Stage::kClosed;

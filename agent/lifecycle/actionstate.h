@@ -12,14 +12,17 @@
 struct ActionState {
   enum class Stage {
     kIdle,           // no action in flight
-    kDownloading,    // offered and reported "proceeding"; artifacts being fetched
-    kWaitingWindow,  // downloaded, waiting for the maintenance window
-    kInstalling,     // the install command of chunk `chunk` (of chunks.size()) runs
-    kAnnouncing,     // installed, needs a reboot; "installed, rebooting" not yet taken
-    kRebooting,      // announced; reboot-command run, waiting for the next boot
-    kConfirming,     // booted again; confirm-command runs
-    kReporting,      // `result` recorded; the closing feedback not yet taken
-    kClosed,         // the server took `result`; kept until a poll offers the action no more
+    kConsentNeeded,  // the server holds the action for consent; a UI is asked (consent = socket)
+    kAwaitingDownloadPermit,  // offered; a UI is asked before the download (permit = socket)
+    kDownloading,             // offered and reported "proceeding"; artifacts being fetched
+    kWaitingWindow,           // downloaded, waiting for the maintenance window
+    kAwaitingInstallPermit,   // downloaded; a UI is asked before the install (permit = socket)
+    kInstalling,              // the install command of chunk `chunk` (of chunks.size()) runs
+    kAnnouncing,              // installed, needs a reboot; "installed, rebooting" not yet taken
+    kRebooting,               // announced; reboot-command run, waiting for the next boot
+    kConfirming,              // booted again; confirm-command runs
+    kReporting,               // `result` recorded; the closing feedback not yet taken
+    kClosed,  // the server took `result`; kept until a poll offers the action no more
   };
   enum class Result { kNone, kSuccess, kFailure, kDownloaded };
 
@@ -34,6 +37,8 @@ struct ActionState {
   std::string bootId;                // of the boot that installed it (kAnnouncing..)
   std::string held;                  // another action told that it waits for this one
   std::vector<std::string> details;  // for the closing feedback
+  // A UI asked to hold polling: kept in every stage, idle too, until released.
+  bool pollingHeld = false;
 
   static constexpr std::size_t kMaxRecordBytes = 65536;
 

@@ -169,6 +169,7 @@ ConsentFlow::Outcome ConsentFlow::answerAction(std::string const& link) {
   Log::info("confirmation of action %s: %s, feedback %s", id.c_str(),
             DocumentReader::oneLine(decision.detail).c_str(),
             failure.empty() ? "sent" : failure.c_str());
+  if (failure.empty() && sent_ && config_.consent == "socket") sent_(id);
   if (!problems.empty()) return Outcome::kRefused;
   return decision.confirmed && failure.empty() ? Outcome::kConfirmed : Outcome::kWaiting;
 }
@@ -209,6 +210,16 @@ std::string ConsentFlow::readAction(std::string const& body, std::string const& 
 ConsentFlow::Decision ConsentFlow::ask(std::string const& id, std::vector<std::string> const& args,
                                        hawkbit_query_t::deployment_t const& deployment) {
   if (config_.consent == "auto") return {true, true, kConfirmedAuto, "confirmed: consent = auto"};
+  if (config_.consent == "socket") {
+    Verdict const verdict = asker_ ? asker_(args) : Verdict();
+    if (verdict.kind == Verdict::Kind::kConfirm)
+      return {true, true, kConfirmedThroughSocket, "confirmed through the control socket"};
+    if (verdict.kind == Verdict::Kind::kDeny)
+      return {true, false, kDeniedThroughSocket,
+              "denied through the control socket" +
+                  (verdict.reason.empty() ? "" : ": " + verdict.reason)};
+    return {};
+  }
   // The command's output, standard output included, is kept: its last line
   // is a denial's detail.
   CommandOptions options;

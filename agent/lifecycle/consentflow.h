@@ -2,6 +2,7 @@
 #define TAMREL_AGENT_LIFECYCLE_CONSENTFLOW_H_
 
 #include <atomic>
+#include <functional>
 #include <set>
 #include <string>
 #include <vector>
@@ -25,6 +26,8 @@ class ConsentFlow {
   static constexpr int kDeniedByCommand = 1;
   static constexpr int kConfirmedAuto = 2;
   static constexpr int kRefusedDocument = 3;
+  static constexpr int kConfirmedThroughSocket = 4;
+  static constexpr int kDeniedThroughSocket = 5;
   // The consent command's exit status that asks to be asked again.
   static constexpr int kAskAgain = 75;
 
@@ -41,6 +44,20 @@ class ConsentFlow {
     kRefused,     // the document was refused; the denial says why
     kUnreadable,  // the document could not be read; nothing sent
   };
+  // consent = socket: what a local UI answered for an action (`args` as
+  // consent-command gets them: id, then each chunk's name and version).
+  struct Verdict {
+    enum class Kind { kWait, kConfirm, kDeny } kind = Kind::kWait;
+    std::string reason;  // a denial's, may be ""
+  };
+  using Asker = std::function<Verdict(std::vector<std::string> const& args)>;
+  // Set once before polling: `ask` gives the UI's verdict, `sent` is told
+  // the action's id once the server took the answer.
+  void askThrough(Asker ask, std::function<void(std::string const&)> sent) {
+    asker_ = std::move(ask);
+    sent_ = std::move(sent);
+  }
+
   // Answers what the base poll answer `base` (its body) links.
   Outcome answer(std::string const& base);
 
@@ -79,6 +96,8 @@ class ConsentFlow {
   std::string baseUrl_;
   bool kept_ = false;              // auto-confirm seen (or made) as configured, since the start
   std::set<std::string> refused_;  // actions denied for their document, once each
+  Asker asker_;
+  std::function<void(std::string const&)> sent_;
 };
 
 #endif  // TAMREL_AGENT_LIFECYCLE_CONSENTFLOW_H_

@@ -24,11 +24,21 @@ void InstalledBase::show(std::string const& base) {
     cJSON const* chunks = cJSON_GetObjectItemCaseSensitive(deployment, "chunks");
     if (!cJSON_IsArray(chunks)) return std::string("the document could not be read");
     said = "action " + JsonText::member(root.get(), "id") + ":";
+    JsonText::Document const json(cJSON_CreateObject(), cJSON_Delete);
+    cJSON_AddStringToObject(json.get(), "action", JsonText::member(root.get(), "id").c_str());
+    cJSON* const list = cJSON_AddArrayToObject(json.get(), "chunks");
     cJSON const* chunk = nullptr;
     cJSON_ArrayForEach(chunk, chunks) {
       said += (said.back() == ':' ? " " : ", ") + JsonText::member(chunk, "name") + " " +
               JsonText::member(chunk, "version");
+      cJSON* const item = cJSON_CreateObject();
+      cJSON_AddItemToArray(list, item);
+      cJSON_AddStringToObject(item, "name", JsonText::member(chunk, "name").c_str());
+      cJSON_AddStringToObject(item, "version", JsonText::member(chunk, "version").c_str());
     }
+    std::unique_ptr<char, void (*)(void*)> const printed(cJSON_PrintUnformatted(json.get()),
+                                                         cJSON_free);
+    json_ = printed ? printed.get() : "";
     return std::string();
   });
   shown_ = link;

@@ -17,6 +17,9 @@ class InstalledBase {
   // Logs the action and chunks the base poll answer `base` links as
   // installed, whenever that link changes (so at start too).
   void show(std::string const& base);
+  // What show() read last, as a JSON object {"action", "chunks":[{"name",
+  // "version"}]}; "" before anything was read.
+  std::string const& json() const { return json_; }
   // PUTs {"name", "version"} to `baseUrl`/installedBase; "" when the server
   // accepted it, else the reason.
   std::string report(std::string const& baseUrl, std::string const& name,
@@ -27,6 +30,7 @@ class InstalledBase {
   ServerRequest const& server_;
   DocumentReader const& reader_;
   std::string shown_;  // the link last shown
+  std::string json_;
 };
 
 #endif  // TAMREL_AGENT_LIFECYCLE_INSTALLEDBASE_H_

@@ -2,6 +2,7 @@
 
 #include "agent/base/console.h"
 #include "agent/base/exitcode.h"
+#include "agent/base/heartbeat.h"
 #include "agent/base/log.h"
 #include "agent/commands/command.h"
 #include "agent/server/linkorigin.h"
@@ -30,8 +31,10 @@ std::vector<tamrel::value_pair_t> fixedAttributes(AgentConfig const& config) {
 
 }  // namespace
 
-UpdateAgent::UpdateAgent(AgentConfig const& config)
+UpdateAgent::UpdateAgent(AgentConfig const& config, ControlChannel& channel)
     : config_(config),
+      channel_(channel),
+      ui_(channel),
       address_(config.address()),
       transport_(AgentTransport::settingsFor(config)),
       attributes_(
@@ -43,10 +46,35 @@ UpdateAgent::UpdateAgent(AgentConfig const& config)
       lock_((config.stateDir.empty() ? config.downloadDir + "/.install.lock"
                                      : config.stateDir + "/install.lock")),
       streamer_(transport_, config, stop_),
-      action_(client_, config, transport_, server_, download_, lock_, streamer_, stop_),
+      action_(client_, config, transport_, server_, download_, lock_, streamer_, stop_, ui_),
       reader_(config, address_, transport_, [this] { return stopping(); }),
       consent_(config, transport_, server_, reader_, stop_),
-      installed_(transport_, server_, reader_) {}
+      installed_(transport_, server_, reader_) {
+  ui_.set("server", ControlStatus::quoted(address_));
+  fetcher_.progress().listen([this](std::string const& name, std::uint64_t bytes,
+                                    std::uint64_t total, double rate,
+                                    bool ended) { ui_.progress(name, bytes, total, rate, ended); });
+  channel_.onRequest([this] {
+    std::lock_guard<std::mutex> guard(sleepLock_);
+    requested_ = true;
+    wake_.notify_all();
+  });
+  consent_.askThrough(
+      [this](std::vector<std::string> const& args) {
+        ConsentFlow::Verdict verdict;
+        if (args.empty()) return verdict;
+        // Kept until the server took it: a failed send goes again.
+        if (consentAction_ == args[0]) return consentVerdict_;
+        std::vector<std::string> names;
+        for (std::size_t i = 1; i + 1 < args.size(); i += 2) names.push_back(args[i]);
+        action_.consentNeeded(args[0], names);
+        return verdict;
+      },
+      [this](std::string const& id) {
+        if (consentAction_ == id) consentAction_.clear();
+        action_.consentAnswered(id);
+      });
+}
 
 bool UpdateAgent::connect() {
   if (!client_.connectProperties(config_.properties)) return false;
@@ -88,12 +116,101 @@ void UpdateAgent::stop() {
   wake_.notify_all();
 }
 
-void UpdateAgent::sleep(std::int64_t seconds) {
-  std::unique_lock<std::mutex> guard(sleepLock_);
-  wake_.wait_for(guard, std::chrono::seconds(seconds), [this] { return stop_.load(); });
+void UpdateAgent::wait(std::int64_t seconds) {
+  using Clock = std::chrono::steady_clock;
+  Clock::time_point const from = Clock::now();
+  std::time_t const started = std::time(nullptr);
+  std::int64_t shown = -1;  // the interval shown as next_poll, -2: held
+  while (!stopping()) {
+    Heartbeat::beat();
+    if (answerRequests()) break;
+    std::int64_t const interval = interval_ > 0 ? interval_ : seconds;
+    bool const held = action_.state().pollingHeld;
+    if (shown != (held ? -2 : interval)) {
+      shown = held ? -2 : interval;
+      ui_.set("next_poll",
+              held ? "null" : ControlStatus::quoted(ControlStatus::time(started + interval)));
+    }
+    Clock::time_point const due = from + std::chrono::seconds(interval);
+    Clock::time_point const now = Clock::now();
+    if (!held && now >= due) break;
+    // In rounds of at most 10 s, each a beat of the loop's heartbeat.
+    Clock::duration const round =
+        held ? std::chrono::seconds(10)
+             : std::min<Clock::duration>(due - now, std::chrono::seconds(10));
+    std::unique_lock<std::mutex> guard(sleepLock_);
+    wake_.wait_for(guard, round, [this] { return stop_.load() || requested_; });
+  }
+}
+
+bool UpdateAgent::answerRequests() {
+  {
+    std::lock_guard<std::mutex> guard(sleepLock_);
+    if (!requested_) return false;
+    requested_ = false;
+  }
+  bool now = false;
+  for (ControlRequest const& request : channel_.take()) {
+    char const* const peer = request.peer.empty() ? "?" : request.peer.c_str();
+    if (request.interval > 0) {
+      interval_ = std::min<std::int64_t>(request.interval, config_.maxPollIntervalSeconds);
+      Log::info("control: poll interval %lld s until the agent restarts (%s)",
+                static_cast<long long>(interval_), peer);
+    }
+    switch (request.kind) {
+      case ControlRequest::Kind::kPoll:
+        Log::info("control: poll now (%s)", peer);
+        now = true;
+        break;
+      case ControlRequest::Kind::kHold:
+      case ControlRequest::Kind::kRelease: {
+        // Each request is answered with the event of where polling stands,
+        // also when it stood so already.
+        bool const hold = request.kind == ControlRequest::Kind::kHold;
+        bool const change = action_.state().pollingHeld != hold;
+        if (change && !action_.holdPolling(hold)) break;
+        if (change) Log::info("control: polling %s (%s)", hold ? "held" : "released", peer);
+        ui_.event(hold ? "held" : "released");
+        now = now || (change && !hold);
+        break;
+      }
+      case ControlRequest::Kind::kConsent:
+        Log::info("control: action %s %s (%s)", request.action.c_str(),
+                  request.confirm ? "confirmed" : "denied", peer);
+        consentAction_ = request.action;
+        consentVerdict_.kind = request.confirm ? ConsentFlow::Verdict::Kind::kConfirm
+                                               : ConsentFlow::Verdict::Kind::kDeny;
+        consentVerdict_.reason = request.reason;
+        now = true;
+        break;
+      case ControlRequest::Kind::kPermit:
+        Log::info("control: action %s: %s permitted (%s)", request.action.c_str(),
+                  request.permit.c_str(), peer);
+        action_.permit(request.action, request.permit == "install"
+                                           ? ActionMachine::Permit::kInstall
+                                           : ActionMachine::Permit::kDownload);
+        now = true;
+        break;
+    }
+  }
+  return now;
 }
 
 UpdateAgent::Cycle UpdateAgent::cycle() {
+  ui_.set("next_poll", "");
+  Cycle const result = poll();
+  if (!stopping()) {
+    char const* const outcome = result.status == kExitOk                 ? "ok"
+                                : result.status == kExitUnreachable      ? "unreachable"
+                                : result.status == kExitDeploymentFailed ? "failed"
+                                                                         : "error";
+    ui_.event("poll", {{"outcome", outcome}});
+    if (!installed_.json().empty()) ui_.set("installed", installed_.json());
+  }
+  return result;
+}
+
+UpdateAgent::Cycle UpdateAgent::poll() {
   Cycle result;
   // After a failed poll: poll-interval-s, doubled with each further failure
   // in a row, up to max-poll-interval-s. A poll that gets through resets it.
@@ -168,7 +285,7 @@ UpdateAgent::Cycle UpdateAgent::cycle() {
   if (consent == ConsentFlow::Outcome::kConfirmed && !again_ && !stopping()) {
     // The confirmed action is linked as a deployment from the next poll on.
     again_ = true;
-    Cycle const next = cycle();
+    Cycle const next = poll();
     again_ = false;
     return next;
   }
@@ -199,7 +316,8 @@ UpdateAgent::Cycle UpdateAgent::cycle() {
     result.status = kExitUnreachable;
   } else if (!answer.deployment.url.empty() && !stopping()) {
     if (!deploy(answer.deployment) && !stopping()) result.status = kExitDeploymentFailed;
-  } else if (answer.deployment.url.empty() && cancel.url.empty() && !stopping()) {
+  } else if (answer.deployment.url.empty() && cancel.url.empty() &&
+             consent == ConsentFlow::Outcome::kNone && !stopping()) {
     // A cancel request stands for its action: the server still has it open.
     action_.notOffered();
   }

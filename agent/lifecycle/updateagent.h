@@ -14,8 +14,10 @@
 #include "agent/commands/attributescripts.h"
 #include "agent/commands/installlock.h"
 #include "agent/commands/streaminstaller.h"
+#include "agent/control/controlchannel.h"
 #include "agent/lifecycle/actiondriver.h"
 #include "agent/lifecycle/consentflow.h"
+#include "agent/lifecycle/controlstatus.h"
 #include "agent/lifecycle/installedbase.h"
 #include "agent/server/agenttransport.h"
 #include "agent/server/documentreader.h"
@@ -29,10 +31,11 @@
 // to cancel to the action's state machine (ActionDriver), which fetches,
 // installs and reports. Owns the library's client and the transport it
 // speaks through. Runs on one thread; stop() may be called from another (a
-// signal-handling thread).
+// signal-handling thread). Keeps `channel` (a local UI's view) current and
+// takes its requests while it waits between polls.
 class UpdateAgent {
  public:
-  explicit UpdateAgent(AgentConfig const& config);
+  UpdateAgent(AgentConfig const& config, ControlChannel& channel);
 
   // Binds the settings; false when the library refuses them. Then resumes
   // the action an earlier run recorded.
@@ -47,8 +50,11 @@ class UpdateAgent {
   // for. sleepSeconds is the server's interval (poll-interval-s when it named
   // none, capped by max-poll-interval-s), or poll-interval-s after a failure.
   Cycle cycle();
-  // Waits up to `seconds`, returning early once stop() was called.
-  void sleep(std::int64_t seconds);
+  // Waits until the next poll is due: `seconds` (or the interval a UI set),
+  // and longer while polling is held; a UI's poll, release, consent or
+  // permit ends it at once. Takes the UI's requests meanwhile and beats the
+  // loop's heartbeat.
+  void wait(std::int64_t seconds);
   // Binds the settings and reports `name` `version` as installed on the
   // device; the exit status (ExitCode), the reason logged when not 0.
   int reportInstalled(std::string const& name, std::string const& version);
@@ -63,8 +69,13 @@ class UpdateAgent {
   // Gathers the attributes and sends them when the poll asked for them
   // (`asked`) or a value changed since the server last took them.
   void sendAttributes(bool asked);
+  Cycle poll();
+  // Acts on the UI's queued requests; true when one asks to poll now.
+  bool answerRequests();
 
   AgentConfig const& config_;
+  ControlChannel& channel_;
+  ControlStatus ui_;
   std::string address_;  // the server; configData links elsewhere are not sent to
   AgentTransport transport_;
   libtamrelcore client_{&transport_};
@@ -87,6 +98,11 @@ class UpdateAgent {
   bool again_ = false;    // polling again at once, after a confirmation
   std::mutex sleepLock_;
   std::condition_variable wake_;
+  bool requested_ = false;     // a UI's request is queued; under sleepLock_
+  std::int64_t interval_ = 0;  // the poll interval a UI set, 0: none
+  // consent = socket: the UI's answer for an action, used at its next poll.
+  std::string consentAction_;
+  ConsentFlow::Verdict consentVerdict_;
 };
 
 #endif  // TAMREL_AGENT_LIFECYCLE_UPDATEAGENT_H_

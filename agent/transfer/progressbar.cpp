@@ -32,6 +32,7 @@ void ProgressBar::start(std::string const& name, std::uint64_t size, std::uint64
   percent_ = lastLine_ = size > 0 ? clampPercent(static_cast<long long>(already * 100 / size)) : 0;
   started_ = drawn_ = std::chrono::steady_clock::now();
   live_ = true;
+  tell(false);
   if (terminal_) {
     Console::live(bar());
   } else {
@@ -44,6 +45,7 @@ void ProgressBar::bytes(int count) {
   std::lock_guard<std::mutex> guard(lock_);
   if (!live_) return;
   done_ += static_cast<std::uint64_t>(count > 0 ? count : 0);
+  tell(false);
   auto const now = std::chrono::steady_clock::now();
   if (terminal_ && now - drawn_ > std::chrono::milliseconds(100)) {
     drawn_ = now;
@@ -64,10 +66,18 @@ void ProgressBar::percent(int value) {
   }
 }
 
-std::string ProgressBar::bar() const {
+double ProgressBar::rate() const {
   double const seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - started_).count();
-  double const rate = seconds > 0 ? static_cast<double>(done_ - resumedAt_) / seconds : 0;
+  return seconds > 0 ? static_cast<double>(done_ - resumedAt_) / seconds : 0;
+}
+
+void ProgressBar::tell(bool ended) {
+  if (listener_) listener_(name_, done_, size_, rate(), ended);
+}
+
+std::string ProgressBar::bar() const {
+  double const rate = this->rate();
   double const eta = rate > 0 && size_ > done_ ? static_cast<double>(size_ - done_) / rate : 0;
   int const width = 24;
   int const filled = percent_ >= 100 ? width : percent_ * width / 100;
@@ -83,6 +93,7 @@ void ProgressBar::finish(std::string const& outcome) {
   std::lock_guard<std::mutex> guard(lock_);
   if (!live_) return;
   live_ = false;
+  tell(true);
   if (terminal_) {
     Console::live(std::string());
     Log::info("%s  %s", bar().c_str(), outcome.c_str());

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 
@@ -23,9 +24,16 @@ class ProgressBar {
   void percent(int value);
   // Ends the bar's line; later calls until the next start() are ignored.
   void finish(std::string const& outcome);
+  // Also told of every change (artifact, bytes so far, size, bytes/s, ended),
+  // under the bar's lock; set once before downloads start.
+  using Listener =
+      std::function<void(std::string const&, std::uint64_t, std::uint64_t, double, bool)>;
+  void listen(Listener listener) { listener_ = std::move(listener); }
 
  private:
   std::string bar() const;  // with lock_ held
+  double rate() const;      // with lock_ held
+  void tell(bool ended);    // with lock_ held
 
   bool const terminal_;
   std::mutex lock_;
@@ -34,6 +42,7 @@ class ProgressBar {
   std::uint64_t size_ = 0, done_ = 0, resumedAt_ = 0;
   int percent_ = 0, lastLine_ = 0;
   std::chrono::steady_clock::time_point started_, drawn_;
+  Listener listener_;
 };
 
 #endif  // TAMREL_AGENT_TRANSFER_PROGRESSBAR_H_

@@ -1,6 +1,7 @@
 // The agent's guarantees over random runs of the table: a simulated server
 // and device, crashes that restart from the recorded text, records that
-// cannot be written, feedback the server does not take, results it loses.
+// cannot be written, feedback the server does not take, results it loses,
+// and a local UI that gives consent and permits and holds polling.
 #include "agent/lifecycle/actionmachine.h"
 
 #include <gtest/gtest.h>
@@ -31,8 +32,13 @@ struct Sim {
   std::map<std::string, bool> outcomes;  // kept by the lock's holder
   std::set<int> confirmedAfterBoot;      // actions confirmed in a later boot
   std::set<int> owed;                    // actions one of whose chunks asked for a reboot
+  // The UI: permit = socket, consent = socket (the server holds each action
+  // for consent), what it permitted, consented to, and its hold.
+  bool ask = false, consent = false, held = false;
+  std::set<std::string> permitted;  // "action:download", "action:install"
+  std::set<int> consented;
 
-  explicit Sim(unsigned seed) : random(seed) {}
+  explicit Sim(unsigned seed) : random(seed), ask(seed % 2 == 0), consent(seed % 3 == 0) {}
   bool chance(int percent) { return static_cast<int>(random() % 100) < percent; }
   ActionMachine::Answer answer() {
     static ActionMachine::Answer const all[] = {
@@ -57,7 +63,12 @@ struct Sim {
   void feed(Event e) {
     for (int steps = 0; steps < 32 && !halted; ++steps) {
       ActionState const before = state;
+      if (e.kind == Kind::kOffered || e.kind == Kind::kDownloaded) e.ask = ask;
       ActionMachine::Step step = ActionMachine::next(state, e);
+      // Only the UI's hold and release change the hold.
+      if (e.kind != Kind::kHoldPolling && e.kind != Kind::kReleasePolling) {
+        ASSERT_EQ(step.state.pollingHeld, before.pollingHeld);
+      }
       // The agent adds the boot that installed it before recording it.
       if (step.state.stage == Stage::kAnnouncing && step.state.bootId.empty())
         step.state.bootId = std::to_string(boot);
@@ -77,6 +88,18 @@ struct Sim {
       if (step.work == Work::kProceedAndDownload && before.actionId != state.actionId) {
         ASSERT_FALSE(before.stage >= Stage::kInstalling && before.stage <= Stage::kConfirming)
             << before.describe();
+      }
+      // Nothing is fetched or installed before the UI allowed it.
+      if (step.work == Work::kProceedAndDownload || step.work == Work::kDownload ||
+          step.work == Work::kInstall) {
+        if (ask) {
+          ASSERT_TRUE(permitted.count(state.actionId +
+                                      (step.work == Work::kInstall ? ":install" : ":download")))
+              << state.describe();
+        }
+        if (consent) {
+          ASSERT_TRUE(consented.count(id)) << id;
+        }
       }
       std::optional<Event> next;
       switch (step.work) {
@@ -160,6 +183,7 @@ struct Sim {
     rebooted = false;
     halted = false;
     ASSERT_EQ(ActionState::parse(disk, state), "") << disk;
+    ASSERT_EQ(state.pollingHeld, held);
     bool const newBoot = !state.bootId.empty() && state.bootId != std::to_string(boot);
     feed(event(newBoot ? Kind::kStartNewBoot : Kind::kStartSameBoot));
   }
@@ -175,9 +199,32 @@ struct Sim {
     // A server offers its open action at every poll.
     if (closed.count(open)) {
       feed(event(Kind::kNotOffered));
+    } else if (consent && !consented.count(open)) {
+      feed(event(Kind::kConsentAsked, std::to_string(open)));
     } else {
       feed(event(Kind::kOffered, std::to_string(open)));
     }
+  }
+
+  // The UI answers what the action waits for, or holds or releases polling.
+  void ui() {
+    std::string const id = state.actionId;
+    Event e = event(Kind::kPermitted, id);
+    if (state.stage == Stage::kConsentNeeded) {
+      consented.insert(std::stoi(id));
+      e.kind = Kind::kConsentAnswered;
+    } else if (state.stage == Stage::kAwaitingDownloadPermit) {
+      permitted.insert(id + ":download");
+    } else if (state.stage == Stage::kAwaitingInstallPermit) {
+      permitted.insert(id + ":install");
+      e.permit = ActionMachine::Permit::kInstall;
+    } else {
+      e = event(held ? Kind::kReleasePolling : Kind::kHoldPolling);
+      feed(e);
+      if (!halted) held = !held;
+      return;
+    }
+    feed(e);
   }
 };
 
@@ -185,9 +232,11 @@ TEST(ActionInvariants, RandomRunsWithCrashesAndFailedWrites) {
   for (unsigned seed = 1; seed <= 40; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     Sim sim(seed);
-    for (int step = 0; step < 150; ++step) {
+    for (int step = 0; step < 200; ++step) {
       if (sim.rebooted || sim.halted || sim.chance(8))
         sim.restart();
+      else if (sim.chance(25))
+        sim.ui();
       else
         sim.poll();
       if (testing::Test::HasFatalFailure()) return;

@@ -53,6 +53,16 @@ std::map<std::string, ActionMachine::Event> events() {
     add(std::string("fb-") + answer.first, Kind::kFeedback)->answer = answer.second;
   add("stop", Kind::kStop);
   add("write-failed", Kind::kWriteFailed);
+  // What a local UI brings in.
+  add("offered-ask", Kind::kOffered)->ask = true;
+  add("downloaded-ask", Kind::kDownloaded)->ask = true;
+  add("hold", Kind::kHoldPolling, "");
+  add("release", Kind::kReleasePolling, "");
+  add("consent-asked", Kind::kConsentAsked);
+  add("consent-asked-other", Kind::kConsentAsked, "8");
+  add("consent-answered", Kind::kConsentAnswered);
+  add("permit-download", Kind::kPermitted);
+  add("permit-install", Kind::kPermitted)->permit = ActionMachine::Permit::kInstall;
   return all;
 }
 
@@ -80,27 +90,61 @@ Row const kTable[] = {
     {Stage::kIdle, "offered offered-wait offered-dlonly", "downloading", "proceed and download"},
     {Stage::kIdle, "offered-other", "downloading #8", "proceed and download"},
     {Stage::kIdle, "cancel cancel-other", "idle", "accept cancel"},
+    {Stage::kIdle, "offered-ask", "awaiting-download-permit", "await permit"},
+    {Stage::kIdle, "consent-asked", "consent-needed", "await consent"},
+    {Stage::kIdle, "consent-asked-other", "consent-needed #8", "await consent"},
 
-    {Stage::kDownloading, "offered offered-wait offered-dlonly", "downloading", "download"},
+    {Stage::kConsentNeeded, "start-same start-new", "consent-needed", "await consent"},
+    {Stage::kConsentNeeded, "consent-asked-other", "consent-needed #8", "await consent"},
+    {Stage::kConsentNeeded, "consent-answered not-offered offered-skip", "idle", "none"},
+    {Stage::kConsentNeeded, "offered offered-wait offered-dlonly", "downloading",
+     "proceed and download"},
+    {Stage::kConsentNeeded, "offered-other", "downloading #8", "proceed and download"},
+    {Stage::kConsentNeeded, "offered-ask", "awaiting-download-permit", "await permit"},
+    {Stage::kConsentNeeded, "cancel", "idle", "accept cancel"},
+    {Stage::kConsentNeeded, "cancel-other", "consent-needed", "accept cancel"},
+
+    {Stage::kAwaitingDownloadPermit, "start-same start-new", "awaiting-download-permit",
+     "await permit"},
+    {Stage::kAwaitingDownloadPermit, "offered-other", "downloading #8", "proceed and download"},
+    {Stage::kAwaitingDownloadPermit, "not-offered", "idle", "drop"},
+    {Stage::kAwaitingDownloadPermit, "permit-download", "downloading", "proceed and download"},
+    {Stage::kAwaitingDownloadPermit, "failed", "reporting failure", "report"},
+    {Stage::kAwaitingDownloadPermit, "cancel", "idle", "accept cancel"},
+    {Stage::kAwaitingDownloadPermit, "cancel-other", "awaiting-download-permit", "accept cancel"},
+
+    {Stage::kAwaitingInstallPermit, "start-same start-new", "awaiting-install-permit",
+     "await permit"},
+    {Stage::kAwaitingInstallPermit, "offered-other", "downloading #8", "proceed and download"},
+    {Stage::kAwaitingInstallPermit, "not-offered", "idle", "drop"},
+    {Stage::kAwaitingInstallPermit, "permit-install", "installing chunk 1 of 2", "install"},
+    {Stage::kAwaitingInstallPermit, "failed", "reporting failure", "report"},
+    {Stage::kAwaitingInstallPermit, "cancel", "idle", "accept cancel"},
+    {Stage::kAwaitingInstallPermit, "cancel-other", "awaiting-install-permit", "accept cancel"},
+
+    {Stage::kDownloading, "offered offered-ask offered-wait offered-dlonly", "downloading",
+     "download"},
     {Stage::kDownloading, "offered-other", "downloading #8", "proceed and download"},
     {Stage::kDownloading, "not-offered fb-gone", "idle", "drop"},
     {Stage::kDownloading, "cancel", "idle", "accept cancel"},
     {Stage::kDownloading, "cancel-other", "downloading", "accept cancel"},
     {Stage::kDownloading, "downloaded", "installing chunk 1 of 2", "install"},
     {Stage::kDownloading, "downloaded-wait", "waiting-window", "report waiting"},
+    {Stage::kDownloading, "downloaded-ask", "awaiting-install-permit", "await permit"},
     {Stage::kDownloading, "downloaded-dlonly", "reporting downloaded", "report"},
     {Stage::kDownloading, "failed", "reporting failure", "report"},
     {Stage::kDownloading, "fb-2xx fb-busy fb-5xx fb-none", "downloading", "download"},
     {Stage::kDownloading, "stop", "downloading", "report interrupted"},
 
-    {Stage::kWaitingWindow, "offered offered-dlonly", "downloading", "download"},
+    {Stage::kWaitingWindow, "offered offered-ask offered-dlonly", "downloading", "download"},
     {Stage::kWaitingWindow, "offered-other", "downloading #8", "proceed and download"},
     {Stage::kWaitingWindow, "not-offered fb-gone", "idle", "drop"},
     {Stage::kWaitingWindow, "cancel", "idle", "accept cancel"},
     {Stage::kWaitingWindow, "cancel-other", "waiting-window", "accept cancel"},
     {Stage::kWaitingWindow, "failed", "reporting failure", "report"},
 
-    {Stage::kInstalling, "start-same start-new offered offered-wait offered-dlonly offered-skip",
+    {Stage::kInstalling,
+     "start-same start-new offered offered-ask offered-wait offered-dlonly offered-skip",
      "installing chunk 1 of 2", "recover install"},
     {Stage::kInstalling, "offered-other", "installing chunk 1 of 2", "hold"},
     {Stage::kInstalling, "cancel", "installing chunk 1 of 2", "reject cancel"},
@@ -113,7 +157,8 @@ Row const kTable[] = {
     {Stage::kInstalling, "no-outcome fb-2xx fb-gone fb-busy fb-5xx fb-none",
      "installing chunk 1 of 2", "install"},
 
-    {Stage::kAnnouncing, "start-same offered offered-wait offered-dlonly offered-skip not-offered",
+    {Stage::kAnnouncing,
+     "start-same offered offered-ask offered-wait offered-dlonly offered-skip not-offered",
      "announcing", "announce"},
     {Stage::kAnnouncing, "start-new", "confirming", "confirm"},
     {Stage::kAnnouncing, "offered-other", "announcing", "hold"},
@@ -122,14 +167,16 @@ Row const kTable[] = {
     {Stage::kAnnouncing, "fb-2xx", "rebooting", "reboot"},
     {Stage::kAnnouncing, "fb-gone fb-busy fb-5xx fb-none", "announcing", "reboot"},
 
-    {Stage::kRebooting, "start-same offered offered-wait offered-dlonly offered-skip not-offered",
+    {Stage::kRebooting,
+     "start-same offered offered-ask offered-wait offered-dlonly offered-skip not-offered",
      "rebooting", "reboot"},
     {Stage::kRebooting, "start-new", "confirming", "confirm"},
     {Stage::kRebooting, "offered-other", "rebooting", "hold"},
     {Stage::kRebooting, "cancel", "rebooting", "reject cancel"},
     {Stage::kRebooting, "cancel-other", "rebooting", "accept cancel"},
 
-    {Stage::kConfirming, "start-same start-new offered offered-wait offered-dlonly offered-skip",
+    {Stage::kConfirming,
+     "start-same start-new offered offered-ask offered-wait offered-dlonly offered-skip",
      "confirming", "confirm"},
     {Stage::kConfirming, "offered-other", "confirming", "hold"},
     {Stage::kConfirming, "cancel", "confirming", "reject cancel"},
@@ -137,18 +184,21 @@ Row const kTable[] = {
     {Stage::kConfirming, "exit-ok", "reporting success", "report"},
     {Stage::kConfirming, "exit-reboot exit-failed", "reporting failure", "report"},
 
-    {Stage::kReporting, "start-same start-new offered offered-wait offered-dlonly offered-skip",
+    {Stage::kReporting,
+     "start-same start-new offered offered-ask offered-wait offered-dlonly offered-skip",
      "reporting success", "report"},
     {Stage::kReporting, "not-offered", "idle", "none"},
     {Stage::kReporting, "offered-other", "downloading #8", "proceed and download"},
     {Stage::kReporting, "fb-2xx", "closed success", "none"},
+    {Stage::kReporting, "consent-asked-other", "consent-needed #8", "await consent"},
     {Stage::kReporting, "cancel", "reporting success", "reject cancel"},
     {Stage::kReporting, "cancel-other", "reporting success", "accept cancel"},
 
-    {Stage::kClosed, "offered offered-wait offered-dlonly offered-skip", "reporting success",
-     "report"},
+    {Stage::kClosed, "offered offered-ask offered-wait offered-dlonly offered-skip",
+     "reporting success", "report"},
     {Stage::kClosed, "offered-other", "downloading #8", "proceed and download"},
     {Stage::kClosed, "not-offered", "idle", "none"},
+    {Stage::kClosed, "consent-asked-other", "consent-needed #8", "await consent"},
     {Stage::kClosed, "cancel cancel-other", "closed success", "accept cancel"},
 };
 
@@ -175,6 +225,12 @@ TEST(ActionMachine, EveryStageAgainstEveryEvent) {
       if (name == "write-failed") {
         EXPECT_EQ(step.state.format(), state.format());
         EXPECT_STREQ(ActionMachine::name(step.work), "halt");
+      } else if (name == "hold" || name == "release") {
+        // Holding polling changes nothing but itself, in every stage.
+        ActionState held = state;
+        held.pollingHeld = name == "hold";
+        EXPECT_EQ(step.state.format(), held.format());
+        EXPECT_STREQ(ActionMachine::name(step.work), "none");
       } else if (row == listed.end()) {
         EXPECT_EQ(step.state.format(), state.format());
         EXPECT_STREQ(ActionMachine::name(step.work), "none");
@@ -237,6 +293,9 @@ TEST(ActionState, RecordTextRoundTripsAndRefusesTheRest) {
       {"action 1\nchunk fw\nboot b\nend\n", "announcing"},
       {"action 1\nchunk fw\nresult failure\nend\n", "reporting failure"},
       {"state idle\nend\n", "idle"},
+      {"state idle\npolling held\nend\n", "idle"},
+      {"state idle\npolling off\nend\n", "unknown line \"polling off\""},
+      {"state consent-needed\naction 1\nend\n", "consent-needed"},
       {"state installing\naction 1\nchunk fw\nat 1\nend\n", "chunk index past the chunks"},
       {"state reporting\naction 1\nchunk fw\nend\n", "no result"},
       {"state closed\naction 1\naction 2\nchunk fw\nresult success\nend\n",
