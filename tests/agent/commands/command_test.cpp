@@ -65,8 +65,7 @@ TEST(Command, AStopOrTheDeadlineEndsTheWholeGroupBeforeTheResult) {
   TempDir dir;
   std::string const pidFile = dir.path() + "/child";
   std::string const spawn = "sleep 60 & echo $! > " + pidFile + "; ";
-  std::string const deaf =
-      "(trap '' TERM; exec tail -f /dev/null) & echo $! > " + pidFile + "; ";
+  std::string const deaf = "(trap '' TERM; exec tail -f /dev/null) & echo $! > " + pidFile + "; ";
   struct Case {
     std::string command;
     bool stop;
@@ -142,7 +141,7 @@ TEST(InstallLock, HeldUntilNothingOfTheGroupIsLeftTheOutcomeWrittenBefore) {
     installer = pid;
   };
   // The command exits at once, its child (deaf to SIGTERM) lives on until
-  // told; whoever takes the lock next finds the outcome.
+  // told or killed; whoever takes the lock next finds the outcome.
   CommandResult result;
   std::thread run([&] {
     result = runCommand("(trap '' TERM; read x < \"$1\") & echo $! > \"$2\"; exit 3",
@@ -151,12 +150,17 @@ TEST(InstallLock, HeldUntilNothingOfTheGroupIsLeftTheOutcomeWrittenBefore) {
   // The holder notes the installer's pid in the lock file as it starts it,
   // which may be before the runner's callback or the child's own file.
   for (auto const until = Clock::now() + std::chrono::seconds(30);
-       (installer == 0 || pidIn(pidFile) == 0 || pidIn(path) != installer) &&
-       Clock::now() < until;)
+       (installer == 0 || pidIn(pidFile) == 0 || pidIn(path) != installer) && Clock::now() < until;)
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   EXPECT_EQ(pidIn(path), installer.load());
-  EXPECT_FALSE(other.take(stop, 300, error));
-  EXPECT_NE(error.find("still runs after"), std::string::npos) << error;
+  // The holder ends what the command left 3 s after it exited, which on a
+  // loaded machine may come first.
+  if (!other.take(stop, 300, error)) {
+    EXPECT_NE(error.find("still runs after"), std::string::npos) << error;
+  } else {
+    EXPECT_TRUE(gone(pidIn(pidFile)));
+    other.release();
+  }
   error.clear();
   // Whoever gets the lock next finds the outcome.
   std::thread next([&] {
@@ -164,7 +168,12 @@ TEST(InstallLock, HeldUntilNothingOfTheGroupIsLeftTheOutcomeWrittenBefore) {
         std::system(("flock " + path + " cat " + outcome + " > " + dir.path() + "/seen").c_str()),
         0);
   });
-  tamrel::testing::writeFile(fifo, "go\n");
+  // Told to end, unless already ended (then nobody reads the FIFO).
+  int const go = open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
+  if (go >= 0) {
+    EXPECT_EQ(write(go, "go\n", 3), 3);
+    close(go);
+  }
   run.join();
   next.join();
   EXPECT_EQ(result.describe(), "exit 3");
