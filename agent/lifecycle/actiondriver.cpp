@@ -74,7 +74,11 @@ bool ActionDriver::offered(deployment_t& deployment, DeploymentPlan const& plan)
   }
   Event e = event(Kind::kOffered);
   e.actionId = deployment.id;
-  for (auto const& chunk : deployment.chunks) e.chunks.push_back(chunk.name);
+  for (auto const& chunk : deployment.chunks) {
+    e.chunks.push_back(chunk.name);
+    e.parts.push_back(chunk.part);
+    e.versions.push_back(chunk.version);
+  }
   bool const downloadOnly = config_.downloadOnly || plan.downloadOnly();
   e.ask = config_.permit == "socket";
   e.offer = plan.download() == DeploymentPlan::Handling::kSkip && plan.problems().empty()

@@ -16,6 +16,8 @@ Step offered(ActionState const& state, ActionMachine::Event const& event) {
   if (event.offer == Offer::kSkip) return {fresh, Work::kNone};
   fresh.actionId = event.actionId;
   fresh.chunks = event.chunks;
+  fresh.parts = event.parts;
+  fresh.versions = event.versions;
   (void)state;
   if (event.ask) {
     fresh.stage = Stage::kAwaitingDownloadPermit;

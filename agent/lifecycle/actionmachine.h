@@ -41,11 +41,12 @@ class ActionMachine {
 
   struct Event {
     Kind kind = Kind::kStop;
-    std::string actionId;               // kOffered, kCancel
-    std::vector<std::string> chunks;    // kOffered
-    Offer offer = Offer::kInstall;      // kOffered, kDownloaded
-    Exit exit = Exit::kOk;              // kCommandExited, kRecovered
-    Answer answer = Answer::k2xx;       // kFeedback
+    std::string actionId;                      // kOffered, kCancel
+    std::vector<std::string> chunks;           // kOffered
+    std::vector<std::string> parts, versions;  // kOffered: each chunk's
+    Offer offer = Offer::kInstall;             // kOffered, kDownloaded
+    Exit exit = Exit::kOk;                     // kCommandExited, kRecovered
+    Answer answer = Answer::k2xx;              // kFeedback
     bool ask = false;                   // kOffered, kDownloaded: a UI permits the next step first
     Permit permit = Permit::kDownload;  // kPermitted
   };

@@ -34,9 +34,11 @@ ActionReports::Answer ActionReports::proceed(deployment_t deployment, std::strin
 ActionReports::deployment_t ActionReports::of(ActionState const& state) {
   deployment_t deployment;
   deployment.id = state.actionId;
-  for (auto const& name : state.chunks) {
+  for (std::size_t c = 0; c < state.chunks.size(); ++c) {
     deployment.chunks.emplace_back();
-    deployment.chunks.back().name = name;
+    deployment.chunks.back().name = state.chunks[c];
+    if (c < state.parts.size()) deployment.chunks.back().part = state.parts[c];
+    if (c < state.versions.size()) deployment.chunks.back().version = state.versions[c];
   }
   if (deployment.chunks.empty()) deployment.chunks.emplace_back();
   return deployment;

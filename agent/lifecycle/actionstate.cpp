@@ -90,7 +90,11 @@ std::string ActionState::format() const {
   if (pollingHeld) text << "polling held\n";
   if (stage != Stage::kIdle) {
     text << "action " << oneLine(actionId) << "\n";
-    for (auto const& c : chunks) text << "chunk " << oneLine(c) << "\n";
+    for (std::size_t c = 0; c < chunks.size(); ++c) {
+      text << "chunk " << oneLine(chunks[c]) << "\n";
+      if (c < parts.size() && c < versions.size())
+        text << "part " << oneLine(parts[c]) << "\nversion " << oneLine(versions[c]) << "\n";
+    }
     if (stage == Stage::kInstalling) text << "at " << chunk << "\n";
     if (rebootOwed) text << "reboot\n";
     if (result != Result::kNone) text << "result " << name(result) << "\n";
@@ -118,7 +122,8 @@ std::string ActionState::parse(std::string const& text, ActionState& state) {
     std::string const key = line.substr(0, space);
     std::string const value = space == std::string::npos ? "" : line.substr(space + 1);
     // Lists may repeat; every other key holds one value.
-    if (key != "chunk" && key != "detail" && !seen.insert(key).second)
+    if (key != "chunk" && key != "part" && key != "version" && key != "detail" &&
+        !seen.insert(key).second)
       return "\"" + key + "\" given twice";
     bool known = true;
     if (key == "state") {
@@ -130,6 +135,10 @@ std::string ActionState::parse(std::string const& text, ActionState& state) {
       state.actionId = value;
     } else if (key == "chunk") {
       state.chunks.push_back(value);
+    } else if (key == "part") {
+      state.parts.push_back(value);
+    } else if (key == "version") {
+      state.versions.push_back(value);
     } else if (key == "at") {
       known = number(value, state.chunk);
     } else if (key == "reboot" && value.empty()) {
@@ -173,6 +182,9 @@ std::string ActionState::parse(std::string const& text, ActionState& state) {
   // An action waiting for consent may not have named its chunks yet.
   if (state.actionId.empty() || (state.chunks.empty() && state.stage != Stage::kConsentNeeded))
     return "incomplete";
+  if (state.parts.size() != state.versions.size() ||
+      (!state.parts.empty() && state.parts.size() != state.chunks.size()))
+    return "parts and versions do not match the chunks";
   if (state.stage == Stage::kInstalling && state.chunk >= state.chunks.size())
     return "chunk index past the chunks";
   bool const resultStage = state.stage == Stage::kReporting || state.stage == Stage::kClosed;

@@ -29,8 +29,11 @@ struct ActionState {
   Stage stage = Stage::kIdle;
   std::string actionId;
   std::vector<std::string> chunks;  // chunk names, in the order they install
-  std::size_t chunk = 0;            // kInstalling: the chunk whose command runs
-  bool rebootOwed = false;          // a chunk installed so far asked for a reboot
+  // Each chunk's module type and version, for the commands that run after a
+  // restart (empty in older records).
+  std::vector<std::string> parts, versions;
+  std::size_t chunk = 0;    // kInstalling: the chunk whose command runs
+  bool rebootOwed = false;  // a chunk installed so far asked for a reboot
   // kReporting/kClosed: the result; kAnnouncing..kConfirming: kFailure when a
   // chunk failed after another asked for the reboot (the slot is switched).
   Result result = Result::kNone;

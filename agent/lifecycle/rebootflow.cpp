@@ -60,7 +60,8 @@ RebootFlow::Exit RebootFlow::confirm(ActionState& state) {
   options.stop = &stop_;
   // Past its deadline the confirmation is a failure, never a wait for good.
   options.deadlineMs = config_.confirmTimeoutSeconds * 1000LL;
-  // After the reboot only the record is at hand: the chunks' names.
+  // After the reboot only the record is at hand: the chunks' names, module
+  // types and versions.
   ChunkEnvironment const environment(config_.downloadDir, ActionReports::of(state));
   options.environment = environment.variables();
   CommandResult const result = runCommand(config_.confirmCommand, {}, options);

@@ -71,13 +71,14 @@ modules; mkdir -p "$work/st"; echo boot-1 > "$work/boot_id"
 sed -i "s|^state-dir = .*|state-dir = $work/st|" "$conf"
 run_agent "$(record os 10)" "$(record bApp)" "$(record jvm 10)" 'reboot-exit-code.os = 10' \
   "boot-id-file = $work/boot_id" "reboot-command = echo reboot >> $seq" \
-  "confirm-command = env | grep ^TAMREL_ | sort > $work/confirm.env"
+  "confirm-command = env | grep ^TAMREL_ | sort > $work/confirm.env; cat \"\$TAMREL_CHUNKS\" > $work/confirm.json"
 check "a reboot asked by the first chunk: taken once, after the third (its exit 10 is jvm's failure)" \
   eval 'test "$(cut -d" " -f1 "$seq" | tr "\n" " ")" = "os bApp jvm reboot " &&
         grep -q "chunk 3 of 3 jvm 8: failed (exit 10)" "$work/st/action"'
 echo boot-2 > "$work/boot_id"; run_agent
 check "after the reboot: confirm-command told the action, closed once, nothing installed again" \
   eval 'env_has confirm TAMREL_ACTION_ID=1 && env_has confirm TAMREL_CHUNK_COUNT=3 &&
+        grep -q "\"part\":\"jvm\",\"name\":\"[^\"]*\",\"version\":\"8\"" "$work/confirm.json" &&
         test "$(wc -l < "$seq")" -eq 4 && test "$(closing | wc -l)" -eq 1 && closed_with failure'
 
 # Killed while the first chunk installs; it ends with its module type's

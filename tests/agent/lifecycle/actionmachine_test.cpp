@@ -281,6 +281,8 @@ TEST(ActionState, RecordTextRoundTripsAndRefusesTheRest) {
   state.bootId = "b0";
   state.held = "9";
   state.details = {"line\nwith break"};
+  state.parts = {"rootfs", "app"};
+  state.versions = {"2.0", "1.1"};
   ActionState read;
   ASSERT_EQ(ActionState::parse(state.format(), read), "");
   EXPECT_EQ(read.format(), state.format());
@@ -298,6 +300,8 @@ TEST(ActionState, RecordTextRoundTripsAndRefusesTheRest) {
       {"state consent-needed\naction 1\nend\n", "consent-needed"},
       {"state installing\naction 1\nchunk fw\nat 1\nend\n", "chunk index past the chunks"},
       {"state reporting\naction 1\nchunk fw\nend\n", "no result"},
+      {"state rebooting\naction 1\nchunk fw\npart os\nend\n",
+       "parts and versions do not match the chunks"},
       {"state closed\naction 1\naction 2\nchunk fw\nresult success\nend\n",
        "\"action\" given twice"},
       {"state rebooting\naction 1\nchunk fw\nend\nx\n", "text after \"end\""},
