@@ -20,7 +20,8 @@ class ConfigError : public std::runtime_error {
 // a "-file" key becomes a link whose text is the file's content. A key given
 // twice, a server setting with control characters (or a second line in its
 // file) and an attribute over 128 characters are errors. Every key, its
-// default and its help line are in one table (keys()).
+// default and its help line are in one table (keys()); ConfigReader reads
+// the file.
 class AgentConfig {
  public:
   // One configuration key. A number key's default is applied before the
@@ -121,8 +122,13 @@ class AgentConfig {
   int attributesTimeoutSeconds = 0;  // "attributes-timeout-s"
 
  private:
+  friend class ConfigReader;
   // Stores a number key's value in its field.
   void storeNumber(std::string const& key, long long value);
+  // A text key's field; nullptr for other keys.
+  std::string* textField(std::string const& key);
+  // The words a key takes, "|"-separated; nullptr for a key that takes any text.
+  static char const* choices(std::string const& key);
 };
 
 #endif  // TAMREL_AGENT_BASE_AGENTCONFIG_H_

@@ -6,8 +6,6 @@
 #include <cstdio>
 
 #include "agent/base/log.h"
-#include "agent/commands/command.h"
-#include "agent/commands/installoutcome.h"
 
 namespace {
 
@@ -39,9 +37,8 @@ ActionDriver::ActionDriver(libtamrelcore& client, AgentConfig const& config,
                            ControlStatus& ui)
     : config_(config),
       download_(download),
-      lock_(lock),
       stop_(stop),
-      installer_(config, streamer, lock, stop),
+      chunk_(config, download, lock, streamer, stop, ui),
       record_(config.stateDir),
       reports_(client, transport, server),
       reboot_(config, stop),
@@ -224,18 +221,20 @@ std::optional<Event> ActionDriver::perform(Work work, ActionState const& before)
       return e;
     }
     case Work::kInstall:
-      return install();
+      return chunk_.install(state_, current() ? deployment_ : nullptr, plan_, files_);
     case Work::kReportProgress: {
       // Sent with the next chunk recorded: the one before it is installed.
       Event e = event(Kind::kFeedback);
-      std::string const done = chunkLabel(state_.chunk - 1) + ": installed";
+      std::string const done =
+          ChunkStep::label(state_, current() ? deployment_ : nullptr, state_.chunk - 1) +
+          ": installed";
       e.answer = reports_.proceed(ActionReports::of(state_), done, state_.chunk);
       Log::info("deployment %s: %s, progress feedback %s", state_.actionId.c_str(), done.c_str(),
                 e.answer == Answer::k2xx ? "sent" : "not taken");
       return e;
     }
     case Work::kRecoverInstall:
-      return recoverInstall();
+      return chunk_.recover(state_, current() ? deployment_ : nullptr);
     case Work::kAnnounce: {
       Event e = event(Kind::kFeedback);
       e.answer = proceed("installed, rebooting to confirm");
@@ -300,7 +299,7 @@ std::optional<Event> ActionDriver::download() {
     AgentConfig::Install const how = config_.installFor(chunk.part);
     // Nothing is fetched for an action that could not be installed whole.
     // (Logged with the failure's report.)
-    if (installing && how.command.empty() && commandsConfigured()) {
+    if (installing && how.command.empty() && chunk_.commandsConfigured()) {
       state_.details.push_back("no install command for module type '" + chunk.part + "'");
       return event(Kind::kFailed);
     }
@@ -323,149 +322,6 @@ std::optional<Event> ActionDriver::download() {
   if (success) return e;
   download_.removeEmptyDirectories(*deployment_);
   return event(Kind::kFailed);
-}
-
-std::string ActionDriver::outcomeTag() const {
-  return state_.actionId + ":" + std::to_string(state_.chunk);
-}
-
-std::optional<Event> ActionDriver::install() {
-  std::size_t const c = state_.chunk;
-  if (!commandsConfigured()) return exited(Kind::kCommandExited, Exit::kOk);
-  if (!current()) {
-    Log::info("deployment %s: %s runs when the server offers the action again",
-              state_.actionId.c_str(), state_.describe().c_str());
-    return std::nullopt;
-  }
-  if (c >= deployment_->chunks.size()) return event(Kind::kFailed);
-  auto& chunk = deployment_->chunks[c];
-  AgentConfig::Install const how = config_.installFor(chunk.part);
-  if (how.command.empty()) {
-    // The configuration changed since the download.
-    std::string const why = "no install command for module type '" + chunk.part + "'";
-    Log::error("deployment %s: chunk %s: %s", state_.actionId.c_str(), chunk.name.c_str(),
-               why.c_str());
-    state_.details.push_back(why);
-    return installFailed(c, std::string());
-  }
-  // Resumed in a later run: what is on disk and verifies is kept.
-  if (files_.size() != deployment_->chunks.size()) {
-    files_.assign(deployment_->chunks.size(), {});
-    if (!download_.run(*deployment_, *plan_, files_)) {
-      if (stop_.load()) return event(Kind::kStop);
-      state_.details.push_back("the artifacts could not be fetched again to resume the install");
-      return event(Kind::kFailed);
-    }
-  }
-  if (how.mode == "file" && files_[c].empty()) return exited(Kind::kCommandExited, Exit::kOk);
-  std::string error;
-  if (!lock_.take(stop_, config_.installTimeoutSeconds * 1000LL, error)) {
-    if (error.empty()) return event(Kind::kStop);
-    state_.details.push_back("install command not run: " + error);
-    return installFailed(c, "install command not run");
-  }
-  std::string const outcomePath = workDir() + "/outcome";
-  std::string ignored;
-  InstallOutcome::remove(outcomePath, ignored);
-  Log::info("deployment %s: installing %s", state_.actionId.c_str(), chunkLabel(c).c_str());
-  chunk.details.clear();
-  ui_.event("install-started", {{"action", state_.actionId},
-                                {"chunk", std::to_string(c + 1)},
-                                {"part", chunk.part},
-                                {"name", chunk.name},
-                                {"version", chunk.version}});
-  std::string why;
-  ChunkInstaller::Result const result =
-      installer_.install(*deployment_, c, *plan_, how, files_[c], outcomePath, outcomeTag(), why);
-  Exit const exit = result == ChunkInstaller::Result::kDone     ? Exit::kOk
-                    : result == ChunkInstaller::Result::kReboot ? Exit::kReboot
-                    : result == ChunkInstaller::Result::kFailed ? Exit::kFailed
-                                                                : Exit::kStopped;
-  // The command's standard error tail, as the feedback carries it.
-  for (auto const& line : chunk.details)
-    if (line.rfind("install: ", 0) == 0)
-      ui_.event("install-output", {{"action", state_.actionId}, {"line", line.substr(9)}});
-  ui_.event("install-ended", {{"action", state_.actionId},
-                              {"chunk", std::to_string(c + 1)},
-                              {"exit", exit == Exit::kOk       ? "ok"
-                                       : exit == Exit::kReboot ? "reboot"
-                                       : exit == Exit::kFailed ? "failed"
-                                                               : "stopped"}});
-  if (exit != Exit::kStopped)
-    state_.details.insert(state_.details.end(), chunk.details.begin(), chunk.details.end());
-  if (exit == Exit::kFailed) {
-    Log::error("deployment %s: chunk %s: install command failed", state_.actionId.c_str(),
-               chunk.name.c_str());
-    return installFailed(c, why);
-  }
-  if (exit != Exit::kStopped)
-    state_.details.push_back(chunkLabel(c) + ": installed" +
-                             (exit == Exit::kReboot ? ", reboot needed" : ""));
-  return exited(Kind::kCommandExited, exit);
-}
-
-std::string ActionDriver::chunkLabel(std::size_t c) const {
-  std::string label =
-      "chunk " + std::to_string(c + 1) + " of " + std::to_string(state_.chunks.size());
-  if (current() && c < deployment_->chunks.size()) {
-    auto const& chunk = deployment_->chunks[c];
-    return label + " " + chunk.part + " " + chunk.version;
-  }
-  return c < state_.chunks.size() ? label + " " + state_.chunks[c] : label;
-}
-
-Event ActionDriver::installFailed(std::size_t c, std::string const& why) {
-  state_.details.push_back(chunkLabel(c) + ": failed" + (why.empty() ? "" : " (" + why + ")"));
-  for (std::size_t later = c + 1; later < state_.chunks.size(); ++later)
-    state_.details.push_back(chunkLabel(later) + ": not installed");
-  return exited(Kind::kCommandExited, Exit::kFailed);
-}
-
-std::optional<Event> ActionDriver::recoverInstall() {
-  // An install an earlier run left behind ends before anything else.
-  std::string error;
-  if (!lock_.take(stop_, config_.installTimeoutSeconds * 1000LL, error, false)) {
-    if (error.empty()) return std::nullopt;  // stopping
-    Log::warning("install lock: %s", error.c_str());
-  }
-  lock_.release();
-  std::string const outcomePath = workDir() + "/outcome";
-  CommandResult result;
-  // Ended by a signal (the agent's stop or death ended its group): run again.
-  if (!InstallOutcome::read(outcomePath, outcomeTag(), result) || result.exitCode < 0) {
-    Log::warning("deployment %s: %s was interrupted and left no outcome; it runs again",
-                 state_.actionId.c_str(), state_.describe().c_str());
-    return event(Kind::kNoOutcome);
-  }
-  // What a non-zero exit means depends on the chunk's part, known only with
-  // the deployment at hand: the outcome is kept and read at the next offer.
-  if (result.exitCode != 0 && !current() && !config_.partRebootExitCodes.empty()) {
-    Log::info(
-        "deployment %s: %s ended while the agent was down; its outcome is taken when the "
-        "server offers the action again",
-        state_.actionId.c_str(), state_.describe().c_str());
-    return std::nullopt;
-  }
-  int const rebootExitCode =
-      current() && state_.chunk < deployment_->chunks.size()
-          ? config_.installFor(deployment_->chunks[state_.chunk].part).rebootExitCode
-          : config_.rebootExitCode;
-  Exit const exit = result.exitCode == 0                                       ? Exit::kOk
-                    : rebootExitCode >= 0 && result.exitCode == rebootExitCode ? Exit::kReboot
-                                                                               : Exit::kFailed;
-  state_.details.push_back("install command " +
-                           std::string(exit == Exit::kFailed ? "failed" : "succeeded") + " (" +
-                           result.describe() + ", ended while the agent was down)");
-  Log::info("deployment %s: %s ended while the agent was down: %s", state_.actionId.c_str(),
-            state_.describe().c_str(), result.describe().c_str());
-  if (exit == Exit::kFailed) {
-    Event e = installFailed(state_.chunk, result.describe());
-    e.kind = Kind::kRecovered;
-    return e;
-  }
-  state_.details.push_back(chunkLabel(state_.chunk) + ": installed" +
-                           (exit == Exit::kReboot ? ", reboot needed" : ""));
-  return exited(Kind::kRecovered, exit);
 }
 
 std::optional<Event> ActionDriver::report() {

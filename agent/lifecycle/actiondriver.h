@@ -8,12 +8,12 @@
 
 #include "agent/base/agentconfig.h"
 #include "agent/base/deploymentplan.h"
-#include "agent/commands/chunkinstaller.h"
 #include "agent/commands/installlock.h"
 #include "agent/commands/streaminstaller.h"
 #include "agent/lifecycle/actionmachine.h"
 #include "agent/lifecycle/actionrecord.h"
 #include "agent/lifecycle/actionreports.h"
+#include "agent/lifecycle/chunkstep.h"
 #include "agent/lifecycle/controlstatus.h"
 #include "agent/lifecycle/rebootflow.h"
 #include "agent/server/agenttransport.h"
@@ -61,8 +61,6 @@ class ActionDriver {
   void feed(Event event);
   std::optional<Event> perform(Work work, ActionState const& before);
   std::optional<Event> download();
-  std::optional<Event> install();
-  std::optional<Event> recoverInstall();
   std::optional<Event> report();
   // Sends "proceeding" for the action with `detail`; the server's answer.
   ActionMachine::Answer proceed(std::string const& detail);
@@ -70,27 +68,11 @@ class ActionDriver {
   // Removes the downloaded files of the chunks of `state`.
   void dropFiles(ActionState const& state) const;
   bool current() const { return deployment_ && deployment_->id == state_.actionId; }
-  std::string outcomeTag() const;
-  // An install command is configured for some module type at least (not
-  // so in the demo and with --download-only).
-  bool commandsConfigured() const {
-    return !config_.installCommand.empty() || !config_.partCommands.empty();
-  }
-  // Where the install's outcome is kept.
-  std::string workDir() const {
-    return config_.stateDir.empty() ? config_.downloadDir : config_.stateDir;
-  }
-  // "chunk 2 of 3 bApp 1.1" (the chunk's name when the deployment is not at hand).
-  std::string chunkLabel(std::size_t chunk) const;
-  // Records that chunk `chunk` failed (`why`: "exit 4" and the like) and the
-  // later ones were not installed.
-  Event installFailed(std::size_t chunk, std::string const& why);
 
   AgentConfig const& config_;
   DeploymentDownload& download_;
-  InstallLock& lock_;
   std::atomic<bool> const& stop_;
-  ChunkInstaller installer_;
+  ChunkStep chunk_;  // installs the chunk the action stands at
   ActionRecord record_;
   ActionReports reports_;
   RebootFlow reboot_;
