@@ -53,7 +53,7 @@ char const kHelp[] =
     "  --help, -h, --version\n"
     "Lines go to standard output; under systemd (JOURNAL_STREAM) each starts with its\n"
     "syslog priority for journald, elsewhere with the UTC time. SIGINT and SIGTERM stop\n"
-    "the agent cleanly; SIGHUP is ignored.\n\n";
+    "the agent cleanly; SIGUSR1 makes it poll now (as tamrel-ctl poll); SIGHUP is ignored.\n\n";
 
 std::string exitCodesHelp() {
   std::string text = "\nexit status:\n";
@@ -159,7 +159,7 @@ int main(int argc, char** argv) {
       return kExitConfig;
     }
   }
-  SignalThread stopper(agent);
+  SignalThread stopper(agent, channel);
   if (!installed.empty()) return agent.reportInstalled(installed[0], installed[1]);
   if (!agent.connect()) {
     Log::error("%s: the library refused the settings", configPath.c_str());

@@ -6,9 +6,11 @@
 #include <atomic>
 #include <thread>
 
+class ControlChannel;
 class UpdateAgent;
 
-// A thread that turns SIGINT/SIGTERM into a clean stop of the agent, and
+// A thread that turns SIGINT/SIGTERM into a clean stop of the agent, SIGUSR1
+// into a poll now (a request on the control channel, as a UI's "poll"), and
 // ignores SIGHUP (a reload request or a closed terminal) with a log line. Call
 // blockStopSignals() first thing in main(), before any thread exists: the
 // signals are then blocked in every thread, so only this one receives them,
@@ -17,7 +19,7 @@ class SignalThread {
  public:
   static void blockStopSignals();
 
-  explicit SignalThread(UpdateAgent& agent);
+  SignalThread(UpdateAgent& agent, ControlChannel& channel);
   ~SignalThread();
   SignalThread(SignalThread const&) = delete;
   SignalThread& operator=(SignalThread const&) = delete;

@@ -8,9 +8,11 @@ set -uo pipefail
 . "$(dirname "$0")/lib.sh"
 "$build/tamrel-demo" > "$work/demo.log" 2>&1
 check "demo exits 0" test $? -eq 0
-check "demo: deployment and cancel closed/success, consent confirmed by the command, each module to its command" eval \
+check "demo: deployment and cancel closed/success, consent confirmed by the command, each module to its command, a UI watching and consenting" eval \
   'grep -q "deployment 1 closed/success, cancel request 2 closed/success" "$work/demo.log" &&
    grep -q "action 3 confirmed by the consent command, then closed/success" "$work/demo.log" &&
+   grep -q "action 5 confirmed through the control socket, closed/success; the watcher saw it closed" "$work/demo.log" &&
+   grep -q "^.*ui| consent-needed  \[consent-needed\]  action=5" "$work/demo.log" &&
    grep -q "action 4: os installed by install-os, app by install-app; proceeding feedback 0 of 2, 1 of 2; closed/success" "$work/demo.log" &&
    grep -q "metadata \[{\"key\":\"service\",\"value\":\"dashboard.service\"},{\"key\":\"restart\",\"value\":\"yes\"}\]" "$work/demo.log"'
 check "demo: download dir removed" \

@@ -53,7 +53,8 @@ check "watch: offered, verified, the install's output and end, in order" eval \
      "$work/w1" | tr -d " " | paste -sd, |
      grep -qx "offered,verified,install-started,install-output,line=installing.*bin,install-ended,closed"'
 
-# Held again: kept across a restart; poll polls once, release resumes at once.
+# Held again: kept across a restart; poll polls once, release resumes at
+# once, and so does SIGUSR1 in an hour's wait.
 watch "$work/w2"
 stop
 before=$(polls)
@@ -64,6 +65,8 @@ check "hold survives a restart: no poll after it" eval 'test "$(polls)" -eq "$be
 check "poll while held: polled at once" wait_for 'controller/v1/dev01$' "$log" $((before + 1))
 "$ctl" --socket "$sock" release > /dev/null
 check "release: polled at once" wait_for 'controller/v1/dev01$' "$log" $((before + 2))
+kill -USR1 "$apid"
+check "SIGUSR1: polled at once" wait_for 'controller/v1/dev01$' "$log" $((before + 3))
 stop
 
 # consent = socket: the action waits as "consent-needed" until the UI answers.
