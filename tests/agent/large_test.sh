@@ -5,11 +5,11 @@
 # usage: large_test.sh BUILD_DIR   (KEEP=1 keeps the work directory)
 set -uo pipefail
 . "$(dirname "$0")/lib.sh"
-mkdir -p "$work/big"
-big=$work/big/big.img size=$((4 * 1024 ** 3 + 1024 ** 2))
+mkdir -p "$work/art"
+big=$work/art/big.img size=$((4 * 1024 ** 3 + 1024 ** 2))
 truncate -s $size "$big"
 head -c $((2 * 1024 ** 2)) /dev/urandom | dd of="$big" bs=1M seek=4095 conv=notrunc status=none
-serve --artifacts "$work/big" --slow 200
+serve --slow 200
 mkdir -p "$dl/firmware"
 truncate -s $((4 * 1024 ** 3 + 512 * 1024)) "$dl/firmware/big.img"
 echo 'install-command = true' >> "$conf"

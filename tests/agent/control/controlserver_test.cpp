@@ -161,8 +161,10 @@ TEST_F(ControlServerTest, AWatcherThatDoesNotReadNeverHoldsUpPublishingAndIsTold
   for (int i = 0; i < published; ++i)
     channel.publish("progress",
                     "\"n\":" + std::to_string(i) + ",\"pad\":\"" + std::string(100, 'p') + "\"");
-  // Nobody waits for the watcher: publishing takes what the events take.
-  EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(5));
+  // Nobody waits for the watcher: publishing ends though it never reads (a
+  // publisher held up by it would never end; the cap only bounds that run,
+  // valgrind's too).
+  EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(60));
   EXPECT_EQ(other.ask(kStatus), R"({"ok":true,"status":{"protocol":1}})");
 
   // Read again: every event is either seen, in order, or counted missed.
