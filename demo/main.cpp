@@ -29,6 +29,8 @@
 #include "ddiserver/ddidocument.h"
 #include "ddiserver/ddiserver.h"
 #include "ddiserver/hawkbittarget.h"
+#include "demo/demohawkbit.h"
+#include "demo/uidemo.h"
 #include "digest/digest.h"
 
 namespace {
@@ -42,45 +44,6 @@ void removeTree(char const* dir) {
       dir, [](char const* path, struct stat const*, int, FTW*) { return std::remove(path); }, 16,
       FTW_DEPTH | FTW_PHYS);
 }
-
-// `content` served at /artifacts/NAME, as the artifact element that lists
-// its MD5 (and SHA-1 unless `sha1` is false) digest.
-ddiserver::ArtifactDocument artifactOf(ddiserver::DdiServer& server, std::string const& name,
-                                       std::string const& content, bool sha1 = true) {
-  using tamrel::Digest;
-  ddiserver::ArtifactDocument artifact;
-  artifact.filename = name;
-  artifact.size = content.size();
-  artifact.hashes["md5"] = Digest::of(Digest::Kind::kMd5, content.data(), content.size());
-  if (sha1)
-    artifact.hashes["sha1"] = Digest::of(Digest::Kind::kSha1, content.data(), content.size());
-  artifact.links["download-http"] = server.addArtifact("/artifacts/" + name, content);
-  return artifact;
-}
-
-// A server whose requests are answered by a hawkBit target with this
-// action, polled every 30 s, asking for the demo's token.
-struct Hawkbit {
-  ddiserver::DdiServer server;
-  ddiserver::HawkbitTarget target;
-
-  explicit Hawkbit(bool confirmRequired = false) : target(options(server, confirmRequired)) {
-    server.setRequireToken("demo-token");
-    server.setHandler(
-        [this](ddiserver::RecordedRequest const& request, ddiserver::DdiServer::Answer& answer) {
-          return target.answer(request, answer);
-        });
-  }
-  static ddiserver::HawkbitTarget::Options options(ddiserver::DdiServer const& server,
-                                                   bool confirmRequired) {
-    ddiserver::HawkbitTarget::Options options;
-    options.baseUrl = server.baseUrl();
-    options.controllerPath = server.controllerPath();
-    options.sleep = "00:00:30";
-    options.confirmRequired = confirmRequired;
-    return options;
-  }
-};
 
 // Two chunks (an os and an app module), three artifacts of a few MiB, one of
 // them with MD5 only.
@@ -102,7 +65,7 @@ ddiserver::DeploymentDocument offer(ddiserver::DdiServer& server) {
       std::string content(item.size, '\0');
       for (char& c : content) c = static_cast<char>(random());
       deployment.chunks.back().artifacts.push_back(
-          artifactOf(server, item.name, content, item.sha1));
+          DemoHawkbit::artifactOf(server, item.name, content, item.sha1));
       // Paced (about 8 MiB/s) so that the progress bars can be watched.
       ddiserver::Fault paced;
       paced.chunkBytes = 128 << 10;
@@ -159,34 +122,6 @@ void printRequests(ddiserver::DdiServer const& server) {
   }
 }
 
-// The number of feedback messages, and whether the last one to a path
-// holding `where` was closed/success.
-bool closedWithSuccess(ddiserver::DdiServer const& server, std::string const& where,
-                       int* feedbacks = nullptr) {
-  bool closed = false;
-  for (auto const& request : server.requests("POST")) {
-    if (request.path.find("/feedback") == std::string::npos) continue;
-    if (feedbacks != nullptr) ++*feedbacks;
-    if (request.path.find(where) == std::string::npos) continue;
-    auto const sent = ddiserver::readFeedback(request.body);
-    closed = sent.execution == "closed" && sent.finished == "success";
-  }
-  return closed;
-}
-
-AgentConfig demoConfig(std::string const& base, std::string const& dir) {
-  AgentConfig config;
-  config.demo = true;
-  config.downloadDir = dir;
-  config.stateDir = dir;
-  auto& table = *config.properties;
-  *table["address"] = base;
-  *table["tenant-id"] = "DEFAULT";
-  *table["controller-id"] = "dev01";
-  *table["token"] = "demo-token";
-  return config;
-}
-
 // One agent through one poll; false when it could not connect or was
 // stopped.
 bool runAgent(AgentConfig const& config) {
@@ -207,7 +142,7 @@ bool deployAndCancel(std::string const& dir) {
   server.setDeploymentBase("1", ddiserver::deploymentBaseJson(offer(server)));
   server.setControllerBase(
       ddiserver::controllerBaseJson(base, server.controllerPath(), "00:00:30", "1", "", true));
-  AgentConfig config = demoConfig(base, dir);
+  AgentConfig config = DemoHawkbit::config(base, dir);
   config.attributes = {{"hw-revision", "2"}, {"serial", "demo-0001"}};
   std::printf("DDI test server on %s, downloads into %s\n", base.c_str(), dir.c_str());
   ControlChannel channel;
@@ -225,8 +160,8 @@ bool deployAndCancel(std::string const& dir) {
   if (agent.stopping()) return false;
   printRequests(server);
   int feedbacks = 0;
-  bool const deployed = closedWithSuccess(server, "/deploymentBase/1/", &feedbacks);
-  bool const cancelled = closedWithSuccess(server, "/cancelAction/2/");
+  bool const deployed = DemoHawkbit::closedWithSuccess(server, "/deploymentBase/1/", &feedbacks);
+  bool const cancelled = DemoHawkbit::closedWithSuccess(server, "/cancelAction/2/");
   std::printf("summary: %zu requests, %d feedback messages; deployment 1 %s, cancel request 2 %s\n",
               server.requests().size(), feedbacks,
               deployed ? "closed/success" : "NOT closed/success",
@@ -239,17 +174,17 @@ bool deployAndCancel(std::string const& dir) {
 // agrees. True when the action was confirmed by the command and then
 // closed with success.
 bool consent(std::string const& dir) {
-  Hawkbit hawkbit(true);
+  DemoHawkbit hawkbit(true);
   ddiserver::DeploymentDocument deployment;
   deployment.id = "3";
   deployment.chunks.push_back(
       {"os",
        "2.1",
        "rootfs",
-       {artifactOf(hawkbit.server, "rootfs.img", std::string(256 << 10, 'x'))}});
+       {DemoHawkbit::artifactOf(hawkbit.server, "rootfs.img", std::string(256 << 10, 'x'))}});
   hawkbit.target.assign(deployment);
 
-  AgentConfig config = demoConfig(hawkbit.server.baseUrl(), dir);
+  AgentConfig config = DemoHawkbit::config(hawkbit.server.baseUrl(), dir);
   mkdir(dir.c_str(), 0700);  // where the action is recorded
   config.consent = "command";
   config.consentCommand = "echo \"the driver agrees to action $1: $2 $3\"; exit 0";
@@ -261,7 +196,7 @@ bool consent(std::string const& dir) {
     auto const sent = ddiserver::readConfirmationFeedback(request.body);
     confirmed = sent.confirmed && sent.code == 0;
   }
-  bool const closed = closedWithSuccess(hawkbit.server, "/deploymentBase/3/");
+  bool const closed = DemoHawkbit::closedWithSuccess(hawkbit.server, "/deploymentBase/3/");
   std::printf("summary: action 3 %s by the consent command, %s\n",
               confirmed ? "confirmed" : "NOT confirmed",
               closed ? "then closed/success" : "NOT closed/success");
@@ -303,22 +238,24 @@ bool writeModulesConfig(std::string const& path, std::string const& base, std::s
 // commands. True when each command got its own module and the action was
 // closed with success after a progress feedback per module.
 bool modules(std::string const& dir) {
-  Hawkbit hawkbit;
+  DemoHawkbit hawkbit;
   ddiserver::DdiServer& server = hawkbit.server;
   ddiserver::DeploymentDocument deployment;
   deployment.id = "4";
-  deployment.chunks.push_back({"os",
-                               "2.2",
-                               "rootfs",
-                               {artifactOf(server, "rootfs.img", std::string(512 << 10, 'o'))},
-                               false,
-                               {{"min-bootloader", "2024.01"}}});
-  deployment.chunks.push_back({"app",
-                               "1.4",
-                               "dashboard",
-                               {artifactOf(server, "dashboard.tar", std::string(64 << 10, 'a'))},
-                               false,
-                               {{"service", "dashboard.service"}, {"restart", "yes"}}});
+  deployment.chunks.push_back(
+      {"os",
+       "2.2",
+       "rootfs",
+       {DemoHawkbit::artifactOf(server, "rootfs.img", std::string(512 << 10, 'o'))},
+       false,
+       {{"min-bootloader", "2024.01"}}});
+  deployment.chunks.push_back(
+      {"app",
+       "1.4",
+       "dashboard",
+       {DemoHawkbit::artifactOf(server, "dashboard.tar", std::string(64 << 10, 'a'))},
+       false,
+       {{"service", "dashboard.service"}, {"restart", "yes"}}});
   hawkbit.target.assign(deployment);
 
   std::string const record = dir + "/installed", config = dir + "/agent.conf";
@@ -348,132 +285,13 @@ bool modules(std::string const& dir) {
   std::string progress;
   for (ddiserver::Progress const& step : hawkbit.target.progress("4"))
     progress += ", " + std::to_string(step.cnt) + " of " + std::to_string(step.of);
-  bool const closed = closedWithSuccess(server, "/deploymentBase/4/");
+  bool const closed = DemoHawkbit::closedWithSuccess(server, "/deploymentBase/4/");
   std::printf("summary: action 4: %s; proceeding feedback%s; %s\n",
               routed ? "os installed by install-os, app by install-app"
                      : "the modules did NOT reach their commands",
               progress.empty() ? " none" : progress.substr(1).c_str(),
               closed ? "closed/success" : "NOT closed/success");
   return routed && closed && !progress.empty();
-}
-
-// The tamrel-ctl built beside this program.
-std::string ctlPath() {
-  char self[PATH_MAX] = {};
-  ssize_t const size = readlink("/proc/self/exe", self, sizeof self - 1);
-  std::string path = size > 0 ? std::string(self, static_cast<std::size_t>(size)) : "";
-  return path.substr(0, path.rfind('/') + 1) + "tamrel-ctl";
-}
-
-// What a device UI sees: `tamrel-ctl watch` on the agent's control socket,
-// each of its lines printed as "ui| ...", and the consent the UI gives with
-// `tamrel-ctl consent` once the watcher shows that the action waits for it.
-// True when the watcher saw the action closed with success and the server
-// got the confirmation.
-bool controlSocket(std::string const& dir) {
-  Hawkbit hawkbit(true);
-  ddiserver::DeploymentDocument deployment;
-  deployment.id = "5";
-  deployment.chunks.push_back(
-      {"os",
-       "2.3",
-       "rootfs",
-       {artifactOf(hawkbit.server, "rootfs.img", std::string(2 << 20, 'c'))}});
-  hawkbit.target.assign(deployment);
-  mkdir(dir.c_str(), 0700);
-  AgentConfig config = demoConfig(hawkbit.server.baseUrl(), dir);
-  config.consent = "socket";
-  config.controlSocket = dir + "/agent.sock";
-  std::string const ctl = ctlPath(), socket = " --socket '" + config.controlSocket + "'";
-  if (access(ctl.c_str(), X_OK) != 0) {
-    std::fprintf(stderr, "tamrel-demo: no %s (build it: make build)\n", ctl.c_str());
-    return false;
-  }
-
-  ControlChannel channel;
-  UpdateAgent agent(config, channel);
-  SignalThread stopper(agent, channel);
-  std::atomic<bool> watching{false}, closed{false};
-  std::thread ui;
-  {
-    ControlServer server(channel);
-    ControlServer::Settings settings;
-    settings.path = config.controlSocket;
-    settings.group = getegid();
-    std::string const problem = server.start(settings);
-    if (!problem.empty()) {
-      std::fprintf(stderr, "tamrel-demo: %s\n", problem.c_str());
-      return false;
-    }
-    FILE* const watch = popen((ctl + socket + " watch").c_str(), "r");
-    if (watch == nullptr) return false;
-    std::printf("ui> tamrel-ctl watch\n");
-    ui = std::thread([&] {
-      // read(), not the stream's functions: those would hold its lock while
-      // they wait, and the agent's fflush(NULL) would wait for it.
-      std::string input;
-      char text[1024];
-      for (;;) {
-        std::string::size_type const end = input.find('\n');
-        if (end == std::string::npos) {
-          ssize_t const got = read(fileno(watch), text, sizeof text);
-          if (got <= 0) break;
-          input.append(text, static_cast<std::size_t>(got));
-          continue;
-        }
-        std::string const line = input.substr(0, end + 1);
-        input.erase(0, end + 1);
-        if (line.find("  demo-watching") != std::string::npos) {
-          watching = true;
-          continue;
-        }
-        // The event's time is the line's own, shown once.
-        std::string::size_type const timed = line.find("Z  ");
-        std::printf("ui| %s", line.substr(timed == 19 ? 22 : 0).c_str());
-        std::fflush(stdout);
-        std::string::size_type const at = line.find("  consent-needed  ");
-        std::string::size_type const id = line.find("action=", at == std::string::npos ? 0 : at);
-        if (at != std::string::npos && id != std::string::npos) {
-          std::string const action = line.substr(id + 7, line.find_first_of(" \n", id) - id - 7);
-          std::printf("ui> tamrel-ctl consent %s confirm\n", action.c_str());
-          std::fflush(stdout);
-          if (std::system((ctl + socket + " consent " + action + " confirm").c_str()) != 0)
-            std::printf("ui: the consent was refused\n");
-        }
-        if (line.find("  closed  ") != std::string::npos) closed = true;
-      }
-    });
-    // Events reach only a watcher that is there: wait until it sees one.
-    for (int i = 0; i < 500 && !watching; ++i) {
-      channel.publish("demo-watching");
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    if (watching && agent.connect()) {
-      // Polls until the action is closed: the consent ends the wait at once.
-      for (int cycles = 0; cycles < 6 && !closed && !agent.stopping(); ++cycles) {
-        UpdateAgent::Cycle const cycle = agent.cycle();
-        if (closedWithSuccess(hawkbit.server, "/deploymentBase/5/")) break;
-        agent.wait(cycle.sleepSeconds);
-      }
-    }
-    // The watcher sees the closing event before the socket closes.
-    for (int i = 0; i < 500 && watching && !closed; ++i)
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    server.stop();
-    ui.join();
-    pclose(watch);
-  }
-  bool confirmed = false;
-  for (auto const& request : hawkbit.server.requests("POST")) {
-    if (request.path.find("/confirmationBase/5/feedback") == std::string::npos) continue;
-    confirmed = ddiserver::readConfirmationFeedback(request.body).confirmed;
-  }
-  bool const done = closedWithSuccess(hawkbit.server, "/deploymentBase/5/");
-  std::printf("summary: action 5 %s through the control socket, %s; the watcher %s\n",
-              confirmed ? "confirmed" : "NOT confirmed",
-              done ? "closed/success" : "NOT closed/success",
-              closed ? "saw it closed" : "did NOT see it closed");
-  return confirmed && done && closed;
 }
 
 }  // namespace
@@ -500,7 +318,7 @@ int main(int argc, char** argv) {
   if (ok) {
     std::printf(
         "== a deployment followed by a UI on the control socket, which gives the consent\n");
-    ok = controlSocket(std::string(dir) + "/ui");
+    ok = UiDemo::run(std::string(dir) + "/ui");
   }
   removeTree(dir);
   return ok ? 0 : 1;
