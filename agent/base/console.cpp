@@ -88,12 +88,7 @@ bool journalStream(int fd) {
 // stamps lines itself, else the UTC time.
 std::string lineStart(Stream const& stream, int level) {
   if (stream.journal) return "<" + std::to_string(level) + ">";
-  std::time_t const now = std::time(nullptr);
-  std::tm utc{};
-  gmtime_r(&now, &utc);
-  char text[32];
-  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ ", &utc);
-  return text;
+  return Console::utcTime(std::time(nullptr)) + " ";
 }
 
 // What ends a line: how much was cut from it, and the line break.
@@ -199,6 +194,14 @@ FILE* open(Stream& stream) {
 Stream& streamOf(Console::Channel channel) { return channel == Console::Channel::kOut ? out : err; }
 
 }  // namespace
+
+std::string Console::utcTime(std::time_t when) {
+  std::tm utc{};
+  gmtime_r(&when, &utc);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
+  return text;
+}
 
 Console::Console() {
   std::fflush(stdout);

@@ -2,6 +2,7 @@
 #define TAMREL_AGENT_BASE_CONSOLE_H_
 
 #include <cstddef>
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -33,6 +34,8 @@ class Console {
   static void live(std::string const& text);
   // True when `text` is valid UTF-8 without control characters.
   static bool printable(std::string const& text);
+  // `when` as the UTC time lines are stamped with: 2026-01-02T03:04:05Z.
+  static std::string utcTime(std::time_t when);
 
   enum class Channel { kOut, kErr };
   // While it lives, what the creating thread writes to the channel is kept

@@ -14,6 +14,8 @@ class JsonText {
   using Document = std::unique_ptr<cJSON, void (*)(cJSON*)>;
   // The string member `key` of `object`; "" when absent or not a string.
   static std::string member(cJSON const* object, char const* key);
+  // `text` as a JSON string, quotes and escapes included.
+  static std::string quoted(std::string const& text);
 };
 
 #endif  // TAMREL_AGENT_BASE_JSONTEXT_H_

@@ -1,30 +1,10 @@
 #include "agent/control/controlchannel.h"
 
-#include <cjson/cJSON.h>
-
 #include <ctime>
 #include <utility>
 
+#include "agent/base/console.h"
 #include "agent/base/jsontext.h"
-
-namespace {
-
-std::string quoted(std::string const& text) {
-  JsonText::Document string(cJSON_CreateString(text.c_str()), cJSON_Delete);
-  std::unique_ptr<char, void (*)(void*)> printed(cJSON_PrintUnformatted(string.get()), cJSON_free);
-  return printed ? printed.get() : "\"\"";
-}
-
-std::string now() {
-  std::time_t const seconds = std::time(nullptr);
-  std::tm utc{};
-  gmtime_r(&seconds, &utc);
-  char text[32];
-  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
-  return text;
-}
-
-}  // namespace
 
 ControlChannel::ControlChannel(std::size_t kept) : kept_(kept == 0 ? 1 : kept) {}
 
@@ -41,7 +21,8 @@ void ControlChannel::publish(std::string const& name, std::string const& members
   {
     std::lock_guard<std::mutex> hold(mutex_);
     auto const state = status_.find("state");
-    std::string line = "{\"time\":\"" + now() + "\",\"event\":" + quoted(name) +
+    std::string line = "{\"time\":\"" + Console::utcTime(std::time(nullptr)) +
+                       "\",\"event\":" + JsonText::quoted(name) +
                        ",\"state\":" + (state == status_.end() ? "null" : state->second);
     if (!members.empty()) line += "," + members;
     line += "}";
@@ -72,10 +53,10 @@ void ControlChannel::onRequest(std::function<void()> wake) {
 std::string ControlChannel::status() const {
   std::lock_guard<std::mutex> hold(mutex_);
   std::string line = "{\"protocol\":" + std::to_string(kProtocol);
-  for (auto const& [key, json] : status_) line += "," + quoted(key) + ":" + json;
+  for (auto const& [key, json] : status_) line += "," + JsonText::quoted(key) + ":" + json;
   if (!waitingFor_.empty())
-    line += ",\"waiting\":{\"action\":" + quoted(waitingAction_) +
-            ",\"for\":" + quoted(waitingFor_) + "}";
+    line += ",\"waiting\":{\"action\":" + JsonText::quoted(waitingAction_) +
+            ",\"for\":" + JsonText::quoted(waitingFor_) + "}";
   return line + "}";
 }
 

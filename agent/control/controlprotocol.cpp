@@ -20,12 +20,6 @@ constexpr Named kChanges[] = {
     {"consent", Kind::kConsent}, {"permit", Kind::kPermit},
 };
 
-std::string quoted(std::string const& text) {
-  JsonText::Document string(cJSON_CreateString(text.c_str()), cJSON_Delete);
-  std::unique_ptr<char, void (*)(void*)> printed(cJSON_PrintUnformatted(string.get()), cJSON_free);
-  return printed ? printed.get() : "\"\"";
-}
-
 // A string member that must be there and be one of `words` ("a|b"), or any
 // non-empty text when `words` is null; "" when it is fine, else why not.
 std::string need(cJSON const* object, char const* key, char const* words, std::string& value) {
@@ -109,7 +103,7 @@ std::string ControlProtocol::ok(std::string const& members) {
 }
 
 std::string ControlProtocol::error(std::string const& message) {
-  return "{\"ok\":false,\"error\":" + quoted(message) + "}";
+  return "{\"ok\":false,\"error\":" + JsonText::quoted(message) + "}";
 }
 
 std::string ControlProtocol::dropped(std::uint64_t count) {

@@ -16,18 +16,6 @@ using Exit = ActionMachine::Exit;
 using Answer = ActionMachine::Answer;
 using Event = ActionMachine::Event;
 
-Event event(Kind kind) {
-  Event e;
-  e.kind = kind;
-  return e;
-}
-
-Event exited(Kind kind, Exit exit) {
-  Event e = event(kind);
-  e.exit = exit;
-  return e;
-}
-
 }  // namespace
 
 ActionDriver::ActionDriver(libtamrelcore& client, AgentConfig const& config,
@@ -58,7 +46,7 @@ void ActionDriver::start(std::string const& baseUrl) {
   if (!newBoot && (state_.stage == Stage::kAnnouncing || state_.stage == Stage::kRebooting))
     Log::info("deployment %s: installed, but this is still the boot that installed it",
               state_.actionId.c_str());
-  feed(event(newBoot ? Kind::kStartNewBoot : Kind::kStartSameBoot));
+  feed(Event::of(newBoot ? Kind::kStartNewBoot : Kind::kStartSameBoot));
 }
 
 bool ActionDriver::offered(deployment_t& deployment, DeploymentPlan const& plan) {
@@ -69,7 +57,7 @@ bool ActionDriver::offered(deployment_t& deployment, DeploymentPlan const& plan)
                deployment.id.c_str(), unreadable_.c_str());
     return false;
   }
-  Event e = event(Kind::kOffered);
+  Event e = Event::of(Kind::kOffered);
   e.actionId = deployment.id;
   for (auto const& chunk : deployment.chunks) {
     e.chunks.push_back(chunk.name);
@@ -91,7 +79,7 @@ bool ActionDriver::offered(deployment_t& deployment, DeploymentPlan const& plan)
   failed_ = false;
   if (!permittedAction_.empty() && permittedAction_ == deployment.id &&
       state_.actionId == deployment.id) {
-    Event p = event(Kind::kPermitted);
+    Event p = Event::of(Kind::kPermitted);
     p.actionId = deployment.id;
     p.permit = permitted_;
     e = p;
@@ -109,13 +97,13 @@ bool ActionDriver::holdPolling(bool hold) {
                hold ? "not held" : "not released", unreadable_.c_str());
     return false;
   }
-  feed(event(hold ? Kind::kHoldPolling : Kind::kReleasePolling));
+  feed(Event::of(hold ? Kind::kHoldPolling : Kind::kReleasePolling));
   return state_.pollingHeld == hold;
 }
 
 void ActionDriver::consentNeeded(std::string const& id, std::vector<std::string> const& chunks) {
   if (!unreadable_.empty()) return;
-  Event e = event(Kind::kConsentAsked);
+  Event e = Event::of(Kind::kConsentAsked);
   e.actionId = id;
   e.chunks = chunks;
   feed(e);
@@ -123,7 +111,7 @@ void ActionDriver::consentNeeded(std::string const& id, std::vector<std::string>
 
 void ActionDriver::consentAnswered(std::string const& id) {
   if (!unreadable_.empty()) return;
-  Event e = event(Kind::kConsentAnswered);
+  Event e = Event::of(Kind::kConsentAnswered);
   e.actionId = id;
   feed(e);
 }
@@ -134,7 +122,7 @@ void ActionDriver::permit(std::string const& id, ActionMachine::Permit what) {
 }
 
 void ActionDriver::notOffered() {
-  if (unreadable_.empty()) feed(event(Kind::kNotOffered));
+  if (unreadable_.empty()) feed(Event::of(Kind::kNotOffered));
 }
 
 void ActionDriver::cancel(hawkbit_query_t::cancel_action_t const& cancel) {
@@ -144,7 +132,7 @@ void ActionDriver::cancel(hawkbit_query_t::cancel_action_t const& cancel) {
                cancel.stop_id.c_str(), unreadable_.c_str());
     return;
   }
-  Event e = event(Kind::kCancel);
+  Event e = Event::of(Kind::kCancel);
   e.actionId = cancel.stop_id;
   cancel_ = &cancel;
   feed(e);
@@ -167,7 +155,7 @@ void ActionDriver::feed(Event e) {
       step.state.bootId = reboot_.bootId();
     std::string error;
     if (step.state.format() != state_.format() && !record_.save(step.state, error)) {
-      step = ActionMachine::next(state_, event(Kind::kWriteFailed));
+      step = ActionMachine::next(state_, Event::of(Kind::kWriteFailed));
       halted_ = error;
       Log::error("action %s: %s cannot be recorded (%s); the action stops at %s",
                  (e.actionId.empty() ? state_.actionId : e.actionId).c_str(),
@@ -207,14 +195,14 @@ std::optional<Event> ActionDriver::perform(Work work, ActionState const& before)
     case Work::kProceedAndDownload: {
       Log::info("deployment %s: %zu chunk(s)%s", state_.actionId.c_str(), state_.chunks.size(),
                 config_.downloadOnly || (plan_ && plan_->downloadOnly()) ? ", download only" : "");
-      Event e = event(Kind::kFeedback);
+      Event e = Event::of(Kind::kFeedback);
       e.answer = proceed(std::string());
       return e;
     }
     case Work::kDownload:
       return download();
     case Work::kReportWaiting: {
-      Event e = event(Kind::kFeedback);
+      Event e = Event::of(Kind::kFeedback);
       e.answer = proceed("downloaded, waiting for maintenance window");
       Log::info("deployment %s: downloaded, waiting for the maintenance window",
                 state_.actionId.c_str());
@@ -224,7 +212,7 @@ std::optional<Event> ActionDriver::perform(Work work, ActionState const& before)
       return chunk_.install(state_, current() ? deployment_ : nullptr, plan_, files_);
     case Work::kReportProgress: {
       // Sent with the next chunk recorded: the one before it is installed.
-      Event e = event(Kind::kFeedback);
+      Event e = Event::of(Kind::kFeedback);
       std::string const done =
           ChunkStep::label(state_, current() ? deployment_ : nullptr, state_.chunk - 1) +
           ": installed";
@@ -236,7 +224,7 @@ std::optional<Event> ActionDriver::perform(Work work, ActionState const& before)
     case Work::kRecoverInstall:
       return chunk_.recover(state_, current() ? deployment_ : nullptr);
     case Work::kAnnounce: {
-      Event e = event(Kind::kFeedback);
+      Event e = Event::of(Kind::kFeedback);
       e.answer = proceed("installed, rebooting to confirm");
       Log::info("deployment %s: installed, needs a reboot, feedback %s", state_.actionId.c_str(),
                 e.answer == Answer::k2xx ? "sent" : "not taken; sent again later");
@@ -244,10 +232,10 @@ std::optional<Event> ActionDriver::perform(Work work, ActionState const& before)
     }
     case Work::kReboot:
       if (std::optional<Exit> const exit = reboot_.reboot(state_.actionId))
-        return exited(Kind::kCommandExited, *exit);
+        return Event::of(Kind::kCommandExited, *exit);
       return std::nullopt;
     case Work::kConfirm:
-      return exited(Kind::kCommandExited, reboot_.confirm(state_));
+      return Event::of(Kind::kCommandExited, reboot_.confirm(state_));
     case Work::kReport:
       return report();
     case Work::kReportInterrupted:
@@ -286,9 +274,9 @@ std::optional<Event> ActionDriver::download() {
   if (!plan_->problems().empty()) {
     for (auto const& line : plan_->problems()) Log::error("  refused: %s", line.c_str());
     state_.details.insert(state_.details.end(), plan_->problems().begin(), plan_->problems().end());
-    return event(Kind::kFailed);
+    return Event::of(Kind::kFailed);
   }
-  Event e = event(Kind::kDownloaded);
+  Event e = Event::of(Kind::kDownloaded);
   e.ask = config_.permit == "socket";
   e.offer = config_.downloadOnly || plan_->downloadOnly() ? ActionMachine::Offer::kDownloadOnly
             : plan_->mayInstall()                         ? ActionMachine::Offer::kInstall
@@ -301,7 +289,7 @@ std::optional<Event> ActionDriver::download() {
     // (Logged with the failure's report.)
     if (installing && how.command.empty() && chunk_.commandsConfigured()) {
       state_.details.push_back("no install command for module type '" + chunk.part + "'");
-      return event(Kind::kFailed);
+      return Event::of(Kind::kFailed);
     }
     // In install-mode stream and url nothing is stored ahead of the install.
     if (how.mode == "file") {
@@ -309,23 +297,23 @@ std::optional<Event> ActionDriver::download() {
     } else if (!installing) {
       state_.details.push_back("install-mode " + how.mode + " of module type '" + chunk.part +
                                "' stores nothing: a download-only action cannot be served");
-      return event(Kind::kFailed);
+      return Event::of(Kind::kFailed);
     }
   }
   if (!stored) return e;
   files_.assign(chunks.size(), {});
   bool const success = download_.run(*deployment_, *plan_, files_);
-  if (stop_.load()) return event(Kind::kStop);
+  if (stop_.load()) return Event::of(Kind::kStop);
   for (auto const& chunk : chunks)
     state_.details.insert(state_.details.end(), chunk.details.begin(), chunk.details.end());
   if (success) ui_.event("verified", {{"action", state_.actionId}});
   if (success) return e;
   download_.removeEmptyDirectories(*deployment_);
-  return event(Kind::kFailed);
+  return Event::of(Kind::kFailed);
 }
 
 std::optional<Event> ActionDriver::report() {
-  Event e = event(Kind::kFeedback);
+  Event e = Event::of(Kind::kFeedback);
   e.answer = reports_.result(state_);
   if (state_.result == Result::kFailure) failed_ = true;
   return e;

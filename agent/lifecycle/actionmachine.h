@@ -49,6 +49,13 @@ class ActionMachine {
     Answer answer = Answer::k2xx;              // kFeedback
     bool ask = false;                   // kOffered, kDownloaded: a UI permits the next step first
     Permit permit = Permit::kDownload;  // kPermitted
+
+    static Event of(Kind kind, Exit exit = Exit::kOk) {
+      Event e;
+      e.kind = kind;
+      e.exit = exit;
+      return e;
+    }
   };
 
   enum class Work {

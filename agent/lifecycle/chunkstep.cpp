@@ -10,18 +10,6 @@ using Kind = ActionMachine::Kind;
 using Exit = ActionMachine::Exit;
 using Event = ActionMachine::Event;
 
-Event event(Kind kind) {
-  Event e;
-  e.kind = kind;
-  return e;
-}
-
-Event exited(Kind kind, Exit exit) {
-  Event e = event(kind);
-  e.exit = exit;
-  return e;
-}
-
 // Tells the outcome of this chunk's install from an earlier one's.
 std::string tag(ActionState const& state) {
   return state.actionId + ":" + std::to_string(state.chunk);
@@ -45,13 +33,13 @@ std::string ChunkStep::outcomeFile() const {
 std::optional<ChunkStep::Event> ChunkStep::install(ActionState& state, deployment_t* deployment,
                                                    DeploymentPlan const* plan, Files& files) {
   std::size_t const c = state.chunk;
-  if (!commandsConfigured()) return exited(Kind::kCommandExited, Exit::kOk);
+  if (!commandsConfigured()) return Event::of(Kind::kCommandExited, Exit::kOk);
   if (!deployment) {
     Log::info("deployment %s: %s runs when the server offers the action again",
               state.actionId.c_str(), state.describe().c_str());
     return std::nullopt;
   }
-  if (c >= deployment->chunks.size()) return event(Kind::kFailed);
+  if (c >= deployment->chunks.size()) return Event::of(Kind::kFailed);
   auto& chunk = deployment->chunks[c];
   AgentConfig::Install const how = config_.installFor(chunk.part);
   if (how.command.empty()) {
@@ -66,15 +54,15 @@ std::optional<ChunkStep::Event> ChunkStep::install(ActionState& state, deploymen
   if (files.size() != deployment->chunks.size()) {
     files.assign(deployment->chunks.size(), {});
     if (!download_.run(*deployment, *plan, files)) {
-      if (stop_.load()) return event(Kind::kStop);
+      if (stop_.load()) return Event::of(Kind::kStop);
       state.details.push_back("the artifacts could not be fetched again to resume the install");
-      return event(Kind::kFailed);
+      return Event::of(Kind::kFailed);
     }
   }
-  if (how.mode == "file" && files[c].empty()) return exited(Kind::kCommandExited, Exit::kOk);
+  if (how.mode == "file" && files[c].empty()) return Event::of(Kind::kCommandExited, Exit::kOk);
   std::string error;
   if (!lock_.take(stop_, config_.installTimeoutSeconds * 1000LL, error)) {
-    if (error.empty()) return event(Kind::kStop);
+    if (error.empty()) return Event::of(Kind::kStop);
     state.details.push_back("install command not run: " + error);
     return failed(state, deployment, c, "install command not run");
   }
@@ -116,7 +104,7 @@ std::optional<ChunkStep::Event> ChunkStep::install(ActionState& state, deploymen
   if (exit != Exit::kStopped)
     state.details.push_back(label(state, deployment, c) + ": installed" +
                             (exit == Exit::kReboot ? ", reboot needed" : ""));
-  return exited(Kind::kCommandExited, exit);
+  return Event::of(Kind::kCommandExited, exit);
 }
 
 std::string ChunkStep::label(ActionState const& state, deployment_t const* deployment,
@@ -136,7 +124,7 @@ ChunkStep::Event ChunkStep::failed(ActionState& state, deployment_t const* deplo
                           (why.empty() ? "" : " (" + why + ")"));
   for (std::size_t later = c + 1; later < state.chunks.size(); ++later)
     state.details.push_back(label(state, deployment, later) + ": not installed");
-  return exited(Kind::kCommandExited, Exit::kFailed);
+  return Event::of(Kind::kCommandExited, Exit::kFailed);
 }
 
 std::optional<ChunkStep::Event> ChunkStep::recover(ActionState& state,
@@ -154,7 +142,7 @@ std::optional<ChunkStep::Event> ChunkStep::recover(ActionState& state,
   if (!InstallOutcome::read(outcomePath, tag(state), result) || result.exitCode < 0) {
     Log::warning("deployment %s: %s was interrupted and left no outcome; it runs again",
                  state.actionId.c_str(), state.describe().c_str());
-    return event(Kind::kNoOutcome);
+    return Event::of(Kind::kNoOutcome);
   }
   // What a non-zero exit means depends on the chunk's part, known only with
   // the deployment at hand: the outcome is kept and read at the next offer.
@@ -184,5 +172,5 @@ std::optional<ChunkStep::Event> ChunkStep::recover(ActionState& state,
   }
   state.details.push_back(label(state, deployment, state.chunk) + ": installed" +
                           (exit == Exit::kReboot ? ", reboot needed" : ""));
-  return exited(Kind::kRecovered, exit);
+  return Event::of(Kind::kRecovered, exit);
 }

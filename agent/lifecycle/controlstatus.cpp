@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <memory>
 
+#include "agent/base/console.h"
 #include "agent/base/jsontext.h"
 
 namespace {
@@ -27,34 +28,22 @@ char const* awaited(Stage stage) {
 
 }  // namespace
 
-std::string ControlStatus::quoted(std::string const& text) {
-  JsonText::Document const string(cJSON_CreateString(text.c_str()), cJSON_Delete);
-  std::unique_ptr<char, void (*)(void*)> const printed(cJSON_PrintUnformatted(string.get()),
-                                                       cJSON_free);
-  return printed ? printed.get() : "\"\"";
-}
-
-std::string ControlStatus::time(std::time_t when) {
-  std::tm utc{};
-  gmtime_r(&when, &utc);
-  char text[32];
-  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
-  return text;
-}
-
 void ControlStatus::action(ActionState const& state,
                            hawkbit_query_t::deployment_t const* deployment) {
-  channel_.set("state", quoted(ActionState::name(state.stage)));
+  channel_.set("state", JsonText::quoted(ActionState::name(state.stage)));
   bool const idle = state.stage == Stage::kIdle;
-  channel_.set("action", idle ? "" : quoted(state.actionId));
+  channel_.set("action", idle ? "" : JsonText::quoted(state.actionId));
   std::string chunks = "[";
   if (deployment && deployment->id == state.actionId) {
     for (auto const& chunk : deployment->chunks)
-      chunks += std::string(chunks.size() > 1 ? "," : "") + "{\"part\":" + quoted(chunk.part) +
-                ",\"name\":" + quoted(chunk.name) + ",\"version\":" + quoted(chunk.version) + "}";
+      chunks += std::string(chunks.size() > 1 ? "," : "") +
+                "{\"part\":" + JsonText::quoted(chunk.part) +
+                ",\"name\":" + JsonText::quoted(chunk.name) +
+                ",\"version\":" + JsonText::quoted(chunk.version) + "}";
   } else if (!idle) {
     for (auto const& name : state.chunks)
-      chunks += std::string(chunks.size() > 1 ? "," : "") + "{\"name\":" + quoted(name) + "}";
+      chunks +=
+          std::string(chunks.size() > 1 ? "," : "") + "{\"name\":" + JsonText::quoted(name) + "}";
   }
   // The recorded names stand in until a poll brings the parts and versions.
   if (!idle && (chunks.size() > 1 || state.chunks.empty())) channel_.set("chunks", chunks + "]");
@@ -76,21 +65,22 @@ void ControlStatus::progress(std::string const& name, std::uint64_t bytes, std::
                 "\"bytes\":%llu,\"total\":%llu,\"rate\":%.0f,\"percent\":%llu",
                 static_cast<unsigned long long>(bytes), static_cast<unsigned long long>(total),
                 rate, percent);
-  std::string const all = "\"name\":" + quoted(name) + "," + members;
+  std::string const all = "\"name\":" + JsonText::quoted(name) + "," + members;
   channel_.set("download", "{" + all + "}");
   channel_.publish("progress", all);
 }
 
 void ControlStatus::last(char const* result) {
-  channel_.set("last", "{\"result\":" + quoted(result) +
-                           ",\"time\":" + quoted(time(std::time(nullptr))) + "}");
+  channel_.set("last", "{\"result\":" + JsonText::quoted(result) + ",\"time\":" +
+                           JsonText::quoted(Console::utcTime(std::time(nullptr))) + "}");
 }
 
 void ControlStatus::event(std::string const& name,
                           std::vector<std::pair<std::string, std::string>> const& members) {
   std::string text;
   for (auto const& member : members)
-    text += (text.empty() ? "" : ",") + quoted(member.first) + ":" + quoted(member.second);
+    text += (text.empty() ? "" : ",") + JsonText::quoted(member.first) + ":" +
+            JsonText::quoted(member.second);
   channel_.publish(name, text);
 }
 

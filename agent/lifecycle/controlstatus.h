@@ -40,9 +40,6 @@ class ControlStatus {
   void event(std::string const& name,
              std::vector<std::pair<std::string, std::string>> const& members = {});
 
-  static std::string quoted(std::string const& text);
-  static std::string time(std::time_t when);  // 2026-01-02T03:04:05Z
-
  private:
   ControlChannel& channel_;
   std::mutex lock_;  // progress

@@ -3,6 +3,7 @@
 #include "agent/base/console.h"
 #include "agent/base/exitcode.h"
 #include "agent/base/heartbeat.h"
+#include "agent/base/jsontext.h"
 #include "agent/base/log.h"
 #include "agent/commands/command.h"
 #include "agent/server/linkorigin.h"
@@ -50,7 +51,7 @@ UpdateAgent::UpdateAgent(AgentConfig const& config, ControlChannel& channel)
       reader_(config, address_, transport_, [this] { return stopping(); }),
       consent_(config, transport_, server_, reader_, stop_),
       installed_(transport_, server_, reader_) {
-  ui_.set("server", ControlStatus::quoted(address_));
+  ui_.set("server", JsonText::quoted(address_));
   fetcher_.progress().listen([this](std::string const& name, std::uint64_t bytes,
                                     std::uint64_t total, double rate,
                                     bool ended) { ui_.progress(name, bytes, total, rate, ended); });
@@ -128,8 +129,7 @@ void UpdateAgent::wait(std::int64_t seconds) {
     bool const held = action_.state().pollingHeld;
     if (shown != (held ? -2 : interval)) {
       shown = held ? -2 : interval;
-      ui_.set("next_poll",
-              held ? "null" : ControlStatus::quoted(ControlStatus::time(started + interval)));
+      ui_.set("next_poll", held ? "null" : JsonText::quoted(Console::utcTime(started + interval)));
     }
     Clock::time_point const due = from + std::chrono::seconds(interval);
     Clock::time_point const now = Clock::now();
